@@ -1,0 +1,25 @@
+// Path-string operations with the platform's edge behaviour on "/", "",
+// one-character and trailing-slash paths. Paths are plain strings; nothing
+// here touches the file system except the home-folder lookup.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+namespace KVPath {
+QString lastPathComponent(const QString &path);
+QString stringByDeletingLastPathComponent(const QString &path);
+QString pathExtension(const QString &path);
+QString stringByDeletingPathExtension(const QString &path);
+QString stringByAppendingPathComponent(const QString &path, const QString &component);
+QString stringByAppendingPathExtension(const QString &path, const QString &extension);
+QString stringByExpandingTildeInPath(const QString &path);
+QString stringByAbbreviatingWithTildeInPath(const QString &path);
+// Removes repeated and trailing slashes ("/" stays "/").
+QString stringByRemovingRedundantSlashes(const QString &path);
+
+// $HOME when set, else the user database's entry for the current user.
+QString homeDirectory();
+// The home folder of the named user, or a null string when unknown.
+QString homeDirectoryForUser(const QString &user);
+}  // namespace KVPath

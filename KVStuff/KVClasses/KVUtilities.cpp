@@ -1,0 +1,281 @@
+#include "KVUtilities.h"
+
+#include <unicode/datefmt.h>
+#include <unicode/smpdtfmt.h>
+#include <unicode/timezone.h>
+
+#include <QLocale>
+#include <cmath>
+#include <memory>
+
+#include "KVBundle.h"
+#include "KVLog.h"
+#include "KVUserDefaults.h"
+#include "KVUtilities_p.h"
+
+namespace {
+
+// Remembered once non-zero; a zero (nothing known yet) is asked again.
+std::atomic<int> s_decimalSystemVersion{0};
+
+// The bundle type counted by appType, kept packed so that its name is no
+// plain string in the binary: "kvapp".
+constexpr uint32_t kPackedResourceType = 0x010806CB;
+
+bool isAsciiDigit(QChar c) { return c >= u'0' && c <= u'9'; }
+
+icu::UnicodeString toUnicodeString(const QString &text) {
+    return icu::UnicodeString(reinterpret_cast<const char16_t *>(text.utf16()),
+                              int32_t(text.size()));
+}
+
+QString fromUnicodeString(const icu::UnicodeString &text) {
+    return QString(reinterpret_cast<const QChar *>(text.getBuffer()), text.length());
+}
+
+struct VersionParts {
+    QStringView number;
+    int stageRank;
+    QStringView stageNumber;
+};
+
+// "2.5b3" -> "2.5", rank of 'b', "3". Without a letter: a release, stage "0".
+VersionParts splitVersion(const QString &version) {
+    static constexpr QStringView kStages = u"pdabf ";
+    const QStringView text(version);
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        if (!text[i].isLetter()) continue;
+        // Letters outside the table, upper case included, rank with "p".
+        const qsizetype rank = kStages.indexOf(text[i]);
+        return {text.left(i), int(rank < 0 ? 0 : rank), text.mid(i + 1)};
+    }
+    return {text, 5, u"0"};
+}
+
+}  // namespace
+
+// ---- Shared helpers ----
+
+NSComparisonResult KVUtilitiesPrivate::numericCompare(QStringView a, QStringView b,
+                                                      Qt::CaseSensitivity cs) {
+    qsizetype i = 0, j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (isAsciiDigit(a[i]) && isAsciiDigit(b[j])) {
+            // Compare the runs without converting them, so no length overflows:
+            // leading zeros aside, the longer run is the larger number.
+            while (i < a.size() && a[i] == u'0') ++i;
+            while (j < b.size() && b[j] == u'0') ++j;
+            const qsizetype startA = i, startB = j;
+            while (i < a.size() && isAsciiDigit(a[i])) ++i;
+            while (j < b.size() && isAsciiDigit(b[j])) ++j;
+            const qsizetype lengthA = i - startA, lengthB = j - startB;
+            if (lengthA != lengthB) return lengthA < lengthB ? NSOrderedAscending : NSOrderedDescending;
+            const int order = a.mid(startA, lengthA).compare(b.mid(startB, lengthB));
+            if (order != 0) return order < 0 ? NSOrderedAscending : NSOrderedDescending;
+            continue;
+        }
+        char16_t x = a[i].unicode(), y = b[j].unicode();
+        if (cs == Qt::CaseInsensitive) {
+            x = QChar::toCaseFolded(x);
+            y = QChar::toCaseFolded(y);
+        }
+        if (x != y) return x < y ? NSOrderedAscending : NSOrderedDescending;
+        ++i;
+        ++j;
+    }
+    if (i < a.size()) return NSOrderedDescending;
+    if (j < b.size()) return NSOrderedAscending;
+    return NSOrderedSame;
+}
+
+uint64_t KVUtilitiesPrivate::packVersion(uint32_t major, uint32_t minor, uint32_t bugFix) {
+    return uint64_t(major & 0xFFFF) | uint64_t(minor & 0xFFFF) << 16 |
+           uint64_t(bugFix & 0xFFFF) << 32;
+}
+
+uint32_t KVUtilitiesPrivate::majorOf(uint64_t packed) { return packed & 0xFFFF; }
+uint32_t KVUtilitiesPrivate::minorOf(uint64_t packed) { return (packed >> 16) & 0xFFFF; }
+uint32_t KVUtilitiesPrivate::bugFixOf(uint64_t packed) { return (packed >> 32) & 0xFFFF; }
+
+uint32_t KVUtilitiesPrivate::hexSystemVersion(const VersionLookup &lookup) {
+    uint32_t bcd = 0;
+    return lookup(kBCDSelector, bcd) ? bcd : 0;
+}
+
+uint64_t KVUtilitiesPrivate::threePartVersion(const VersionLookup &lookup) {
+    uint32_t major = 0, minor = 0, bugFix = 0;
+    if (lookup(kMajorSelector, major)) {
+        if (!lookup(kMinorSelector, minor)) {
+            minor = 0;
+            kvLog("cannot get minor version number");
+        }
+        if (!lookup(kBugFixSelector, bugFix)) {
+            bugFix = 0;
+            kvLog("cannot get bugfix version number");
+        }
+        return packVersion(major, minor, bugFix);
+    }
+    uint32_t bcd = 0;
+    if (!lookup(kBCDSelector, bcd)) return 0;
+    return packVersion(((bcd >> 12) & 0xF) * 10 + ((bcd >> 8) & 0xF), (bcd >> 4) & 0xF, bcd & 0xF);
+}
+
+int KVUtilitiesPrivate::decimalVersion(uint64_t packed) {
+    return int(majorOf(packed) * 10000 + minorOf(packed) * 100 + bugFixOf(packed));
+}
+
+int KVUtilitiesPrivate::cachedDecimalVersion(std::atomic<int> &cache, const VersionLookup &lookup) {
+    int version = cache.load();
+    if (version == 0) {
+        version = decimalVersion(threePartVersion(lookup));
+        if (version != 0) cache.store(version);
+    }
+    return version;
+}
+
+QString KVUtilitiesPrivate::systemVersionString(uint64_t packed) {
+    const int major = int(majorOf(packed)), minor = int(minorOf(packed));
+    const int bugFix = int(bugFixOf(packed));
+    if (bugFix == 0) return kvFormat("%d.%d", major, minor);
+    return kvFormat("%d.%d.%d", major, minor, bugFix);
+}
+
+QString KVUtilitiesPrivate::safeHTTPS(const QString &url, int decimalVersion) {
+    const qint64 configured = KVUserDefaults::standardUserDefaults().integerForKey("httpsMinSys");
+    // One unsigned comparison admits 100000..109999 and nothing else.
+    const qint64 threshold = quint64(configured) - 100000u < 10000u ? configured : 101300;
+    if (decimalVersion >= threshold) return url;
+    if (url.startsWith(QLatin1String("https:"))) return QLatin1String("http") + url.mid(5);
+    return url;
+}
+
+QString KVUtilitiesPrivate::localizedDateString(const QString &date, const QString &localeName,
+                                                const QString &timeZoneId) {
+    UErrorCode status = U_ZERO_ERROR;
+    // A fixed POSIX locale, so the digits parse the same whatever the user's.
+    icu::SimpleDateFormat parser(icu::UnicodeString(u"yyyy-MM-dd HH:mm:ss Z"),
+                                 icu::Locale("en_US_POSIX"), status);
+    if (U_FAILURE(status)) return QString();
+    parser.setLenient(false);
+    const icu::UnicodeString text = toUnicodeString(date + QLatin1String(" 00:00:00 +0000"));
+    icu::ParsePosition position(0);
+    const UDate instant = parser.parse(text, position);
+    if (position.getErrorIndex() >= 0 || position.getIndex() != text.length()) return QString();
+
+    std::unique_ptr<icu::DateFormat> formatter(icu::DateFormat::createDateInstance(
+        icu::DateFormat::kShort, icu::Locale(localeName.toUtf8().constData())));
+    if (!formatter) return QString();
+    if (!timeZoneId.isEmpty())
+        formatter->adoptTimeZone(icu::TimeZone::createTimeZone(toUnicodeString(timeZoneId)));
+    icu::UnicodeString result;
+    formatter->format(instant, result);
+    return fromUnicodeString(result);
+}
+
+QString KVUtilitiesPrivate::unpackResourceType(uint32_t packed) {
+    QString type;
+    for (; packed != 0; packed >>= 5) type += QChar(char16_t((packed & 0x1F) + 0x60));
+    return type;
+}
+
+// ---- System version ----
+
+uint32_t KVUtilities::hexSystemVersion() {
+    return KVUtilitiesPrivate::hexSystemVersion(KVUtilitiesPrivate::systemVersionLookup);
+}
+
+uint64_t KVUtilities::threePartVersion() {
+    return KVUtilitiesPrivate::threePartVersion(KVUtilitiesPrivate::systemVersionLookup);
+}
+
+int KVUtilities::decimalSystemVersion() {
+    return KVUtilitiesPrivate::cachedDecimalVersion(s_decimalSystemVersion,
+                                                    KVUtilitiesPrivate::systemVersionLookup);
+}
+
+QString KVUtilities::systemVersionString() {
+    return KVUtilitiesPrivate::systemVersionString(threePartVersion());
+}
+
+// ---- The program's own version ----
+
+static QString infoString(const QString &key) {
+    const QString value = KVBundle::mainBundle().objectForInfoDictionaryKey(key).toString();
+    return value.isNull() ? QStringLiteral("") : value;
+}
+
+QString KVUtilities::versionString() { return infoString("CFBundleVersion"); }
+
+QString KVUtilities::applicationName() { return infoString("CFBundleExecutable"); }
+
+QString KVUtilities::plainVersionOf(const QString &version) {
+    for (qsizetype i = 0; i < version.size(); ++i) {
+        if (version[i] != u'.' && !isAsciiDigit(version[i])) return version.left(i);
+    }
+    return version;
+}
+
+QString KVUtilities::plainVersionString() { return plainVersionOf(versionString()); }
+
+NSComparisonResult KVUtilities::compareVersion(const QString &a, const QString &withVersion) {
+    const VersionParts first = splitVersion(a), second = splitVersion(withVersion);
+    const NSComparisonResult numbers =
+        KVUtilitiesPrivate::numericCompare(first.number, second.number);
+    if (numbers != NSOrderedSame) return numbers;
+    if (first.stageRank != second.stageRank)
+        return first.stageRank < second.stageRank ? NSOrderedAscending : NSOrderedDescending;
+    return KVUtilitiesPrivate::numericCompare(first.stageNumber, second.stageNumber);
+}
+
+// ---- Helpers ----
+
+QString KVUtilities::localizedDateString(const QString &date) {
+    return KVUtilitiesPrivate::localizedDateString(date, QLocale::system().name());
+}
+
+QString KVUtilities::safeHTTPS(const QString &url) {
+    return KVUtilitiesPrivate::safeHTTPS(url, decimalSystemVersion());
+}
+
+qsizetype KVUtilities::appType() {
+    const QString type = KVUtilitiesPrivate::unpackResourceType(kPackedResourceType);
+    return KVBundle::mainBundle().pathsForResourcesOfType(type).size();
+}
+
+// ---- System-release predicates ----
+
+double KVUtilities::kitVersionNumber() { return KVUtilitiesPrivate::kitVersionNumber(); }
+
+// The mixture is deliberate: the three oldest round the kit version down (one
+// of them strictly), the rest compare it as it is, one against a fraction.
+bool KVUtilities::pantherOrOlder(double kit) { return std::floor(kit) <= 743.0; }
+bool KVUtilities::leopardOrNewer(double kit) { return std::floor(kit) > 824.0; }
+bool KVUtilities::snowleopardOrNewer(double kit) { return std::floor(kit) >= 1038.0; }
+bool KVUtilities::lionOrNewer(double kit) { return kit >= 1138.0; }
+bool KVUtilities::mountainLionOrNewer(double kit) { return kit >= 1187.0; }
+bool KVUtilities::mavericksOrNewer(double kit) { return kit >= 1265.0; }
+bool KVUtilities::yosemiteOrNewer(double kit) { return kit >= 1343.0; }
+bool KVUtilities::elCapitanOrNewer(double kit) { return kit >= 1404.0; }
+bool KVUtilities::sierraOrNewer(double kit) { return kit >= 1490.0; }
+bool KVUtilities::highSierraOrNewer(double kit) { return kit >= 1537.2; }
+bool KVUtilities::mojaveOrNewer(double kit) { return kit >= 1639.0; }
+bool KVUtilities::catalinaOrNewer(double kit) { return kit >= 1861.0; }
+bool KVUtilities::bigSurOrNewer(double kit) { return kit >= 2000.0; }
+bool KVUtilities::montereyOrNewer(double kit) { return kit >= 2080.0; }
+bool KVUtilities::venturaOrNewer(double kit) { return kit >= 2299.0; }
+
+bool KVUtilities::pantherOrOlder() { return pantherOrOlder(kitVersionNumber()); }
+bool KVUtilities::leopardOrNewer() { return leopardOrNewer(kitVersionNumber()); }
+bool KVUtilities::snowleopardOrNewer() { return snowleopardOrNewer(kitVersionNumber()); }
+bool KVUtilities::lionOrNewer() { return lionOrNewer(kitVersionNumber()); }
+bool KVUtilities::mountainLionOrNewer() { return mountainLionOrNewer(kitVersionNumber()); }
+bool KVUtilities::mavericksOrNewer() { return mavericksOrNewer(kitVersionNumber()); }
+bool KVUtilities::yosemiteOrNewer() { return yosemiteOrNewer(kitVersionNumber()); }
+bool KVUtilities::elCapitanOrNewer() { return elCapitanOrNewer(kitVersionNumber()); }
+bool KVUtilities::sierraOrNewer() { return sierraOrNewer(kitVersionNumber()); }
+bool KVUtilities::highSierraOrNewer() { return highSierraOrNewer(kitVersionNumber()); }
+bool KVUtilities::mojaveOrNewer() { return mojaveOrNewer(kitVersionNumber()); }
+bool KVUtilities::catalinaOrNewer() { return catalinaOrNewer(kitVersionNumber()); }
+bool KVUtilities::bigSurOrNewer() { return bigSurOrNewer(kitVersionNumber()); }
+bool KVUtilities::montereyOrNewer() { return montereyOrNewer(kitVersionNumber()); }
+bool KVUtilities::venturaOrNewer() { return venturaOrNewer(kitVersionNumber()); }

@@ -1,0 +1,25 @@
+// Real application bundles for tests: a folder in the macOS layout with an
+// Info.plist and a copy of the kvtest_child program as its executable.
+#pragma once
+
+#include <QString>
+#include <QVariantMap>
+#include <sys/types.h>
+
+#include "KVPropertyList.h"
+
+namespace TestBundle {
+// Creates folder/name.app with the info dictionary (CFBundleExecutable
+// defaults to the name) and the child program inside; returns the bundle's
+// path. Without an executable only the folders and the plist are made.
+QString make(const QString &folder, const QString &name, QVariantMap info = {},
+             bool withExecutable = true,
+             KVPropertyList::Format format = KVPropertyList::Format::Xml);
+QString executableOf(const QString &bundlePath);
+
+// Starts the program as a child process (in its own process group) with the
+// arguments and waits until it says it is ready; returns its pid or -1.
+pid_t start(const QString &program, const QStringList &arguments = {});
+// Sends SIGKILL and reaps the child.
+void stop(pid_t pid);
+}  // namespace TestBundle

@@ -1,0 +1,44 @@
+#include "TestEnvironment.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <cstdlib>
+#include <memory>
+
+namespace {
+std::unique_ptr<QTemporaryDir> s_root;
+int s_counter = 0;
+
+void pointAt(const char *variable, const QString &folder) {
+    QDir().mkpath(folder);
+    qputenv(variable, QFile::encodeName(folder));
+}
+}  // namespace
+
+void TestEnvironment::setUp() {
+    s_root = std::make_unique<QTemporaryDir>(QDir::tempPath() + "/kvtest-XXXXXX");
+    const QString base = s_root->path();
+    pointAt("HOME", base + "/home");
+    pointAt("XDG_CONFIG_HOME", base + "/home/.config");
+    pointAt("XDG_DATA_HOME", base + "/home/.local/share");
+    pointAt("XDG_STATE_HOME", base + "/home/.local/state");
+    pointAt("XDG_CACHE_HOME", base + "/home/.cache");
+}
+
+void TestEnvironment::tearDown() { s_root.reset(); }
+
+QString TestEnvironment::root() { return s_root ? s_root->path() : QString(); }
+
+QString TestEnvironment::makeTempDir(const QString &hint) {
+    const QString path = QString("%1/tmp/%2-%3").arg(root(), hint).arg(++s_counter);
+    QDir().mkpath(path);
+    return path;
+}
+
+bool TestEnvironment::writeFile(const QString &path, const QByteArray &bytes) {
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}

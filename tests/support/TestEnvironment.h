@@ -1,0 +1,17 @@
+// Every test process runs with its own HOME and XDG folders under one
+// temporary root, so no test reads or writes the real home folder.
+#pragma once
+
+#include <QString>
+
+namespace TestEnvironment {
+// Creates the root and points HOME, XDG_CONFIG_HOME, XDG_DATA_HOME,
+// XDG_STATE_HOME and XDG_CACHE_HOME into it. Called once by the test main.
+void setUp();
+void tearDown();
+QString root();
+// A new empty folder below the root, named after the hint.
+QString makeTempDir(const QString &hint);
+// Writes the bytes to the path, creating its folders.
+bool writeFile(const QString &path, const QByteArray &bytes);
+}  // namespace TestEnvironment
