@@ -1,1 +1,26 @@
-int main() { return 0; }
+// The installer's entry point: hand the command line to the application and
+// let the controller set everything up.
+#include <QApplication>
+
+#include "InstallerWinController.h"
+#include "KVBundle.h"
+#include "KVLocalization.h"
+#include "KVUserDefaults.h"
+
+int main(int argc, char **argv) {
+    // The vector as started: the application object removes the words it
+    // knows, and the controller must see every one.
+    QStringList words;
+    for (int i = 0; i < argc; ++i) words << QString::fromLocal8Bit(argv[i]);
+    KVUserDefaults::setArgumentDomain(words);
+
+    // Without any display the start-up still runs, on the offscreen platform.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY") &&
+        qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+    KVLocalization::installTranslations(KVBundle::mainBundle(), QStringLiteral("Installer"));
+
+    InstallerWinController controller(words, KVBundle::mainBundle().bundlePath());
+    return controller.awakeFromNib() ? 0 : 1;
+}

@@ -1,0 +1,15 @@
+#include "KVInstallerInterface.h"
+
+const QString KVInstallerKeyProductName = QStringLiteral("productName");
+const QString KVInstallerKeyVersion = QStringLiteral("version");
+const QString KVInstallerKeyMinSystemVersion = QStringLiteral("minSystemVersion");
+const QString KVInstallerKeySourcePath = QStringLiteral("sourcePath");
+const QString KVInstallerKeyDestinationPath = QStringLiteral("destinationPath");
+const QString KVInstallerKeyDocumentationPath = QStringLiteral("documentationPath");
+const QString KVInstallerKeyReadMePath = QStringLiteral("readMePath");
+const QString KVInstallerKeyProductCode = QStringLiteral("productCode");
+const QString KVInstallerKeyQuitCode = QStringLiteral("quitCode");
+const QString KVInstallerKeyIconPath = QStringLiteral("iconPath");
+const QString KVInstallerKeyWrapperPath = QStringLiteral("wrapperPath");
+const QString KVInstallerCompletionSound = QStringLiteral("completionSound");
+const QString KVInstallerCompletionQuit = QStringLiteral("completionQuit");

@@ -1,0 +1,381 @@
+#include "KVProcess.h"
+
+#include <QCryptographicHash>
+#include <QStringList>
+#include <algorithm>
+
+#include "KVFileManager.h"
+#include "KVFormat.h"
+#include "KVFourCharCode.h"
+#include "KVPath.h"
+#include "KVProcess_p.h"
+#include "KVUserDefaults.h"
+
+namespace OS = KVProcessPrivate;
+
+const QString KVPlatformCocoa = QStringLiteral("Cocoa");
+const QString KVPlatformCarbon = QStringLiteral("Carbon");
+const QString KVPlatformJava = QStringLiteral("Java");
+const QString KVProcessUINotification = QStringLiteral("KVProcessUINotification");
+const QString KVProcessChangeNotification = QStringLiteral("KVProcessChangeNotification");
+
+namespace {
+
+// Never destroyed: records hold icons, which must not outlive the
+// application object that static destruction runs after.
+QList<KVProcessRef> &cache() {
+    static auto *list = new QList<KVProcessRef>;
+    return *list;
+}
+
+KVProcessRef &currentProcessRecord() {
+    static auto *record = new KVProcessRef;
+    return *record;
+}
+
+bool isString(const QVariant &value) { return value.typeId() == QMetaType::QString; }
+
+// Info.plist booleans come as <true/>, as numbers or as texts like "YES".
+bool isTrue(const QVariant &value) {
+    switch (value.typeId()) {
+        case QMetaType::Bool:
+            return value.toBool();
+        case QMetaType::QString:
+            return KVUserDefaults::boolValue(value.toString());
+        case QMetaType::Int:
+        case QMetaType::UInt:
+        case QMetaType::LongLong:
+        case QMetaType::ULongLong:
+        case QMetaType::Double:
+            return value.toDouble() != 0.0;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+// ---- Lookups ----
+
+KVProcessRef KVProcess::processWithSerialNumber(const ProcessSerialNumber &psn) {
+    if (KVProcessRef cached = cachedProcessWithSerialNumber(psn)) return cached;
+    auto process = std::make_shared<KVProcess>(psn);
+    process->addToCache();
+    return process;
+}
+
+KVProcessRef KVProcess::processWithPID(pid_t pid) {
+    installNotifications();
+    const auto psn = OS::serialNumberForPID(pid);
+    return psn ? processWithSerialNumber(*psn) : nullptr;
+}
+
+KVProcessRef KVProcess::processWithSignature(OSType signature) {
+    installNotifications();
+    for (const ProcessSerialNumber &psn : OS::processList()) {
+        const auto information = OS::processInformation(psn);
+        if (information && information->signature == signature) return processWithSerialNumber(psn);
+    }
+    return nullptr;
+}
+
+KVProcessRef KVProcess::processWithSignatureString(const QString &signature) {
+    return processWithSignature(KVFourCharCode::fromString(signature));
+}
+
+KVProcessRef KVProcess::processWithIdentifier(const QString &identifier) {
+    if (identifier.isNull()) return nullptr;
+    for (const KVProcessRef &process : allProcesses()) {
+        if (process->identifier() == identifier) return process;
+    }
+    return nullptr;
+}
+
+KVProcessRef KVProcess::currentProcess() {
+    KVProcessRef &current = currentProcessRecord();
+    if (current) return current;
+    installNotifications();
+    // On failure the static stays empty so that the next call tries again.
+    if (const auto psn = OS::currentSerialNumber()) current = processWithSerialNumber(*psn);
+    return current;
+}
+
+KVProcessRef KVProcess::frontProcess() {
+    const auto psn = OS::frontSerialNumber();
+    return psn ? processWithSerialNumber(*psn) : nullptr;
+}
+
+QList<KVProcessRef> KVProcess::allProcesses() {
+    installNotifications();
+    QList<KVProcessRef> processes;
+    for (const ProcessSerialNumber &psn : OS::processList())
+        processes.append(processWithSerialNumber(psn));
+    return processes;
+}
+
+// ---- Cache ----
+
+qsizetype KVProcess::indexOfCachedProcessWithSerialNumber(const ProcessSerialNumber &psn) {
+    const QList<KVProcessRef> &list = cache();
+    for (qsizetype i = 0; i < list.size(); ++i) {
+        if (list.at(i)->isSameProcess(psn)) return i;
+    }
+    return NSNotFound;
+}
+
+KVProcessRef KVProcess::cachedProcessWithSerialNumber(const ProcessSerialNumber &psn) {
+    const qsizetype index = indexOfCachedProcessWithSerialNumber(psn);
+    if (index == NSNotFound) return nullptr;
+    QList<KVProcessRef> &list = cache();
+    if (index > 0) {
+        list.insert(0, list.at(index));
+        list.removeAt(index + 1);
+    }
+    return list.first();
+}
+
+void KVProcess::addToCache() {
+    if (KVProcessRef self = weak_from_this().lock()) cache().insert(0, self);
+}
+
+void KVProcess::cleanupCache() {
+    QList<KVProcessRef> &list = cache();
+    for (qsizetype i = 0; i < list.size();) {
+        if (list.at(i)->isStillRunning())
+            ++i;
+        else
+            list.removeAt(i);
+    }
+}
+
+QList<KVProcessRef> KVProcess::cachedProcesses() { return cache(); }
+
+// Application start and end events keep the cache clean; they are installed
+// by the notification layer, which is not built yet.
+void KVProcess::installNotifications() {}
+
+// ---- Record ----
+
+KVProcess::KVProcess(const ProcessSerialNumber &psn) : m_psn(psn) { installNotifications(); }
+
+pid_t KVProcess::unixPID() const { return OS::pidForSerialNumber(m_psn); }
+
+bool KVProcess::isStillRunning() const { return OS::pidForSerialNumber(m_psn) != 0; }
+
+bool KVProcess::getProcessInfo() const {
+    if (m_hasProcessInfo) return true;
+    const auto information = OS::processInformation(m_psn);
+    if (!information) return false;
+    m_signature = information->signature;
+    m_name = information->name;
+    m_hasProcessInfo = true;
+    return true;
+}
+
+QString KVProcess::name() const { return getProcessInfo() ? m_name : QString(); }
+
+OSType KVProcess::signature() const { return getProcessInfo() ? m_signature : 0; }
+
+QString KVProcess::signatureString() const {
+    if (!getProcessInfo()) return QStringLiteral("");
+    return KVFourCharCode::toString(m_signature);
+}
+
+QString KVProcess::signatureHexString() const {
+    // Each byte travels as a sign-extended char, so bytes from 0x80 up print
+    // as FFFFFFxx; readers of these strings expect exactly that.
+    const OSType code = signature();
+    const auto byte = [code](int shift) { return int(static_cast<signed char>(code >> shift)); };
+    return kvFormat("%02X%02X%02X%02X", byte(24), byte(16), byte(8), byte(0));
+}
+
+QVariantMap KVProcess::infoDictionary() const {
+    if (m_infoDictionary.isEmpty()) m_infoDictionary = OS::informationDictionary(m_psn);
+    return m_infoDictionary;
+}
+
+QString KVProcess::identifier() const {
+    const QVariant value = infoDictionary().value(QStringLiteral("CFBundleIdentifier"));
+    return isString(value) ? value.toString() : QStringLiteral("");
+}
+
+QString KVProcess::path() const {
+    if (m_path.isNull()) m_path = OS::bundleLocation(m_psn);
+    return m_path;
+}
+
+std::optional<KVBundle> KVProcess::bundle() const {
+    const QString location = path();
+    if (location.isNull()) return std::nullopt;
+    return KVBundle::bundleWithPath(location);
+}
+
+QString KVProcess::displayName() const {
+    if (m_displayName.isNull()) {
+        m_displayName = OS::displayName(m_psn);
+        if (m_displayName.isNull()) m_displayName = name();
+    }
+    return m_displayName;
+}
+
+QString KVProcess::appName() const {
+    if (m_appName.isNull()) {
+        const QString location = path();
+        if (!location.isNull()) m_appName = KVPath::lastPathComponent(location);
+        // A helper that hosts other programs is known by its bundle's name.
+        if (m_appName == QStringLiteral("WinAppHelper")) {
+            const auto helperBundle = bundle();
+            m_appName = helperBundle ? KVFileManager::displayNameAtPath(helperBundle->bundlePath())
+                                     : QString();
+        }
+        if (m_appName.isNull()) m_appName = displayName();
+    }
+    return m_appName;
+}
+
+QIcon KVProcess::icon() const {
+    if (!m_icon) m_icon = OS::iconForFile(path());
+    return *m_icon;
+}
+
+bool KVProcess::isFrontProcess() const { return isEqual(frontProcess()); }
+
+bool KVProcess::isBackgroundOnly() const {
+    const QVariantMap info = infoDictionary();
+    return isTrue(info.value(QStringLiteral("LSBackgroundOnly"))) ||
+           isTrue(info.value(QStringLiteral("LSUIElement")));
+}
+
+bool KVProcess::isCocoa() const {
+    if (m_cocoaStatus != 0) return m_cocoaStatus == 1;
+    m_cocoaStatus = 2;
+    const QString location = path();
+    if (!location.isNull() && OS::isApplicationPackage(location)) {
+        if (const auto package = KVBundle::bundleWithPath(location)) {
+            const QVariant principal =
+                package->objectForInfoDictionaryKey(QStringLiteral("NSPrincipalClass"));
+            if (isString(principal)) m_cocoaStatus = 1;
+        }
+    }
+    return m_cocoaStatus == 1;
+}
+
+QString KVProcess::platform() const {
+    if (isCocoa()) return KVPlatformCocoa;
+    if (identifier().contains(QStringLiteral(".java"))) return KVPlatformJava;
+    return KVPlatformCarbon;
+}
+
+// ---- Versions ----
+
+QString KVProcess::version() const {
+    if (!m_version.isNull()) return m_version;
+    m_version = QStringLiteral("1.0");
+    if (!getProcessInfo() || path().isNull()) return m_version;
+    if (const auto processBundle = bundle()) {
+        const QVariantMap info = processBundle->infoDictionary();
+        const QVariant shortVersion = info.value(QStringLiteral("CFBundleShortVersionString"));
+        const QVariant bundleVersion = info.value(QStringLiteral("CFBundleVersion"));
+        // A short version without a dot is usually a build number.
+        if (isString(shortVersion) && shortVersion.toString().contains(QLatin1Char('.')))
+            m_version = shortVersion.toString();
+        else if (isString(bundleVersion))
+            m_version = bundleVersion.toString();
+    } else if (const QString carbon = carbonVersion(); !carbon.isNull()) {
+        m_version = carbon;
+    }
+    return m_version;
+}
+
+QString KVProcess::carbonVersion() const {
+    const QString location = path();
+    if (location.isNull()) return QString();
+    return versionFromVersResource(OS::versionResource(location));
+}
+
+QString KVProcess::versionFromVersResource(const QByteArray &resource) {
+    if (resource.size() < 4) return QString();
+    // The bytes are read from the far end: byte 3 is the major number.
+    const auto byte = [&resource](int i) { return int(uint8_t(resource.at(i))); };
+    const int major = (byte(3) >> 4) * 10 + (byte(3) & 0x0F);
+    const int minor = byte(2) >> 4;
+    const int bug = byte(2) & 0x0F;
+    const uint32_t stage = uint32_t(byte(1));
+    const int revision = byte(0);
+
+    QString result =
+        bug != 0 ? kvFormat("%d.%d.%d", major, minor, bug) : kvFormat("%d.%d", major, minor);
+    if (revision != 0) {
+        // Development 0x20, alpha 0x40 and beta 0x60 map to 0, 1 and 2; every
+        // other stage (final 0x80 included) rotates to 3 or more: no letter.
+        const uint32_t offset = stage - 0x20;
+        const uint32_t index = (offset >> 5) | (offset << 27);
+        static const char *const kStageLetters[] = {"d", "a", "b"};
+        const QString letter = index < 3 ? QString::fromLatin1(kStageLetters[index]) : QString("");
+        result = kvFormat("%@%@%d", result, letter, revision);
+    }
+    return result;
+}
+
+int KVProcess::majorVersionNumber() const { return int(KVUserDefaults::integerValue(version())); }
+
+bool KVProcess::isAtLeastVersion(const QString &wanted) const {
+    const QStringList own = version().split(QLatin1Char('.'));
+    const QStringList other = wanted.split(QLatin1Char('.'));
+    const auto component = [](const QStringList &parts, qsizetype i) {
+        return i < parts.size() ? KVUserDefaults::integerValue(parts.at(i)) : 0;
+    };
+    for (qsizetype i = 0; i < std::max(own.size(), other.size()); ++i) {
+        const qint64 mine = component(own, i);
+        const qint64 theirs = component(other, i);
+        if (mine != theirs) return mine > theirs;
+    }
+    return true;
+}
+
+// ---- Hash strings ----
+
+QString KVProcess::hashStringSource() const {
+    const QString bundleIdentifier = identifier();
+    if (!bundleIdentifier.isEmpty()) return QStringLiteral("id:") + bundleIdentifier;
+    const QString code = signatureString();
+    if (!code.isEmpty() && code != QStringLiteral("????")) return QStringLiteral("sig:") + code;
+    return QStringLiteral("name:") + name();
+}
+
+QString KVProcess::hashString() const {
+    const QByteArray digest =
+        QCryptographicHash::hash(hashStringSource().toUtf8(), QCryptographicHash::Md5);
+    return QString::fromLatin1(digest.toHex());
+}
+
+// ---- Identity ----
+
+bool KVProcess::isSameProcess(const ProcessSerialNumber &psn) const { return m_psn == psn; }
+
+bool KVProcess::isEqual(const KVProcess *other) const {
+    if (other == this) return true;
+    return other != nullptr && isSameProcess(other->serialNumber());
+}
+
+uint32_t KVProcess::hash() const { return m_psn.highLongOfPSN + m_psn.lowLongOfPSN; }
+
+NSComparisonResult KVProcess::compare(const KVProcess &other) const {
+    const int order = QString::compare(name(), other.name(), Qt::CaseInsensitive);
+    return order < 0 ? NSOrderedAscending : order > 0 ? NSOrderedDescending : NSOrderedSame;
+}
+
+// ---- Custom information ----
+
+void KVProcess::setInfo(const QVariant &value, const QString &forKey) {
+    if (value.isNull())
+        m_customInfo.remove(forKey);
+    else
+        m_customInfo.insert(forKey, value);
+}
+
+QVariant KVProcess::infoForKey(const QString &key) const { return m_customInfo.value(key); }
+
+void KVProcess::setInfo(const QVariant &value) { setInfo(value, QStringLiteral("")); }
+
+QVariant KVProcess::info() const { return infoForKey(QStringLiteral("")); }

@@ -1,0 +1,254 @@
+// The Linux half of KVProcess: processes come from /proc, and a process's
+// bundle is the ".app" folder that encloses its executable.
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileIconProvider>
+#include <QFileInfo>
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <vector>
+
+#include "KVBundle.h"
+#include "KVFourCharCode.h"
+#include "KVPath.h"
+#include "KVProcess_p.h"
+
+namespace {
+
+constexpr OSType kUnknownSignature = 0x3F3F3F3F;         // '????'
+constexpr unsigned long kKernelThreadFlag = 0x00200000;  // PF_KTHREAD
+
+QByteArray readProcFile(pid_t pid, const char *entry) {
+    QByteArray contents;
+    const QByteArray path = "/proc/" + QByteArray::number(pid) + "/" + entry;
+    const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return contents;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        contents.append(buffer, n);
+    }
+    close(fd);
+    return contents;
+}
+
+struct ProcStat {
+    char state = '?';
+    unsigned long flags = 0;
+    unsigned long long startTime = 0;  // clock ticks since boot
+};
+
+std::optional<ProcStat> readStat(pid_t pid) {
+    if (pid <= 0) return std::nullopt;
+    const QByteArray line = readProcFile(pid, "stat");
+    // The command name in parentheses may itself hold spaces and ")".
+    const qsizetype nameEnd = line.lastIndexOf(')');
+    if (nameEnd < 0) return std::nullopt;
+    const QList<QByteArray> fields = line.mid(nameEnd + 2).split(' ');
+    // fields[0] is field 3 (state), fields[6] field 9 (flags), fields[19]
+    // field 22 (start time).
+    if (fields.size() < 20 || fields.at(0).isEmpty()) return std::nullopt;
+    ProcStat stat;
+    stat.state = fields.at(0).at(0);
+    stat.flags = fields.at(6).toULong();
+    stat.startTime = fields.at(19).toULongLong();
+    return stat;
+}
+
+bool hasEnded(const ProcStat &stat) { return stat.state == 'Z' || stat.state == 'X'; }
+
+std::optional<uid_t> realUserID(pid_t pid) {
+    for (const QByteArray &line : readProcFile(pid, "status").split('\n')) {
+        if (!line.startsWith("Uid:")) continue;
+        bool ok = false;
+        const uid_t uid = line.mid(4).simplified().split(' ').value(0).toUInt(&ok);
+        if (ok) return uid;
+    }
+    return std::nullopt;
+}
+
+ProcessSerialNumber serialNumberOf(pid_t pid, const ProcStat &stat) {
+    return {uint32_t(stat.startTime & 0xFFFFFFFFu), uint32_t(pid)};
+}
+
+// Whether the pid is a live process of the current user, and its identity.
+std::optional<ProcessSerialNumber> listedSerialNumber(pid_t pid) {
+    const auto stat = readStat(pid);
+    if (!stat || hasEnded(*stat) || (stat->flags & kKernelThreadFlag)) return std::nullopt;
+    if (realUserID(pid) != getuid()) return std::nullopt;
+    return serialNumberOf(pid, *stat);
+}
+
+pid_t runningPID(const ProcessSerialNumber &psn) {
+    const pid_t pid = pid_t(psn.lowLongOfPSN);
+    const auto stat = readStat(pid);
+    if (!stat || hasEnded(*stat) || serialNumberOf(pid, *stat) != psn) return 0;
+    return pid;
+}
+
+// The executable's path, or a null string when it cannot be read (another
+// user's process, a kernel thread).
+QString executablePath(pid_t pid) {
+    const QByteArray link = "/proc/" + QByteArray::number(pid) + "/exe";
+    std::vector<char> buffer(4096);
+    for (;;) {
+        const ssize_t n = readlink(link.constData(), buffer.data(), buffer.size());
+        if (n < 0) return QString();
+        if (size_t(n) < buffer.size()) {
+            QString path = QFile::decodeName(QByteArray(buffer.data(), n));
+            // An executable replaced on disk (as by an update) still runs.
+            const QLatin1String deleted(" (deleted)");
+            if (path.endsWith(deleted)) path.chop(deleted.size());
+            return path;
+        }
+        buffer.resize(buffer.size() * 2);
+    }
+}
+
+QString commandName(pid_t pid) {
+    return QString::fromLocal8Bit(readProcFile(pid, "comm")).trimmed();
+}
+
+// Where a running process lives: its executable and the enclosing bundle.
+struct Location {
+    pid_t pid = 0;
+    QString executable;
+    QString bundle;
+    QVariantMap info;  // the bundle's Info.plist
+};
+
+std::optional<Location> locate(const ProcessSerialNumber &psn) {
+    Location location;
+    location.pid = runningPID(psn);
+    if (location.pid == 0) return std::nullopt;
+    location.executable = executablePath(location.pid);
+    if (!location.executable.isNull()) {
+        location.bundle = KVBundle::enclosingApplicationBundle(location.executable);
+        if (!location.bundle.isNull()) {
+            if (const auto bundle = KVBundle::bundleWithPath(location.bundle))
+                location.info = bundle->infoDictionary();
+        }
+    }
+    return location;
+}
+
+QString nonEmptyString(const QVariantMap &info, const QString &key) {
+    const QVariant value = info.value(key);
+    if (value.typeId() != QMetaType::QString || value.toString().isEmpty()) return QString();
+    return value.toString();
+}
+
+QString nameOf(const Location &location) {
+    QString name = nonEmptyString(location.info, QStringLiteral("CFBundleName"));
+    if (name.isNull() && !location.executable.isNull())
+        name = KVPath::lastPathComponent(location.executable);
+    if (name.isNull()) name = commandName(location.pid);
+    return name;
+}
+
+}  // namespace
+
+QList<ProcessSerialNumber> KVProcessPrivate::processList() {
+    std::vector<pid_t> pids;
+    if (DIR *proc = opendir("/proc")) {
+        while (const dirent *entry = readdir(proc)) {
+            char *end = nullptr;
+            const long pid = std::strtol(entry->d_name, &end, 10);
+            if (pid > 0 && *end == '\0') pids.push_back(pid_t(pid));
+        }
+        closedir(proc);
+    }
+    std::sort(pids.begin(), pids.end());
+    QList<ProcessSerialNumber> list;
+    for (const pid_t pid : pids) {
+        if (const auto psn = listedSerialNumber(pid)) list.append(*psn);
+    }
+    return list;
+}
+
+std::optional<ProcessSerialNumber> KVProcessPrivate::serialNumberForPID(pid_t pid) {
+    return listedSerialNumber(pid);
+}
+
+std::optional<ProcessSerialNumber> KVProcessPrivate::currentSerialNumber() {
+    return listedSerialNumber(getpid());
+}
+
+// The front window's owner comes from X11 (_NET_ACTIVE_WINDOW), which is not
+// wired up yet: until it is, there is no front process.
+std::optional<ProcessSerialNumber> KVProcessPrivate::frontSerialNumber() { return std::nullopt; }
+
+pid_t KVProcessPrivate::pidForSerialNumber(const ProcessSerialNumber &psn) {
+    return runningPID(psn);
+}
+
+std::optional<KVProcessPrivate::ProcessInformation> KVProcessPrivate::processInformation(
+    const ProcessSerialNumber &psn) {
+    const auto location = locate(psn);
+    if (!location) return std::nullopt;
+    ProcessInformation information;
+    information.name = nameOf(*location);
+    if (information.name.isNull()) information.name = QStringLiteral("");
+    const QString code = nonEmptyString(location->info, QStringLiteral("CFBundleSignature"));
+    const OSType signature = code.size() == 4 ? KVFourCharCode::fromString(code) : 0;
+    information.signature = signature != 0 ? signature : kUnknownSignature;
+    return information;
+}
+
+QString KVProcessPrivate::bundleLocation(const ProcessSerialNumber &psn) {
+    // Outside a bundle the executable stands in, so copies can still be found.
+    const auto location = locate(psn);
+    if (!location) return QString();
+    return location->bundle.isNull() ? location->executable : location->bundle;
+}
+
+QVariantMap KVProcessPrivate::informationDictionary(const ProcessSerialNumber &psn) {
+    const auto location = locate(psn);
+    if (!location) return {};
+    QVariantMap info = location->info;
+    if (location->bundle.isNull())
+        info.insert(QStringLiteral("CFBundleName"), nameOf(*location));
+    else
+        info.insert(QStringLiteral("BundlePath"), location->bundle);
+    info.insert(QStringLiteral("pid"), int(location->pid));
+    if (!location->executable.isNull())
+        info.insert(QStringLiteral("CFBundleExecutablePath"), location->executable);
+    return info;
+}
+
+QString KVProcessPrivate::displayName(const ProcessSerialNumber &psn) {
+    const auto location = locate(psn);
+    if (!location) return QString();
+    return nonEmptyString(location->info, QStringLiteral("CFBundleDisplayName"));
+}
+
+bool KVProcessPrivate::isApplicationPackage(const QString &path) {
+    return path.endsWith(QLatin1String(".app")) && QFileInfo(path).isDir() &&
+           QFileInfo(path + QStringLiteral("/Contents/Info.plist")).isFile();
+}
+
+// Linux files have no resource forks, so there is never a 'vers' resource.
+QByteArray KVProcessPrivate::versionResource(const QString &) { return QByteArray(); }
+
+QIcon KVProcessPrivate::iconForFile(const QString &path) {
+    if (path.isEmpty() || !QFileInfo::exists(path)) return QIcon();
+    if (const auto bundle = KVBundle::bundleWithPath(path)) {
+        const QString iconFile =
+            nonEmptyString(bundle->infoDictionary(), QStringLiteral("CFBundleIconFile"));
+        if (!iconFile.isNull()) {
+            const QString base = bundle->resourcePath() + QLatin1Char('/') + iconFile;
+            for (const QString &candidate :
+                 {base, base + QStringLiteral(".icns"), base + QStringLiteral(".png")}) {
+                if (QFileInfo(candidate).isFile()) return QIcon(candidate);
+            }
+        }
+    }
+    return QFileIconProvider().icon(QFileInfo(path));
+}

@@ -69,7 +69,8 @@ NSComparisonResult KVUtilitiesPrivate::numericCompare(QStringView a, QStringView
             while (i < a.size() && isAsciiDigit(a[i])) ++i;
             while (j < b.size() && isAsciiDigit(b[j])) ++j;
             const qsizetype lengthA = i - startA, lengthB = j - startB;
-            if (lengthA != lengthB) return lengthA < lengthB ? NSOrderedAscending : NSOrderedDescending;
+            if (lengthA != lengthB)
+                return lengthA < lengthB ? NSOrderedAscending : NSOrderedDescending;
             const int order = a.mid(startA, lengthA).compare(b.mid(startB, lengthB));
             if (order != 0) return order < 0 ? NSOrderedAscending : NSOrderedDescending;
             continue;
@@ -210,7 +211,7 @@ QString KVUtilities::applicationName() { return infoString("CFBundleExecutable")
 
 QString KVUtilities::plainVersionOf(const QString &version) {
     for (qsizetype i = 0; i < version.size(); ++i) {
-        if (version[i] != u'.' && !isAsciiDigit(version[i])) return version.left(i);
+        if (version[i] != u'.' && !isAsciiDigit(version[i])) return version.left(i + 1);
     }
     return version;
 }

@@ -1,6 +1,7 @@
 // The Linux half: the system version is the kernel release.
 #include <sys/utsname.h>
 
+#include <QList>
 #include <algorithm>
 
 #include "KVUtilities_p.h"

@@ -1,0 +1,122 @@
+// The record of one running process: identity, names, bundle, signature,
+// version and caller-attached values, plus lookups that hand out one shared
+// record per process from a most-recently-used cache.
+//
+// Main thread only: the cache and the class-wide statics are not locked.
+#pragma once
+
+#include <sys/types.h>
+
+#include <QIcon>
+#include <QList>
+#include <QString>
+#include <QVariant>
+#include <QVariantMap>
+#include <memory>
+#include <optional>
+
+#include "KVBundle.h"
+#include "KVCompatibility.h"
+
+class KVProcess;
+// Records are shared; a null reference means "no such process".
+using KVProcessRef = std::shared_ptr<KVProcess>;
+
+extern const QString KVPlatformCocoa;
+extern const QString KVPlatformCarbon;
+extern const QString KVPlatformJava;
+extern const QString KVProcessUINotification;
+extern const QString KVProcessChangeNotification;
+
+class KVProcess : public std::enable_shared_from_this<KVProcess> {
+public:
+    // Lookups. Asking twice for the same process gives the identical record
+    // while it stays in the cache.
+    static KVProcessRef processWithSerialNumber(const ProcessSerialNumber &psn);
+    static KVProcessRef processWithPID(pid_t pid);
+    static KVProcessRef processWithSignature(OSType signature);
+    static KVProcessRef processWithSignatureString(const QString &signature);
+    static KVProcessRef processWithIdentifier(const QString &identifier);
+    static KVProcessRef currentProcess();
+    static KVProcessRef frontProcess();
+    // The user's processes in the system's order, background ones included.
+    static QList<KVProcessRef> allProcesses();
+
+    // The cache, most recently used first.
+    static qsizetype indexOfCachedProcessWithSerialNumber(const ProcessSerialNumber &psn);
+    static KVProcessRef cachedProcessWithSerialNumber(const ProcessSerialNumber &psn);
+    static void cleanupCache();
+    static QList<KVProcessRef> cachedProcesses();
+    // Puts this record at the front of the cache (no duplicate check). Only a
+    // record owned by a KVProcessRef can be cached.
+    void addToCache();
+
+    // Fetches nothing; lookups are the usual way to get a record.
+    explicit KVProcess(const ProcessSerialNumber &psn);
+    KVProcess(const KVProcess &) = delete;
+    KVProcess &operator=(const KVProcess &) = delete;
+
+    ProcessSerialNumber serialNumber() const { return m_psn; }
+    // 0 once the process has ended.
+    pid_t unixPID() const;
+    bool isStillRunning() const;
+    // Fetches name and signature once; false when the process is gone.
+    bool getProcessInfo() const;
+    QString name() const;
+    OSType signature() const;
+    QString signatureString() const;
+    QString signatureHexString() const;
+    QVariantMap infoDictionary() const;
+    QString identifier() const;
+    // The bundle, or for a process outside any bundle its executable.
+    QString path() const;
+    std::optional<KVBundle> bundle() const;
+    QString displayName() const;
+    QString appName() const;
+    QIcon icon() const;
+    bool isFrontProcess() const;
+    bool isBackgroundOnly() const;
+    bool isCocoa() const;
+    QString platform() const;
+
+    QString version() const;
+    QString carbonVersion() const;
+    int majorVersionNumber() const;
+    bool isAtLeastVersion(const QString &version) const;
+    // Decodes the first four bytes of an old-style 'vers' resource; a null
+    // string when there are fewer.
+    static QString versionFromVersResource(const QByteArray &resource);
+
+    QString hashStringSource() const;
+    QString hashString() const;
+
+    bool isSameProcess(const ProcessSerialNumber &psn) const;
+    bool isEqual(const KVProcess *other) const;
+    bool isEqual(const KVProcessRef &other) const { return isEqual(other.get()); }
+    uint32_t hash() const;
+    // Case-insensitive order of the names, for sorting lists.
+    NSComparisonResult compare(const KVProcess &other) const;
+
+    // Values callers attach to the record; a null value removes the key.
+    void setInfo(const QVariant &value, const QString &forKey);
+    QVariant infoForKey(const QString &key) const;
+    void setInfo(const QVariant &value);
+    QVariant info() const;
+
+private:
+    static void installNotifications();
+
+    const ProcessSerialNumber m_psn;
+    // Filled lazily and never refreshed.
+    mutable QVariantMap m_infoDictionary;
+    mutable OSType m_signature = 0;
+    mutable QString m_name;
+    mutable bool m_hasProcessInfo = false;
+    mutable QString m_displayName;
+    mutable QString m_appName;
+    mutable QString m_path;
+    mutable QString m_version;
+    mutable std::optional<QIcon> m_icon;
+    mutable int m_cocoaStatus = 0;  // 0 unknown, 1 Cocoa, 2 not Cocoa
+    QVariantMap m_customInfo;
+};
