@@ -1,0 +1,23 @@
+// Captures what the process writes to standard error (where log lines go)
+// while the object lives.
+#pragma once
+
+#include <QString>
+#include <QTemporaryFile>
+
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+
+    // Everything written so far.
+    QString text() const;
+    // The messages of the log lines so far, without their date/process prefix.
+    QStringList messages() const;
+
+private:
+    QTemporaryFile m_file;
+    int m_savedFd = -1;
+};
