@@ -1,6 +1,8 @@
 #include "Unprivileged.h"
 
-#include <QFileInfo>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 #include <QProcess>
 #include <unistd.h>
 
@@ -9,7 +11,16 @@ QString Unprivileged::userName() { return QStringLiteral("kvtest"); }
 bool Unprivileged::isRoot() { return geteuid() == 0; }
 
 int Unprivileged::runTests(const QString &filter, QString *output) {
-    const QString self = QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget();
+    // The build tree may lie where the user cannot reach (a checkout under
+    // /root); a copy of the binary in a temporary folder always can be run.
+    QTemporaryDir copyFolder(QDir::tempPath() + "/kvtest-bin-XXXXXX");
+    const QString self = copyFolder.filePath(QStringLiteral("tests"));
+    if (!QFile::copy(QStringLiteral("/proc/self/exe"), self)) return -1;
+    QFile::setPermissions(copyFolder.path(), QFile::ReadOwner | QFile::WriteOwner |
+                                                 QFile::ExeOwner | QFile::ReadOther |
+                                                 QFile::ExeOther);
+    QFile::setPermissions(self, QFile::ReadOwner | QFile::ExeOwner | QFile::ReadOther |
+                                    QFile::ExeOther);
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(QStringLiteral("runuser"),
