@@ -6,6 +6,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "KVCLocale_p.h"
 #include "KVDescription.h"
 
 long long KVFormatArg::toSigned() const {
@@ -100,6 +101,7 @@ QByteArray printfPattern(const Spec &spec, const char *length, char conversion) 
 
 template <typename T>
 QString printNumber(const QByteArray &pattern, T value) {
+    const KVCLocaleScope cLocale;
     const int size = std::snprintf(nullptr, 0, pattern.constData(), value);
     if (size < 0) return {};
     std::vector<char> buffer(size_t(size) + 1);

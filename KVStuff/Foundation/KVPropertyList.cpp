@@ -9,6 +9,8 @@
 #include <memory>
 #include <plist/plist.h>
 
+#include "KVCLocale_p.h"
+
 namespace {
 
 // Property-list dates count seconds from 2001-01-01 00:00:00 UTC.
@@ -139,6 +141,8 @@ plist_t fromVariant(const QVariant &v) {
 QVariant KVPropertyList::fromData(const QByteArray &data) {
     if (data.isEmpty() || data.size() > kMaximumFileSize) return {};
     plist_t root = nullptr;
+    // The XML reader takes <real> values with atof.
+    const KVCLocaleScope cLocale;
     plist_from_memory(data.constData(), uint32_t(data.size()), &root);
     PlistPtr owner(root);
     return toVariant(root, 0);
@@ -154,6 +158,7 @@ QByteArray KVPropertyList::toData(const QVariant &value, Format format) {
     PlistPtr root(fromVariant(value));
     char *bytes = nullptr;
     uint32_t length = 0;
+    const KVCLocaleScope cLocale;
     if (format == Format::Xml) {
         plist_to_xml(root.get(), &bytes, &length);
     } else {

@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "KVBundle.h"
+#include "KVCLocale_p.h"
 #include "KVPath.h"
 
 namespace {
@@ -136,6 +137,7 @@ qint64 KVUserDefaults::integerValue(const QString &text) {
 
 double KVUserDefaults::doubleValue(const QString &text) {
     const QByteArray latin = text.toLatin1();
+    const KVCLocaleScope cLocale;
     const double value = std::strtod(latin.constData(), nullptr);
     return std::isfinite(value) ? value : 0.0;
 }

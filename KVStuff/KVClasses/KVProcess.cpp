@@ -101,6 +101,7 @@ KVProcessRef KVProcess::currentProcess() {
 }
 
 KVProcessRef KVProcess::frontProcess() {
+    installNotifications();
     const auto psn = OS::frontSerialNumber();
     return psn ? processWithSerialNumber(*psn) : nullptr;
 }

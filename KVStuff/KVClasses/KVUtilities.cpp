@@ -141,10 +141,11 @@ QString KVUtilitiesPrivate::systemVersionString(uint64_t packed) {
     return kvFormat("%d.%d.%d", major, minor, bugFix);
 }
 
-QString KVUtilitiesPrivate::safeHTTPS(const QString &url, int decimalVersion) {
+QString KVUtilitiesPrivate::safeHTTPS(const QString &url, int decimalVersion,
+                                      int defaultThreshold) {
     const qint64 configured = KVUserDefaults::standardUserDefaults().integerForKey("httpsMinSys");
     // One unsigned comparison admits 100000..109999 and nothing else.
-    const qint64 threshold = quint64(configured) - 100000u < 10000u ? configured : 101300;
+    const qint64 threshold = quint64(configured) - 100000u < 10000u ? configured : defaultThreshold;
     if (decimalVersion >= threshold) return url;
     if (url.startsWith(QLatin1String("https:"))) return QLatin1String("http") + url.mid(5);
     return url;
@@ -211,7 +212,7 @@ QString KVUtilities::applicationName() { return infoString("CFBundleExecutable")
 
 QString KVUtilities::plainVersionOf(const QString &version) {
     for (qsizetype i = 0; i < version.size(); ++i) {
-        if (version[i] != u'.' && !isAsciiDigit(version[i])) return version.left(i + 1);
+        if (version[i] != u'.' && !isAsciiDigit(version[i])) return version.left(i);
     }
     return version;
 }
@@ -235,7 +236,8 @@ QString KVUtilities::localizedDateString(const QString &date) {
 }
 
 QString KVUtilities::safeHTTPS(const QString &url) {
-    return KVUtilitiesPrivate::safeHTTPS(url, decimalSystemVersion());
+    return KVUtilitiesPrivate::safeHTTPS(url, decimalSystemVersion(),
+                                         KVUtilitiesPrivate::defaultHTTPSThreshold());
 }
 
 qsizetype KVUtilities::appType() {

@@ -53,3 +53,8 @@ bool KVUtilitiesPrivate::systemVersionLookup(OSType selector, uint32_t &value) {
 
 // No application kit here; this number turns the appearance code paths on.
 double KVUtilitiesPrivate::kitVersionNumber() { return 2299.0; }
+
+// The decimal version here is the kernel's (6.1.0 is 60100), which says
+// nothing of TLS: every kernel this builds on has it, so nothing is downgraded
+// unless "httpsMinSys" asks for it.
+int KVUtilitiesPrivate::defaultHTTPSThreshold() { return 0; }

@@ -54,8 +54,12 @@ int decimalVersion(uint64_t packed);
 int cachedDecimalVersion(std::atomic<int> &cache, const VersionLookup &lookup);
 QString systemVersionString(uint64_t packed);
 
-// The URL as seen by a system of the given decimal version.
-QString safeHTTPS(const QString &url, int decimalVersion);
+// The URL as seen by a system of the given decimal version, with the
+// threshold used when "httpsMinSys" holds no accepted value.
+QString safeHTTPS(const QString &url, int decimalVersion, int defaultThreshold = 101300);
+// The platform's own threshold: the decimal version from which its systems
+// speak current TLS.
+int defaultHTTPSThreshold();
 
 // The date in the named locale ("de_DE") and IANA time zone (empty: the
 // default zone).

@@ -22,26 +22,27 @@ VersionLookup answering(QMap<OSType, uint32_t> answers) {
 }
 }  // namespace
 
-TEST(VersionComparison, OrdersStagesBeforeTheRelease) {
+TEST(KVUtilitiesVersionComparison, OrdersStagesBeforeTheRelease) {
     EXPECT_EQ(KVUtilities::compareVersion("2.5", "2.5b3"), NSOrderedDescending);
     EXPECT_EQ(KVUtilities::compareVersion("2.5a9", "2.5b1"), NSOrderedAscending);
     EXPECT_EQ(KVUtilities::compareVersion("2.5p1", "2.5d1"), NSOrderedAscending);
     EXPECT_EQ(KVUtilities::compareVersion("1.0", "1.0f1"), NSOrderedDescending);
 }
 
-TEST(VersionComparison, ComparesNumbersByValue) {
+TEST(KVUtilitiesVersionComparison, ComparesNumbersByValue) {
     EXPECT_EQ(KVUtilities::compareVersion("1.10", "1.9"), NSOrderedDescending);
     EXPECT_EQ(KVUtilities::compareVersion("2.5b3", "2.5b10"), NSOrderedAscending);
     EXPECT_EQ(KVUtilities::compareVersion("2.5", "2.5.0"), NSOrderedAscending);
+    EXPECT_EQ(KVUtilities::compareVersion("2.5.1", "2.5"), NSOrderedDescending);
     EXPECT_EQ(KVUtilities::compareVersion("2.1.3", "2.1.3"), NSOrderedSame);
 }
 
-TEST(VersionComparison, RanksUnknownAndUpperCaseLettersLikeP) {
+TEST(KVUtilitiesVersionComparison, RanksUnknownAndUpperCaseLettersLikeP) {
     EXPECT_EQ(KVUtilities::compareVersion("1.0X1", "1.0p1"), NSOrderedSame);
     EXPECT_EQ(KVUtilities::compareVersion("1.0B1", "1.0d1"), NSOrderedAscending);
 }
 
-TEST(NumericCompare, ComparesDigitRunsByValueAndOtherUnitsByCode) {
+TEST(KVUtilitiesNumericCompare, ComparesDigitRunsByValueAndOtherUnitsByCode) {
     EXPECT_EQ(numericCompare(u"file9", u"file10"), NSOrderedAscending);
     EXPECT_EQ(numericCompare(u"a007", u"a7"), NSOrderedSame);
     EXPECT_EQ(numericCompare(u"99999999999999999999", u"100000000000000000000"),
@@ -49,7 +50,7 @@ TEST(NumericCompare, ComparesDigitRunsByValueAndOtherUnitsByCode) {
     EXPECT_EQ(numericCompare(u"a", u"B", Qt::CaseInsensitive), NSOrderedAscending);
 }
 
-TEST(PlainVersion, KeepsTheLeadingDigitsAndDots) {
+TEST(KVUtilitiesPlainVersion, KeepsTheLeadingDigitsAndDots) {
     EXPECT_EQ(KVUtilities::plainVersionOf("2.1b3"), "2.1");
     EXPECT_EQ(KVUtilities::plainVersionOf("4.0.2 (512)"), "4.0.2");
     EXPECT_EQ(KVUtilities::plainVersionOf("v2"), "");
@@ -58,7 +59,7 @@ TEST(PlainVersion, KeepsTheLeadingDigitsAndDots) {
     EXPECT_EQ(KVUtilities::plainVersionOf(version).constData(), version.constData());
 }
 
-TEST(ReleasePredicates, SwitchAtTheirThresholdsWithTheirOwnRounding) {
+TEST(KVUtilitiesReleasePredicates, SwitchAtTheirThresholdsWithTheirOwnRounding) {
     using KV = KVUtilities;
     // The three oldest round down, one of them strictly above.
     EXPECT_TRUE(KV::pantherOrOlder(743.9));
@@ -86,13 +87,13 @@ TEST(ReleasePredicates, SwitchAtTheirThresholdsWithTheirOwnRounding) {
     }
 }
 
-TEST(ReleasePredicates, ThisSystemCountsAsTheNewestRelease) {
+TEST(KVUtilitiesReleasePredicates, ThisSystemCountsAsTheNewestRelease) {
     EXPECT_EQ(KVUtilities::kitVersionNumber(), 2299.0);
     EXPECT_TRUE(KVUtilities::venturaOrNewer());
     EXPECT_FALSE(KVUtilities::pantherOrOlder());
 }
 
-TEST(SystemVersion, AsksForMinorAndBugFixAfterTheMajor) {
+TEST(KVUtilitiesSystemVersion, AsksForMinorAndBugFixAfterTheMajor) {
     testing::internal::CaptureStderr();
     const uint64_t packed =
         threePartVersion(answering({{kMajorSelector, 13}, {kBCDSelector, 0x1049}}));
@@ -105,26 +106,26 @@ TEST(SystemVersion, AsksForMinorAndBugFixAfterTheMajor) {
               13u | 2ull << 16 | 1ull << 32);
 }
 
-TEST(SystemVersion, DecodesTheBCDWordWhenTheMajorIsUnknown) {
+TEST(KVUtilitiesSystemVersion, DecodesTheBCDWordWhenTheMajorIsUnknown) {
     const uint64_t packed = threePartVersion(answering({{kBCDSelector, 0x1049}}));
     EXPECT_EQ(decimalVersion(packed), 100409);
     EXPECT_EQ(systemVersionString(packed), "10.4.9");
     EXPECT_EQ(threePartVersion(answering({})), 0u);
 }
 
-TEST(SystemVersion, PrintsTwoPartsWhenTheBugFixIsZero) {
+TEST(KVUtilitiesSystemVersion, PrintsTwoPartsWhenTheBugFixIsZero) {
     EXPECT_EQ(systemVersionString(packVersion(13, 0, 0)), "13.0");
     EXPECT_EQ(systemVersionString(packVersion(13, 2, 1)), "13.2.1");
 }
 
-TEST(SystemVersion, RemembersOnlyANonZeroDecimalVersion) {
+TEST(KVUtilitiesSystemVersion, RemembersOnlyANonZeroDecimalVersion) {
     std::atomic<int> cache{0};
     EXPECT_EQ(cachedDecimalVersion(cache, answering({})), 0);
     EXPECT_EQ(cachedDecimalVersion(cache, answering({{kBCDSelector, 0x1049}})), 100409);
     EXPECT_EQ(cachedDecimalVersion(cache, answering({{kBCDSelector, 0x1130}})), 100409);
 }
 
-TEST(SystemVersion, ReadsTheKernelRelease) {
+TEST(KVUtilitiesSystemVersion, ReadsTheKernelRelease) {
     const auto read = [](const char *release, OSType selector) {
         uint32_t value = 12345;
         return kernelReleaseLookup(release, selector, value) ? int64_t(value) : -1;
@@ -136,7 +137,7 @@ TEST(SystemVersion, ReadsTheKernelRelease) {
     EXPECT_EQ(read("rc.1", kMajorSelector), -1);
 }
 
-TEST(SystemVersion, MatchesTheRunningKernel) {
+TEST(KVUtilitiesSystemVersion, MatchesTheRunningKernel) {
     struct utsname names;
     ASSERT_EQ(uname(&names), 0);
     const uint64_t packed = KVUtilities::threePartVersion();
@@ -145,7 +146,7 @@ TEST(SystemVersion, MatchesTheRunningKernel) {
     EXPECT_NE(KVUtilities::hexSystemVersion(), 0u);
 }
 
-class SafeHTTPS : public testing::Test {
+class KVUtilitiesSafeHTTPS : public testing::Test {
 protected:
     void SetUp() override { defaults().removeObjectForKey("httpsMinSys"); }
     void TearDown() override { defaults().removeObjectForKey("httpsMinSys"); }
@@ -153,13 +154,13 @@ protected:
     const QString url = "https://example.org/?b=https:", plain = "http://example.org/?b=https:";
 };
 
-TEST_F(SafeHTTPS, DowngradesBelowTheDefaultThreshold) {
+TEST_F(KVUtilitiesSafeHTTPS, DowngradesBelowTheDefaultThreshold) {
     EXPECT_EQ(safeHTTPS(url, 101299), plain);
     EXPECT_EQ(safeHTTPS(url, 101300), url);
     EXPECT_EQ(safeHTTPS("ftp://example.org", 90000), "ftp://example.org");
 }
 
-TEST_F(SafeHTTPS, HonoursAConfiguredThresholdOnlyWithinTen) {
+TEST_F(KVUtilitiesSafeHTTPS, HonoursAConfiguredThresholdOnlyWithinTen) {
     defaults().setObject(101000, "httpsMinSys");
     EXPECT_EQ(safeHTTPS(url, 101200), url);
     defaults().setObject(109999, "httpsMinSys");
@@ -170,26 +171,33 @@ TEST_F(SafeHTTPS, HonoursAConfiguredThresholdOnlyWithinTen) {
     EXPECT_EQ(safeHTTPS(url, 101299), plain);
 }
 
-TEST(LocalizedDate, FormatsMidnightUTCAsAShortDateInTheLocale) {
+TEST_F(KVUtilitiesSafeHTTPS, KeepsHttpsOnThisPlatformUnlessConfiguredHigher) {
+    EXPECT_EQ(KVUtilities::safeHTTPS(url), url);
+    // The kernel's decimal version (6.1.0 is 60100) is below every accepted value.
+    defaults().setObject(109999, "httpsMinSys");
+    EXPECT_EQ(KVUtilities::safeHTTPS(url), plain);
+}
+
+TEST(KVUtilitiesLocalizedDate, FormatsMidnightUTCAsAShortDateInTheLocale) {
     EXPECT_EQ(localizedDateString("2024-03-07", "en_US", "UTC"), "3/7/24");
     EXPECT_EQ(localizedDateString("2024-03-07", "de_DE", "UTC"), "07.03.24");
     EXPECT_EQ(localizedDateString("2024-03-07", "en_US", "America/New_York"), "3/6/24");
 }
 
-TEST(LocalizedDate, GivesNullForWhatDoesNotParse) {
+TEST(KVUtilitiesLocalizedDate, GivesNullForWhatDoesNotParse) {
     EXPECT_TRUE(localizedDateString("7 March 2024", "en_US", "UTC").isNull());
     EXPECT_TRUE(localizedDateString("2024-02-30", "en_US", "UTC").isNull());
     EXPECT_TRUE(KVUtilities::localizedDateString("").isNull());
     EXPECT_FALSE(KVUtilities::localizedDateString("2024-03-07").isEmpty());
 }
 
-TEST(MainBundleInfo, GivesEmptyStringsWithoutAnInfoDictionary) {
+TEST(KVUtilitiesMainBundleInfo, GivesEmptyStringsWithoutAnInfoDictionary) {
     EXPECT_FALSE(KVUtilities::versionString().isNull());
     EXPECT_EQ(KVUtilities::versionString(), "");
     EXPECT_EQ(KVUtilities::applicationName(), "");
 }
 
-TEST(MainBundleInfo, CountsTheBundlesOwnResourceType) {
+TEST(KVUtilitiesMainBundleInfo, CountsTheBundlesOwnResourceType) {
     const qsizetype before = KVUtilities::appType();
     const QString path = KVBundle::mainBundle().resourcePath() + "/counted.kvapp";
     ASSERT_TRUE(QFile(path).open(QIODevice::WriteOnly));
