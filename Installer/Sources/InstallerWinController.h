@@ -60,6 +60,11 @@ public:
     QString localizedPath(const QString &path) const;
     QString recursiveLocalizedPath(const QString &path) const;
 
+    // Running copies: ask every process with a quit code (the installer
+    // excepted) to quit; name the first that still runs.
+    void quitProcesses();
+    QString processToQuitStillRunning() const;
+
     // Where both standard streams go when launched with arguments.
     static QString logFilePath();
 

@@ -1,17 +1,31 @@
 #include "KVProcess.h"
 
 #include <QCryptographicHash>
+#include <QRecursiveMutex>
+#include <QElapsedTimer>
 #include <QStringList>
+#include <cstdio>
+#include <cstdlib>
+#include <chrono>
+#include <thread>
 #include <algorithm>
 
+#include "KVAppleEvent.h"
 #include "KVFileManager.h"
 #include "KVFormat.h"
 #include "KVFourCharCode.h"
 #include "KVPath.h"
 #include "KVProcess_p.h"
+#include "KVLog.h"
 #include "KVUserDefaults.h"
+#include "KVWindowServer.h"
 
 namespace OS = KVProcessPrivate;
+
+namespace {
+constexpr OSType kCoreEventClass = 0x61657674;     // 'aevt'
+constexpr OSType kAEQuitApplication = 0x71756974;  // 'quit'
+}  // namespace
 
 const QString KVPlatformCocoa = QStringLiteral("Cocoa");
 const QString KVPlatformCarbon = QStringLiteral("Carbon");
@@ -20,6 +34,15 @@ const QString KVProcessUINotification = QStringLiteral("KVProcessUINotification"
 const QString KVProcessChangeNotification = QStringLiteral("KVProcessChangeNotification");
 
 namespace {
+
+// The installer's worker thread lists and quits processes while the main
+// thread may look them up: one lock guards the cache, the statics and every
+// lazily filled value of a record. Recursive, since lookups nest.
+QRecursiveMutex &classLock() {
+    static QRecursiveMutex lock;
+    return lock;
+}
+using Guard = QMutexLocker<QRecursiveMutex>;
 
 // Never destroyed: records hold icons, which must not outlive the
 // application object that static destruction runs after.
@@ -58,6 +81,7 @@ bool isTrue(const QVariant &value) {
 // ---- Lookups ----
 
 KVProcessRef KVProcess::processWithSerialNumber(const ProcessSerialNumber &psn) {
+    const Guard guard(&classLock());
     if (KVProcessRef cached = cachedProcessWithSerialNumber(psn)) return cached;
     auto process = std::make_shared<KVProcess>(psn);
     process->addToCache();
@@ -92,6 +116,7 @@ KVProcessRef KVProcess::processWithIdentifier(const QString &identifier) {
 }
 
 KVProcessRef KVProcess::currentProcess() {
+    const Guard guard(&classLock());
     KVProcessRef &current = currentProcessRecord();
     if (current) return current;
     installNotifications();
@@ -117,6 +142,7 @@ QList<KVProcessRef> KVProcess::allProcesses() {
 // ---- Cache ----
 
 qsizetype KVProcess::indexOfCachedProcessWithSerialNumber(const ProcessSerialNumber &psn) {
+    const Guard guard(&classLock());
     const QList<KVProcessRef> &list = cache();
     for (qsizetype i = 0; i < list.size(); ++i) {
         if (list.at(i)->isSameProcess(psn)) return i;
@@ -125,6 +151,7 @@ qsizetype KVProcess::indexOfCachedProcessWithSerialNumber(const ProcessSerialNum
 }
 
 KVProcessRef KVProcess::cachedProcessWithSerialNumber(const ProcessSerialNumber &psn) {
+    const Guard guard(&classLock());
     const qsizetype index = indexOfCachedProcessWithSerialNumber(psn);
     if (index == NSNotFound) return nullptr;
     QList<KVProcessRef> &list = cache();
@@ -136,10 +163,12 @@ KVProcessRef KVProcess::cachedProcessWithSerialNumber(const ProcessSerialNumber 
 }
 
 void KVProcess::addToCache() {
+    const Guard guard(&classLock());
     if (KVProcessRef self = weak_from_this().lock()) cache().insert(0, self);
 }
 
 void KVProcess::cleanupCache() {
+    const Guard guard(&classLock());
     QList<KVProcessRef> &list = cache();
     for (qsizetype i = 0; i < list.size();) {
         if (list.at(i)->isStillRunning())
@@ -149,7 +178,10 @@ void KVProcess::cleanupCache() {
     }
 }
 
-QList<KVProcessRef> KVProcess::cachedProcesses() { return cache(); }
+QList<KVProcessRef> KVProcess::cachedProcesses() {
+    const Guard guard(&classLock());
+    return cache();
+}
 
 // Application start and end events keep the cache clean; they are installed
 // by the notification layer, which is not built yet.
@@ -164,6 +196,7 @@ pid_t KVProcess::unixPID() const { return OS::pidForSerialNumber(m_psn); }
 bool KVProcess::isStillRunning() const { return OS::pidForSerialNumber(m_psn) != 0; }
 
 bool KVProcess::getProcessInfo() const {
+    const Guard guard(&classLock());
     if (m_hasProcessInfo) return true;
     const auto information = OS::processInformation(m_psn);
     if (!information) return false;
@@ -191,6 +224,7 @@ QString KVProcess::signatureHexString() const {
 }
 
 QVariantMap KVProcess::infoDictionary() const {
+    const Guard guard(&classLock());
     if (m_infoDictionary.isEmpty()) m_infoDictionary = OS::informationDictionary(m_psn);
     return m_infoDictionary;
 }
@@ -201,6 +235,7 @@ QString KVProcess::identifier() const {
 }
 
 QString KVProcess::path() const {
+    const Guard guard(&classLock());
     if (m_path.isNull()) m_path = OS::bundleLocation(m_psn);
     return m_path;
 }
@@ -212,6 +247,7 @@ std::optional<KVBundle> KVProcess::bundle() const {
 }
 
 QString KVProcess::displayName() const {
+    const Guard guard(&classLock());
     if (m_displayName.isNull()) {
         m_displayName = OS::displayName(m_psn);
         if (m_displayName.isNull()) m_displayName = name();
@@ -220,6 +256,7 @@ QString KVProcess::displayName() const {
 }
 
 QString KVProcess::appName() const {
+    const Guard guard(&classLock());
     if (m_appName.isNull()) {
         const QString location = path();
         if (!location.isNull()) m_appName = KVPath::lastPathComponent(location);
@@ -235,6 +272,7 @@ QString KVProcess::appName() const {
 }
 
 QIcon KVProcess::icon() const {
+    const Guard guard(&classLock());
     if (!m_icon) m_icon = OS::iconForFile(path());
     return *m_icon;
 }
@@ -248,6 +286,7 @@ bool KVProcess::isBackgroundOnly() const {
 }
 
 bool KVProcess::isCocoa() const {
+    const Guard guard(&classLock());
     if (m_cocoaStatus != 0) return m_cocoaStatus == 1;
     m_cocoaStatus = 2;
     const QString location = path();
@@ -270,6 +309,7 @@ QString KVProcess::platform() const {
 // ---- Versions ----
 
 QString KVProcess::version() const {
+    const Guard guard(&classLock());
     if (!m_version.isNull()) return m_version;
     m_version = QStringLiteral("1.0");
     if (!getProcessInfo() || path().isNull()) return m_version;
@@ -366,16 +406,181 @@ NSComparisonResult KVProcess::compare(const KVProcess &other) const {
     return order < 0 ? NSOrderedAscending : order > 0 ? NSOrderedDescending : NSOrderedSame;
 }
 
+// ---- Timing and diagnostics ----
+
+QDateTime KVProcess::launchDate() const {
+    const Guard guard(&classLock());
+    if (m_launchDate.isValid()) return m_launchDate;
+    const pid_t pid = unixPID();
+    if (pid != 0) {
+        m_launchDate = QDateTime::fromMSecsSinceEpoch(qint64(proc_start_time(pid) * 1000.0));
+    } else {
+        kvLog("*** Cannot get launch date for %@", name());
+        m_launchDate = QDateTime::currentDateTime();
+    }
+    return m_launchDate;
+}
+
+float KVProcess::secondsRunning() const {
+    return float(double(launchDate().msecsTo(QDateTime::currentDateTime())) / 1000.0);
+}
+
+double KVProcess::cpuTime() const {
+    const pid_t pid = unixPID();
+    return pid == 0 ? 0.0 : proc_cpu_time(pid);
+}
+
+QString KVProcess::description() const {
+    return kvFormat("Process \"%@\" (%@) %@", name(), signatureString(), version());
+}
+
+QString KVProcess::detailedDescription() const {
+    return kvFormat("%@ V%@ (%@/%@)", name(), version(), signatureString(), identifier());
+}
+
+QString KVProcess::processListForDiagnosticsReport() {
+    QStringList foreground, background;
+    foreground.reserve(100);
+    background.reserve(100);
+    for (const KVProcessRef &process : allProcesses())
+        (process->isBackgroundOnly() ? background : foreground) << process->detailedDescription();
+    for (QStringList *list : {&foreground, &background}) {
+        std::sort(list->begin(), list->end(), [](const QString &a, const QString &b) {
+            return QString::compare(a, b, Qt::CaseInsensitive) < 0;
+        });
+        if (list->isEmpty()) *list << QStringLiteral("none");
+    }
+    return kvFormat("Foreground processes:\n%@\n\nBackground processes:\n%@\n",
+                    foreground.join(QLatin1Char('\n')), background.join(QLatin1Char('\n')));
+}
+
+// ---- Quitting ----
+
+bool KVProcess::quitRunningApplicationWithTimeout(float timeout) {
+    const QString processName = name();
+    const pid_t pid = unixPID();
+    if (pid == 0) {
+        kvLog("cannot quit %@: no pid", processName);
+        return false;
+    }
+    if (OS::pidForSerialNumber(m_psn) != pid) {
+        kvLog("cannot quit %@: no process found", processName);
+        return false;
+    }
+    // One phase: send the request every millisecond until the process is gone
+    // or the time-out has passed. A request that cannot be delivered means
+    // the process is gone already; that line counts the failed attempt too.
+    const auto phase = [&](bool (*send)(pid_t), const char *stoppedLine,
+                           const char *terminatedLine) {
+        QElapsedTimer clock;
+        clock.start();
+        const auto elapsed = [&clock] { return double(clock.nsecsElapsed()) / 1e9; };
+        for (int attempts = 0;;) {
+            if (!(elapsed() < double(timeout))) return false;
+            if (!send(pid)) {
+                kvLog(QLatin1String(stoppedLine), processName, elapsed(), attempts + 1);
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            ++attempts;
+            if (!isStillRunning()) {
+                kvLog(QLatin1String(terminatedLine), processName, elapsed(), attempts);
+                return true;
+            }
+        }
+    };
+    if (phase(OS::terminate, "quit %@: process stopped after %1.3fs (%d attempts)",
+              "quit %@: terminated after %1.3fs (%d attempts)"))
+        return true;
+    if (phase(OS::forceTerminate, "foce-quit %@: process stopped after %1.3fs (%d attempts)",
+              "force-quit %@: terminated after %1.3fs (%d attempts)"))
+        return true;
+    kvLog("quitting %@ failed", processName);
+    return false;
+}
+
+void KVProcess::quit() {
+    if (quitRunningApplicationWithTimeout(4.0f)) return;
+    // The fallback goes to the process the serial number names, which may
+    // have ended: the send then fails with a logged code.
+    const pid_t target = pid_t(m_psn.lowLongOfPSN);
+    if (target <= 0) {
+        kvLog("quitting %@ failed (%d; could not create descriptor)", name(), KVAppleEvent::paramErr);
+        return;
+    }
+    const int error = KVAppleEvent::send(target, kCoreEventClass, kAEQuitApplication, QString(), 0);
+    if (error != KVAppleEvent::noErr)
+        kvLog("quitting %@ failed (%d; could not send event)", name(), error);
+}
+
+void KVProcess::forceQuit() {
+    const pid_t pid = unixPID();
+    if (pid == 0) return;
+    char command[100];
+    std::snprintf(command, sizeof command, "kill -9 %d", int(pid));
+    // The command's own result tells nothing the caller could act on.
+    const int status = std::system(command);
+    (void)status;
+}
+
+// ---- Windows and events ----
+
+void KVProcess::wakeUp() { OS::wakeUp(unixPID()); }
+
+void KVProcess::setHidden(bool hidden) { KVWindowServer::setProcessHidden(unixPID(), hidden); }
+
+void KVProcess::setFrontProcess() { KVWindowServer::bringProcessToFront(unixPID(), false); }
+
+void KVProcess::setFrontProcessFrontWindowOnly() {
+    KVWindowServer::bringProcessToFront(unixPID(), true);
+}
+
+void KVProcess::temporarilySwitchOut() {
+    if (const KVProcessRef current = currentProcess()) current->setFrontProcess();
+    setFrontProcessFrontWindowOnly();
+    wakeUp();
+}
+
+void KVProcess::sendAppleEventClass(OSType eventClass, OSType eventID) {
+    const int error = KVAppleEvent::send(unixPID(), eventClass, eventID, QString(), 0);
+    if (error != KVAppleEvent::noErr) kvLog("*** event error: %d", error);
+}
+
+void KVProcess::sendAppleEventClass(OSType eventClass, OSType eventID, float timeout) {
+    const auto sampleFrontCPU = [] {
+        if (const KVProcessRef front = frontProcess()) (void)front->cpuTime();
+    };
+    sampleFrontCPU();
+    // The time-out travels in ticks of 1/60 s, truncated like the original.
+    const int ticks = int(double(timeout) * 60.0);
+    const int milliseconds = std::max(1, ticks * 1000 / 60);
+    QElapsedTimer sent;
+    sent.start();
+    const int error = KVAppleEvent::send(unixPID(), eventClass, eventID, QString(), milliseconds);
+    if (error != KVAppleEvent::noErr) kvLog("*** event error: %d", error);
+    (void)sent.elapsed();
+    sampleFrontCPU();
+}
+
+void KVProcess::sendAppleEventClass(OSType eventClass, OSType eventID, const QString &parameter) {
+    // Sent without waiting; errors are not reported.
+    (void)KVAppleEvent::send(pid_t(m_psn.lowLongOfPSN), eventClass, eventID, parameter, 0);
+}
+
 // ---- Custom information ----
 
 void KVProcess::setInfo(const QVariant &value, const QString &forKey) {
+    const Guard guard(&classLock());
     if (value.isNull())
         m_customInfo.remove(forKey);
     else
         m_customInfo.insert(forKey, value);
 }
 
-QVariant KVProcess::infoForKey(const QString &key) const { return m_customInfo.value(key); }
+QVariant KVProcess::infoForKey(const QString &key) const {
+    const Guard guard(&classLock());
+    return m_customInfo.value(key);
+}
 
 void KVProcess::setInfo(const QVariant &value) { setInfo(value, QStringLiteral("")); }
 

@@ -2,11 +2,13 @@
 // version and caller-attached values, plus lookups that hand out one shared
 // record per process from a most-recently-used cache.
 //
-// Main thread only: the cache and the class-wide statics are not locked.
+// Safe to use from any thread: one class-wide lock guards the cache and the
+// lazily filled values (the installer quits processes from a worker thread).
 #pragma once
 
 #include <sys/types.h>
 
+#include <QDateTime>
 #include <QIcon>
 #include <QList>
 #include <QString>
@@ -27,6 +29,11 @@ extern const QString KVPlatformCarbon;
 extern const QString KVPlatformJava;
 extern const QString KVProcessUINotification;
 extern const QString KVProcessChangeNotification;
+
+// Seconds since 1970 at which the process started; 0.0 on failure.
+double proc_start_time(pid_t pid);
+// User processor time of the process in seconds; 0.0 on failure.
+double proc_cpu_time(pid_t pid);
 
 class KVProcess : public std::enable_shared_from_this<KVProcess> {
 public:
@@ -97,6 +104,30 @@ public:
     // Case-insensitive order of the names, for sorting lists.
     NSComparisonResult compare(const KVProcess &other) const;
 
+    // Timing and diagnostics.
+    QDateTime launchDate() const;
+    float secondsRunning() const;
+    double cpuTime() const;
+    QString description() const;
+    QString detailedDescription() const;
+    static QString processListForDiagnosticsReport();
+
+    // Quitting. quit() blocks for up to about eight seconds: call it from a
+    // thread that may wait.
+    void quit();
+    bool quitRunningApplicationWithTimeout(float timeout);
+    void forceQuit();
+
+    // Windows and events.
+    void wakeUp();
+    void setHidden(bool hidden);
+    void setFrontProcess();
+    void setFrontProcessFrontWindowOnly();
+    void temporarilySwitchOut();
+    void sendAppleEventClass(OSType eventClass, OSType eventID);
+    void sendAppleEventClass(OSType eventClass, OSType eventID, float timeout);
+    void sendAppleEventClass(OSType eventClass, OSType eventID, const QString &parameter);
+
     // Values callers attach to the record; a null value removes the key.
     void setInfo(const QVariant &value, const QString &forKey);
     QVariant infoForKey(const QString &key) const;
@@ -117,6 +148,7 @@ private:
     mutable QString m_path;
     mutable QString m_version;
     mutable std::optional<QIcon> m_icon;
+    mutable QDateTime m_launchDate;
     mutable int m_cocoaStatus = 0;  // 0 unknown, 1 Cocoa, 2 not Cocoa
     QVariantMap m_customInfo;
 };

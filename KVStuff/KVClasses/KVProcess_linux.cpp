@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <QDir>
 #include <QFile>
@@ -17,15 +18,15 @@
 #include "KVFourCharCode.h"
 #include "KVPath.h"
 #include "KVProcess_p.h"
+#include "KVWindowServer.h"
 
 namespace {
 
 constexpr OSType kUnknownSignature = 0x3F3F3F3F;         // '????'
 constexpr unsigned long kKernelThreadFlag = 0x00200000;  // PF_KTHREAD
 
-QByteArray readProcFile(pid_t pid, const char *entry) {
+QByteArray readFile(const QByteArray &path) {
     QByteArray contents;
-    const QByteArray path = "/proc/" + QByteArray::number(pid) + "/" + entry;
     const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return contents;
     char buffer[4096];
@@ -39,9 +40,14 @@ QByteArray readProcFile(pid_t pid, const char *entry) {
     return contents;
 }
 
+QByteArray readProcFile(pid_t pid, const char *entry) {
+    return readFile("/proc/" + QByteArray::number(pid) + "/" + entry);
+}
+
 struct ProcStat {
     char state = '?';
     unsigned long flags = 0;
+    unsigned long long userTime = 0;   // clock ticks
     unsigned long long startTime = 0;  // clock ticks since boot
 };
 
@@ -52,12 +58,13 @@ std::optional<ProcStat> readStat(pid_t pid) {
     const qsizetype nameEnd = line.lastIndexOf(')');
     if (nameEnd < 0) return std::nullopt;
     const QList<QByteArray> fields = line.mid(nameEnd + 2).split(' ');
-    // fields[0] is field 3 (state), fields[6] field 9 (flags), fields[19]
-    // field 22 (start time).
+    // fields[0] is field 3 (state), fields[6] field 9 (flags), fields[11]
+    // field 14 (user time), fields[19] field 22 (start time).
     if (fields.size() < 20 || fields.at(0).isEmpty()) return std::nullopt;
     ProcStat stat;
     stat.state = fields.at(0).at(0);
     stat.flags = fields.at(6).toULong();
+    stat.userTime = fields.at(11).toULongLong();
     stat.startTime = fields.at(19).toULongLong();
     return stat;
 }
@@ -181,9 +188,10 @@ std::optional<ProcessSerialNumber> KVProcessPrivate::currentSerialNumber() {
     return listedSerialNumber(getpid());
 }
 
-// The front window's owner comes from X11 (_NET_ACTIVE_WINDOW), which is not
-// wired up yet: until it is, there is no front process.
-std::optional<ProcessSerialNumber> KVProcessPrivate::frontSerialNumber() { return std::nullopt; }
+std::optional<ProcessSerialNumber> KVProcessPrivate::frontSerialNumber() {
+    const pid_t pid = KVWindowServer::frontProcessID();
+    return pid > 0 ? listedSerialNumber(pid) : std::nullopt;
+}
 
 pid_t KVProcessPrivate::pidForSerialNumber(const ProcessSerialNumber &psn) {
     return runningPID(psn);
@@ -251,4 +259,34 @@ QIcon KVProcessPrivate::iconForFile(const QString &path) {
         }
     }
     return QFileIconProvider().icon(QFileInfo(path));
+}
+
+bool KVProcessPrivate::terminate(pid_t pid) { return pid > 0 && kill(pid, SIGTERM) == 0; }
+
+bool KVProcessPrivate::forceTerminate(pid_t pid) { return pid > 0 && kill(pid, SIGKILL) == 0; }
+
+void KVProcessPrivate::wakeUp(pid_t pid) {
+    if (pid > 0) kill(pid, SIGCONT);
+}
+
+double proc_start_time(pid_t pid) {
+    const auto stat = readStat(pid);
+    const double ticksPerSecond = double(sysconf(_SC_CLK_TCK));
+    if (!stat || ticksPerSecond <= 0) return 0.0;
+    // The kernel counts the start from boot; boot time is in /proc/stat.
+    static const double bootTime = [] {
+        for (const QByteArray &line : readFile("/proc/stat").split('\n')) {
+            if (line.startsWith("btime ")) return line.mid(6).trimmed().toDouble();
+        }
+        return 0.0;
+    }();
+    if (bootTime == 0.0) return 0.0;
+    return bootTime + double(stat->startTime) / ticksPerSecond;
+}
+
+double proc_cpu_time(pid_t pid) {
+    const auto stat = readStat(pid);
+    const double ticksPerSecond = double(sysconf(_SC_CLK_TCK));
+    if (!stat || ticksPerSecond <= 0) return 0.0;
+    return double(stat->userTime) / ticksPerSecond;
 }

@@ -44,4 +44,11 @@ bool isApplicationPackage(const QString &path);
 QByteArray versionResource(const QString &path);
 QIcon iconForFile(const QString &path);
 
+// Asks the process to end (SIGTERM) / ends it (SIGKILL). False when the
+// request could not be delivered: the process is taken to be gone.
+bool terminate(pid_t pid);
+bool forceTerminate(pid_t pid);
+// Lets a stopped process run again.
+void wakeUp(pid_t pid);
+
 }  // namespace KVProcessPrivate

@@ -12,7 +12,7 @@
 #include "LogCapture.h"
 #include "TestBundle.h"
 #include "TestEnvironment.h"
-#include "Unprivileged.h"
+#include "Relaunch.h"
 
 namespace {
 
@@ -150,9 +150,10 @@ TEST_F(DestinationTest, ProbesLeaveNothingBehind) {
 }
 
 TEST_F(DestinationTest, UnwritablePlacesAreReportedForAnUnprivilegedUser) {
-    if (!Unprivileged::isRoot()) GTEST_SKIP() << "runs the user's half itself";
+    if (!Relaunch::isRoot()) GTEST_SKIP() << "runs the user's half itself";
     QString output;
-    const int status = Unprivileged::runTests("AsUserDestination.*", &output);
+    const int status = Relaunch::runCopy(folder + "/bin/tests", "AsUserDestination.*",
+                                         Relaunch::unprivilegedUser(), &output);
     EXPECT_EQ(status, 0) << qPrintable(output);
     EXPECT_TRUE(output.contains("[  PASSED  ] 4 tests")) << qPrintable(output);
 }
@@ -161,7 +162,7 @@ TEST_F(DestinationTest, UnwritablePlacesAreReportedForAnUnprivilegedUser) {
 class AsUserDestination : public DestinationTest {
 protected:
     void SetUp() override {
-        if (Unprivileged::isRoot()) GTEST_SKIP() << "needs an unprivileged user";
+        if (!Relaunch::isCopy() || Relaunch::isRoot()) GTEST_SKIP() << "runs in a user's copy";
         DestinationTest::SetUp();
     }
 };

@@ -1,0 +1,20 @@
+// Some behaviour can only be seen from another place or another account: a
+// test binary inside a bundle (it then has that bundle's signature), or run
+// as an unprivileged user (root may write anywhere). Such suites run in a
+// copy of this test binary, started by a test of the normal run.
+#pragma once
+
+#include <QString>
+
+namespace Relaunch {
+// The account scripts/test creates for unprivileged runs ("kvtest").
+QString unprivilegedUser();
+bool isRoot();
+// Whether this process is such a copy (suites meant for copies run only there).
+bool isCopy();
+// Copies this test binary to executablePath (folders made, world-readable)
+// and runs it with the GoogleTest filter, as the user when one is named.
+// Returns the exit status (-1 when it could not run); output gets all it printed.
+int runCopy(const QString &executablePath, const QString &filter, const QString &user,
+            QString *output);
+}  // namespace Relaunch

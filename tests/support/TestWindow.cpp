@@ -1,0 +1,44 @@
+// A real program with real top-level windows for the window-server tests.
+// It shows its windows, writes "ready" to standard output once all of them
+// are on screen, and runs until it is killed.
+//   --title NAME  window title; with several windows "NAME 1", "NAME 2", ...
+//   --windows N   number of top-level windows (default 1)
+#include <QApplication>
+#include <QTimer>
+#include <QWidget>
+#include <QWindow>
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+int main(int argc, char **argv) {
+    QApplication app(argc, argv);
+    QString title = QStringLiteral("kvtest_window");
+    int count = 1;
+    const QStringList arguments = app.arguments();
+    for (qsizetype i = 1; i + 1 < arguments.size(); ++i) {
+        if (arguments[i] == QLatin1String("--title")) title = arguments[++i];
+        else if (arguments[i] == QLatin1String("--windows")) count = qMax(1, arguments[++i].toInt());
+    }
+
+    std::vector<std::unique_ptr<QWidget>> windows;
+    for (int i = 0; i < count; ++i) {
+        auto window = std::make_unique<QWidget>();
+        window->setWindowTitle(count == 1 ? title : QStringLiteral("%1 %2").arg(title).arg(i + 1));
+        window->setGeometry(40 + 60 * i, 40 + 40 * i, 240, 160);
+        window->show();
+        windows.push_back(std::move(window));
+    }
+
+    // A window is exposed once the window manager has mapped it.
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, [&] {
+        for (const auto &window : windows)
+            if (!window->windowHandle() || !window->windowHandle()->isExposed()) return;
+        poll.stop();
+        std::fputs("ready\n", stdout);
+        std::fflush(stdout);
+    });
+    poll.start(10);
+    return app.exec();
+}
