@@ -463,36 +463,38 @@ bool KVProcess::quitRunningApplicationWithTimeout(float timeout) {
         kvLog("cannot quit %@: no pid", processName);
         return false;
     }
-    if (OS::pidForSerialNumber(m_psn) != pid) {
+    OS::QuitHandle handle(m_psn);
+    if (!handle.isValid()) {
         kvLog("cannot quit %@: no process found", processName);
         return false;
     }
     // One phase: send the request every millisecond until the process is gone
     // or the time-out has passed. A request that cannot be delivered means
     // the process is gone already; that line counts the failed attempt too.
-    const auto phase = [&](bool (*send)(pid_t), const char *stoppedLine,
+    const auto phase = [&](bool (OS::QuitHandle::*send)(), const char *stoppedLine,
                            const char *terminatedLine) {
         QElapsedTimer clock;
         clock.start();
         const auto elapsed = [&clock] { return double(clock.nsecsElapsed()) / 1e9; };
         for (int attempts = 0;;) {
             if (!(elapsed() < double(timeout))) return false;
-            if (!send(pid)) {
+            if (!(handle.*send)()) {
                 kvLog(QLatin1String(stoppedLine), processName, elapsed(), attempts + 1);
                 return true;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
             ++attempts;
-            if (!isStillRunning()) {
+            if (handle.hasExited()) {
                 kvLog(QLatin1String(terminatedLine), processName, elapsed(), attempts);
                 return true;
             }
         }
     };
-    if (phase(OS::terminate, "quit %@: process stopped after %1.3fs (%d attempts)",
+    if (phase(&OS::QuitHandle::terminate, "quit %@: process stopped after %1.3fs (%d attempts)",
               "quit %@: terminated after %1.3fs (%d attempts)"))
         return true;
-    if (phase(OS::forceTerminate, "foce-quit %@: process stopped after %1.3fs (%d attempts)",
+    if (phase(&OS::QuitHandle::forceTerminate,
+              "foce-quit %@: process stopped after %1.3fs (%d attempts)",
               "force-quit %@: terminated after %1.3fs (%d attempts)"))
         return true;
     kvLog("quitting %@ failed", processName);

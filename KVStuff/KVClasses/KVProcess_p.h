@@ -44,10 +44,32 @@ bool isApplicationPackage(const QString &path);
 QByteArray versionResource(const QString &path);
 QIcon iconForFile(const QString &path);
 
-// Asks the process to end (SIGTERM) / ends it (SIGKILL). False when the
-// request could not be delivered: the process is taken to be gone.
-bool terminate(pid_t pid);
-bool forceTerminate(pid_t pid);
+// A handle on one running process while it is being quit: requests reach
+// exactly that process (never a later one with its pid), and its end can be
+// polled every millisecond at next to no cost.
+class QuitHandle {
+public:
+    explicit QuitHandle(const ProcessSerialNumber &psn);
+    ~QuitHandle();
+    QuitHandle(const QuitHandle &) = delete;
+    QuitHandle &operator=(const QuitHandle &) = delete;
+
+    // Whether the process was running when the handle was made.
+    bool isValid() const { return m_pid > 0; }
+    // Ask the process to end / end it. False when the request could not be
+    // delivered: the process is taken to be gone.
+    bool terminate();
+    bool forceTerminate();
+    // Ended, an unreaped zombie included.
+    bool hasExited() const;
+
+private:
+    bool signal(int number);
+
+    ProcessSerialNumber m_psn;
+    pid_t m_pid = 0;
+    int m_fd = -1;
+};
 // Lets a stopped process run again.
 void wakeUp(pid_t pid);
 

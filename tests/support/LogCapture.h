@@ -5,6 +5,8 @@
 #include <QString>
 #include <QTemporaryFile>
 
+#include "QtPrinters.h"
+
 class LogCapture {
 public:
     LogCapture();

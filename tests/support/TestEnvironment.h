@@ -4,6 +4,8 @@
 
 #include <QString>
 
+#include "QtPrinters.h"
+
 namespace TestEnvironment {
 // Creates the root and points HOME, XDG_CONFIG_HOME, XDG_DATA_HOME,
 // XDG_STATE_HOME and XDG_CACHE_HOME into it. Called once by the test main.

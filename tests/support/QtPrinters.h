@@ -1,0 +1,17 @@
+// Lets GoogleTest print Qt strings readably in failure messages.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <ostream>
+
+inline void PrintTo(const QString &s, std::ostream *os) { *os << '"' << s.toStdString() << '"'; }
+
+inline void PrintTo(const QStringList &list, std::ostream *os) {
+    *os << "{ ";
+    for (qsizetype i = 0; i < list.size(); ++i) {
+        if (i > 0) *os << ", ";
+        PrintTo(list.at(i), os);
+    }
+    *os << " }";
+}
