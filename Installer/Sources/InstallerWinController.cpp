@@ -1,44 +1,246 @@
 #include "InstallerWinController.h"
 
+#include <QApplication>
+#include <QFileInfo>
+#include <QImageReader>
+#include <QMessageBox>
+#include <QScreen>
+#include <QShortcut>
+#include <QStyle>
+#include <QTextDocument>
 #include <cstdio>
 
+#include "InstallerWindow.h"
 #include "KVBundle.h"
+#include "KVDocumentReader.h"
 #include "KVFileManager.h"
 #include "KVInstallerInterface.h"
 #include "KVLocalization.h"
 #include "KVLog.h"
 #include "KVPath.h"
+#include "KVProcess.h"
 #include "KVUtilities.h"
+#include "KVWorkspace.h"
+#include "ViewExtensions.h"
 
 using namespace KVPath;
 
+namespace {
+// Return codes of the system-version alert's two buttons.
+constexpr int kAlertFirstButtonReturn = 1000;
+constexpr int kAlertSecondButtonReturn = 1001;
+
+QString localized(const QString &key) { return KVLocalization::localizedString(key); }
+
+// Messages separate their lines with carriage returns; labels break on
+// line feeds.
+QString forDisplay(QString text) { return text.replace(QLatin1Char('\r'), QLatin1Char('\n')); }
+}  // namespace
+
 InstallerWinController::InstallerWinController(const QStringList &argv,
                                                const QString &mainBundlePath, QObject *parent)
-    : QObject(parent), m_argv(argv), m_mainBundlePath(mainBundlePath) {}
+    : QObject(parent),
+      m_argv(argv),
+      m_mainBundlePath(mainBundlePath),
+      m_window(std::make_unique<InstallerWindow>()) {
+    m_ui.setupUi(m_window.get());
+    m_titleTemplate = m_window->windowTitle();
+    m_introTemplate = m_ui.introField->text();
+    m_explanationTemplate = m_ui.explanationField->text();
+    // Shown only while a run animates it, as a stopped spinner is not drawn.
+    m_ui.progressIndicator->hide();
+    m_ui.checkmarkField->setPixmap(
+        m_window->style()->standardIcon(QStyle::SP_DialogApplyButton).pixmap(64));
+
+    connect(m_ui.installButton, &QPushButton::clicked, this, &InstallerWinController::install);
+    connect(m_ui.cancelButton, &QPushButton::clicked, this, &InstallerWinController::cancel);
+    connect(m_ui.helpButton, &QPushButton::clicked, this,
+            &InstallerWinController::openDocumentation);
+    connect(m_window.get(), &InstallerWindow::cancelRequested, this, [this] {
+        if (m_ui.cancelButton->isVisible() && m_ui.cancelButton->isEnabled()) cancel();
+    });
+}
+
+InstallerWinController::~InstallerWinController() = default;
 
 // ---------------------------------------------------------------------------
 // Set-up
 
 bool InstallerWinController::awakeFromNib() {
     decideLogDestination();
-    return setUpDescription();
+    return setUp();
 }
 
-bool InstallerWinController::setUpDescription() {
+bool InstallerWinController::setUp() {
+    m_ui.nameField->setText(QString());
+    selectTab(1);
     extractArguments();
     if (!completeSourcePath() || !completeProductName()) return false;
+    m_window->setWindowTitle(kvFormat(m_titleTemplate, productName()));
     readSourceInfo();
+    showIcon();
     completeVersions();
     completeDestination();
-    m_displayedDestination =
-        localizedPath(m_arguments.value(KVInstallerKeyDestinationPath).toString());
+    m_ui.pathField->setText(
+        localizedPath(m_arguments.value(KVInstallerKeyDestinationPath).toString()));
     const QString documentation = m_arguments.value(KVInstallerKeyDocumentationPath).toString();
     if (m_arguments.contains(KVInstallerKeyDocumentationPath) &&
         !KVFileManager::fileExistsAtPath(documentation))
         m_arguments.remove(KVInstallerKeyDocumentationPath);
     if (!completeCodes()) return false;
     kvLog("Updated arguments: %@", m_arguments);
+    showTexts();
+    m_ui.messageField->hide();
+    const int firstPage = loadReadMe();
+    selectTab(firstPage);
+    m_ui.checkmarkField->hide();
+    showWindow();
+    if (!m_systemAcceptable) showSystemVersionAlert();
     return true;
+}
+
+QString InstallerWinController::productName() const {
+    return m_arguments.value(KVInstallerKeyProductName).toString();
+}
+
+void InstallerWinController::showIcon() {
+    QImage image;
+    const QString iconPath = m_arguments.value(KVInstallerKeyIconPath).toString();
+    if (!iconPath.isEmpty()) image = QImageReader(iconPath).read();
+    const QVariant iconFile = m_sourceInfo.value(QStringLiteral("CFBundleIconFile"));
+    const auto source =
+        KVBundle::bundleWithPath(m_arguments.value(KVInstallerKeySourcePath).toString());
+    if (image.isNull() && source && iconFile.typeId() == QMetaType::QString) {
+        // A name without its extension names an .icns file; one that carries
+        // its extension is taken as it is.
+        QString file = source->pathForResource(iconFile.toString(), QStringLiteral("icns"));
+        if (file.isNull()) file = source->pathForResource(iconFile.toString(), QString());
+        if (!file.isNull()) image = QImageReader(file).read();
+    }
+    QPixmap pixmap = image.isNull() ? QPixmap() : QPixmap::fromImage(image);
+    if (pixmap.isNull()) {
+        const QIcon icon =
+            KVWorkspace::iconForFile(m_arguments.value(KVInstallerKeySourcePath).toString());
+        if (!icon.isNull()) pixmap = icon.pixmap(128);
+    }
+    if (pixmap.isNull()) return;
+    m_ui.iconField->setPixmap(pixmap);
+    QApplication::setWindowIcon(QIcon(pixmap));
+}
+
+void InstallerWinController::showTexts() {
+    const QString name = productName();
+    m_ui.nameField->setText(m_version.isNull() ? name : name + kvFormat(" %@", m_version));
+    m_ui.introField->setText(kvFormat(m_introTemplate, name));
+    QString explanation = kvFormat(m_explanationTemplate, name);
+    const bool hasDocumentation = m_arguments.contains(KVInstallerKeyDocumentationPath);
+    if (hasDocumentation)
+        explanation = kvFormat(
+            "%@ %@",
+            localized("If you wish to read the documentation first, click the \"?\" button."),
+            explanation);
+    m_ui.explanationField->setText(explanation);
+    m_ui.helpButton->setVisible(hasDocumentation);
+}
+
+int InstallerWinController::loadReadMe() {
+    const QString readMe = m_arguments.value(KVInstallerKeyReadMePath).toString();
+    if (readMe.isEmpty() || !KVFileManager::fileExistsAtPath(readMe)) return 1;
+    ViewExtensions::useLightAquaAppearance(m_ui.readMeTextView, true);
+    QTextDocument *document = new QTextDocument(m_ui.readMeTextView);
+    KVDocumentReader::read(readMe, document);
+    m_ui.readMeTextView->setDocument(document);
+    return 0;
+}
+
+void InstallerWinController::showWindow() {
+    m_window->adjustSize();
+    if (const QScreen *screen = m_window->screen()) {
+        QRect frame = m_window->frameGeometry();
+        frame.moveCenter(screen->availableGeometry().center());
+        m_window->move(frame.topLeft());
+    }
+    m_window->show();
+    m_window->raise();
+    m_window->activateWindow();
+    if (const KVProcessRef me = KVProcess::currentProcess()) me->setFrontProcess();
+}
+
+void InstallerWinController::showSystemVersionAlert() {
+    auto *alert = new QMessageBox(m_window.get());
+    m_systemVersionAlert = alert;
+    QPushButton *quitButton = alert->addButton(localized("Quit"), QMessageBox::AcceptRole);
+    alert->addButton(localized("Visit Archive"), QMessageBox::ActionRole);
+    alert->setDefaultButton(quitButton);
+    alert->setIcon(QMessageBox::Critical);
+    alert->setText(kvFormat(
+        localized("%1$@ %2$@ cannot be installed on this computer because it requires Mac OS X "
+                  "%3$@ or newer."),
+        productName(), m_version, m_minSystemVersion));
+    alert->setInformativeText(
+        kvFormat(localized("To check if an older version of %@ is available for your computer, "
+                           "please visit our software archive."),
+                 productName()));
+    alert->setWindowModality(Qt::WindowModal);
+    connect(alert, &QMessageBox::finished, this, [this, alert, quitButton] {
+        const int code = alert->clickedButton() == quitButton || !alert->clickedButton()
+                             ? kAlertFirstButtonReturn
+                             : kAlertSecondButtonReturn;
+        systemVersionAlertDidEnd(alert, code, nullptr);
+    });
+    alert->open();
+}
+
+void InstallerWinController::systemVersionAlertDidEnd(QMessageBox *, int returnCode, void *) {
+    if (returnCode == kAlertSecondButtonReturn) KVWorkspace::openURL(QUrl(softwareArchiveURL()));
+    terminate();
+}
+
+void InstallerWinController::terminate() {
+    emit terminationRequested();
+    QApplication::quit();
+}
+
+QString InstallerWinController::softwareArchiveURL() {
+    return KVUtilities::safeHTTPS(QStringLiteral(KV_ARCHIVE_URL));
+}
+
+// ---------------------------------------------------------------------------
+// Pages and buttons
+
+void InstallerWinController::selectTab(int page) {
+    m_ui.tabView->setCurrentIndex(page);
+    m_ui.installButton->setText(localized(page == 0 ? "Continue" : "Install"));
+    if (m_arguments.contains(KVInstallerKeyReadMePath))
+        m_ui.cancelButton->setText(localized(page == 0 ? "Cancel" : "Go Back"));
+}
+
+void InstallerWinController::install() {
+    if (m_finished) {
+        terminate();
+        return;
+    }
+    if (m_ui.tabView->currentIndex() == 0) {
+        selectTab(1);
+        return;
+    }
+}
+
+void InstallerWinController::cancel() {
+    if (m_arguments.contains(KVInstallerKeyReadMePath) && m_ui.tabView->currentIndex() == 1) {
+        selectTab(0);
+        return;
+    }
+    terminate();
+}
+
+void InstallerWinController::openDocumentation() {
+    if (!m_arguments.contains(KVInstallerKeyDocumentationPath)) {
+        kvLog("documentation path missing");
+        QApplication::beep();
+        return;
+    }
+    KVWorkspace::openFile(m_arguments.value(KVInstallerKeyDocumentationPath).toString());
 }
 
 // ---------------------------------------------------------------------------
@@ -194,11 +396,21 @@ bool InstallerWinController::completeCodes() {
 void InstallerWinController::showSetupError(const QString &message) {
     kvLog("%@", message);
     showFinalMessage(message);
+    // The window is on screen as loaded, so the message can be read; the
+    // set-up ends before it would centre it and bring it forward.
+    m_window->show();
+    // A title whose template was never filled would show its placeholder.
+    if (m_window->windowTitle().contains(QLatin1Char('%'))) m_window->setWindowTitle(QString());
 }
 
 void InstallerWinController::showFinalMessage(const QString &key) {
-    m_finalMessage = kvFormat(KVLocalization::localizedString(key),
-                              m_arguments.value(KVInstallerKeyProductName).toString());
+    m_ui.cancelButton->hide();
+    m_ui.installButton->setText(localized("OK"));
+    m_ui.pathField->hide();
+    m_ui.explanationField->hide();
+    m_ui.messageField->hide();
+    m_ui.helpButton->hide();
+    m_ui.introField->setText(forDisplay(kvFormat(localized(key), productName())));
     m_finished = true;
 }
 

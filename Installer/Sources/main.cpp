@@ -14,7 +14,7 @@ int main(int argc, char **argv) {
     for (int i = 0; i < argc; ++i) words << QString::fromLocal8Bit(argv[i]);
     KVUserDefaults::setArgumentDomain(words);
 
-    // Without any display the start-up still runs, on the offscreen platform.
+    // Without any display the installer still runs, on the offscreen platform.
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY") &&
         qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
@@ -22,5 +22,6 @@ int main(int argc, char **argv) {
     KVLocalization::installTranslations(KVBundle::mainBundle(), QStringLiteral("Installer"));
 
     InstallerWinController controller(words, KVBundle::mainBundle().bundlePath());
-    return controller.awakeFromNib() ? 0 : 1;
+    controller.awakeFromNib();
+    return app.exec();
 }

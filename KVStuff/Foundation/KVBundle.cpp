@@ -78,7 +78,9 @@ QStringList KVBundle::pathsForResourcesOfType(const QString &type) const {
     const QStringList filter{type.isEmpty() ? QStringLiteral("*") : "*." + type};
     QStringList paths;
     for (const QString &entry :
-         QDir(folder).entryList(filter, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden,
+         QDir(folder).entryList(filter,
+                                QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden |
+                                    QDir::CaseSensitive,
                                 QDir::Name))
         paths << folder + '/' + entry;
     return paths;

@@ -29,7 +29,7 @@ public:
     QString pathForResource(const QString &name, const QString &type) const;
     QStringList pathsForResourcesOfType(const QString &type) const;
 
-    // The folder of the running executable, as the system reports it.
+    // The path of the running executable, as the system reports it.
     static QString executableFilePath();
     // The nearest ".app" folder enclosing the path (the path itself counts),
     // or a null string.

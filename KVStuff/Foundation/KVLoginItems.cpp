@@ -2,6 +2,8 @@
 
 #include <QFileInfo>
 
+#include "KVPath.h"
+
 QString KVLoginItems::programOfExecLine(const QString &exec) {
     // The first word of a desktop-entry Exec value: double quotes group,
     // a backslash inside quotes escapes the next character.
@@ -25,7 +27,7 @@ QString KVLoginItems::programOfExecLine(const QString &exec) {
     if (word.contains('/')) return QFileInfo(word).isFile() ? word : QString();
     const QString path = QString::fromLocal8Bit(qgetenv("PATH"));
     for (const QString &folder : path.split(':', Qt::SkipEmptyParts)) {
-        const QFileInfo candidate(folder + '/' + word);
+        const QFileInfo candidate(KVPath::stringByAppendingPathComponent(folder, word));
         if (candidate.isFile() && candidate.isExecutable()) return candidate.filePath();
     }
     return QString();

@@ -19,6 +19,7 @@
 #include "KVLog.h"
 #include "KVUserDefaults.h"
 #include "KVWindowServer.h"
+#include "KVWorkspace.h"
 
 namespace OS = KVProcessPrivate;
 
@@ -273,7 +274,7 @@ QString KVProcess::appName() const {
 
 QIcon KVProcess::icon() const {
     const Guard guard(&classLock());
-    if (!m_icon) m_icon = OS::iconForFile(path());
+    if (!m_icon) m_icon = KVWorkspace::iconForFile(path());
     return *m_icon;
 }
 

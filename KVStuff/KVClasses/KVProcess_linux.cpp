@@ -9,7 +9,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QFileIconProvider>
 #include <QFileInfo>
 #include <algorithm>
 #include <cerrno>
@@ -266,22 +265,6 @@ bool KVProcessPrivate::isApplicationPackage(const QString &path) {
 
 // Linux files have no resource forks, so there is never a 'vers' resource.
 QByteArray KVProcessPrivate::versionResource(const QString &) { return QByteArray(); }
-
-QIcon KVProcessPrivate::iconForFile(const QString &path) {
-    if (path.isEmpty() || !QFileInfo::exists(path)) return QIcon();
-    if (const auto bundle = KVBundle::bundleWithPath(path)) {
-        const QString iconFile =
-            nonEmptyString(bundle->infoDictionary(), QStringLiteral("CFBundleIconFile"));
-        if (!iconFile.isNull()) {
-            const QString base = bundle->resourcePath() + QLatin1Char('/') + iconFile;
-            for (const QString &candidate :
-                 {base, base + QStringLiteral(".icns"), base + QStringLiteral(".png")}) {
-                if (QFileInfo(candidate).isFile()) return QIcon(candidate);
-            }
-        }
-    }
-    return QFileIconProvider().icon(QFileInfo(path));
-}
 
 KVProcessPrivate::QuitHandle::QuitHandle(const ProcessSerialNumber &psn) : m_psn(psn) {
     const pid_t pid = runningPID(psn);

@@ -6,7 +6,6 @@
 #include <sys/types.h>
 
 #include <QByteArray>
-#include <QIcon>
 #include <QList>
 #include <QString>
 #include <QVariantMap>
@@ -42,7 +41,6 @@ QString displayName(const ProcessSerialNumber &psn);
 bool isApplicationPackage(const QString &path);
 // The raw 'vers' resource 1 of the item; a null array when there is none.
 QByteArray versionResource(const QString &path);
-QIcon iconForFile(const QString &path);
 
 // A handle on one running process while it is being quit: requests reach
 // exactly that process (never a later one with its pid), and its end can be

@@ -32,7 +32,7 @@ protected:
         controller = std::make_unique<InstallerWinController>(
             QStringList{"/x/Installer.app/Contents/MacOS/Installer"} + words, installerBundle);
         LogCapture capture;
-        const bool ok = controller->setUpDescription();
+        const bool ok = controller->setUp();
         log = capture.messages();
         return ok;
     }
@@ -115,7 +115,7 @@ TEST_F(ArgumentsTest, SetupErrorsStopTheSetUpAndFinish) {
     EXPECT_FALSE(setUp({}, folder + "/Installer.app"));
     EXPECT_EQ(log.last(), "missing source path");
     EXPECT_TRUE(controller->isFinished());
-    EXPECT_EQ(controller->finalMessage(), "missing source path");
+    EXPECT_EQ(controller->outlets().introField->text(), "missing source path");
     EXPECT_FALSE(controller->arguments().contains("sourcePath"));
 
     EXPECT_FALSE(setUp({"-sourcePath", ""}));

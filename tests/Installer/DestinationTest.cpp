@@ -31,7 +31,7 @@ protected:
         if (!codes.isEmpty()) argv << "-productCode" << codes;
         controller = std::make_unique<InstallerWinController>(argv, "/opt/Installer.app");
         LogCapture quiet;
-        controller->setUpDescription();
+        controller->setUp();
         return *controller;
     }
     QString runCopy(const QString &where, const QString &name, const QString &code) {

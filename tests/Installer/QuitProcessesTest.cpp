@@ -27,7 +27,7 @@ protected:
         if (!codes.isEmpty()) argv << "-quitCode" << codes;
         controller = std::make_unique<InstallerWinController>(argv, "/opt/Installer.app");
         LogCapture quiet;
-        controller->setUpDescription();
+        controller->setUp();
         return *controller;
     }
     pid_t runCopy(const QString &where, const QString &name, const QString &code,

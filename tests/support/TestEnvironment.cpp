@@ -25,6 +25,12 @@ void TestEnvironment::setUp() {
     pointAt("XDG_DATA_HOME", base + "/home/.local/share");
     pointAt("XDG_STATE_HOME", base + "/home/.local/state");
     pointAt("XDG_CACHE_HOME", base + "/home/.cache");
+    // Qt wants a private runtime folder; keep one the caller chose (a sound
+    // server may live there).
+    if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR")) {
+        pointAt("XDG_RUNTIME_DIR", base + "/run");
+        QFile::setPermissions(base + "/run", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
 }
 
 void TestEnvironment::tearDown() { s_root.reset(); }

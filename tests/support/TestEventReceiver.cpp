@@ -15,6 +15,7 @@
 #include <QThread>
 #include <csignal>
 #include <cstdio>
+#include <thread>
 
 #include "KVAppleEvent.h"
 #include "KVAppleEventManager.h"
@@ -48,6 +49,8 @@ void quitOnSigterm(QCoreApplication &app) {
 int main(int argc, char **argv) {
     QCoreApplication app(argc, argv);
     quitOnSigterm(app);
+    // First use on another thread, which the manager must hand to the main one.
+    std::thread([] { KVAppleEventManager::sharedManager(); }).join();
     KVAppleEventManager &manager = KVAppleEventManager::sharedManager();
     manager.setEventHandler(code("TEST"), code("Echo"), echo("TEST", "Echo"));
     manager.setEventHandler(code("TEST"), code("Slow"), [](const QString &parameter) {

@@ -17,8 +17,10 @@ int main(int argc, char **argv) {
     int count = 1;
     const QStringList arguments = app.arguments();
     for (qsizetype i = 1; i + 1 < arguments.size(); ++i) {
-        if (arguments[i] == QLatin1String("--title")) title = arguments[++i];
-        else if (arguments[i] == QLatin1String("--windows")) count = qMax(1, arguments[++i].toInt());
+        if (arguments[i] == QLatin1String("--title"))
+            title = arguments[++i];
+        else if (arguments[i] == QLatin1String("--windows"))
+            count = qMax(1, arguments[++i].toInt());
     }
 
     std::vector<std::unique_ptr<QWidget>> windows;

@@ -1,0 +1,114 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="de_DE">
+<context>
+    <name>Localizable</name>
+    <message>
+        <source>Continue</source>
+        <translation>Weiter</translation>
+    </message>
+    <message>
+        <source>Install</source>
+        <translation>Installieren</translation>
+    </message>
+    <message>
+        <source>Cancel</source>
+        <translation>Abbrechen</translation>
+    </message>
+    <message>
+        <source>Go Back</source>
+        <translation>Zurück</translation>
+    </message>
+    <message>
+        <source>OK</source>
+        <translation>OK</translation>
+    </message>
+    <message>
+        <source>Quit</source>
+        <translation>Beenden</translation>
+    </message>
+    <message>
+        <source>Visit Archive</source>
+        <translation>Archiv besuchen</translation>
+    </message>
+    <message>
+        <source>If you wish to read the documentation first, click the &quot;?&quot; button.</source>
+        <translation>Wenn Sie zuerst die Dokumentation lesen möchten, klicken Sie auf „?“.</translation>
+    </message>
+    <message>
+        <source>%1$@ %2$@ cannot be installed on this computer because it requires Mac OS X %3$@ or newer.</source>
+        <translation>%1$@ %2$@ kann auf diesem Computer nicht installiert werden, da Mac OS X %3$@ oder neuer benötigt wird.</translation>
+    </message>
+    <message>
+        <source>To check if an older version of %@ is available for your computer, please visit our software archive.</source>
+        <translation>Ob eine ältere Version von %@ für Ihren Computer verfügbar ist, erfahren Sie in unserem Software-Archiv.</translation>
+    </message>
+    <message>
+        <source>missing source path</source>
+        <translation>Der Ort des Programms fehlt.</translation>
+    </message>
+    <message>
+        <source>missing program name</source>
+        <translation>Der Name des Programms fehlt.</translation>
+    </message>
+    <message>
+        <source>missing product signature</source>
+        <translation>Die Signatur des Programms fehlt.</translation>
+    </message>
+    <message>
+        <source>%@ was successfully installed.</source>
+        <translation>%@ wurde erfolgreich installiert.</translation>
+    </message>
+    <message>
+        <source>%1$@ cannot be running during the installation.&#13;Quit %1$@, then click &quot;Install&quot; again.</source>
+        <translation>%1$@ darf während der Installation nicht laufen.&#13;Beenden Sie %1$@ und klicken Sie dann erneut auf „Installieren“.</translation>
+    </message>
+    <message>
+        <source>Try installing %1$@ manually by copying it to the Applications folder.</source>
+        <translation>Versuchen Sie, %1$@ von Hand zu installieren, indem Sie es in den Programme-Ordner kopieren.</translation>
+    </message>
+    <message>
+        <source>Could not delete existing copy.</source>
+        <translation>Die vorhandene Kopie konnte nicht gelöscht werden.</translation>
+    </message>
+    <message>
+        <source>Installation failed.</source>
+        <translation>Die Installation ist fehlgeschlagen.</translation>
+    </message>
+    <message>
+        <source>Authorized copying failed.</source>
+        <translation>Das Kopieren mit Administratorrechten ist fehlgeschlagen.</translation>
+    </message>
+</context>
+<context>
+    <name>InstallerWindow</name>
+    <message>
+        <source>Install %@</source>
+        <translation>%@ installieren</translation>
+    </message>
+    <message>
+        <source>This installs %@ on your computer.</source>
+        <translation>Hiermit wird %@ auf Ihrem Computer installiert.</translation>
+    </message>
+    <message>
+        <source>%@ goes into the folder shown above. Click &quot;Install&quot; to begin.</source>
+        <translation>%@ wird in den oben gezeigten Ordner installiert. Klicken Sie auf „Installieren“, um zu beginnen.</translation>
+    </message>
+    <message>
+        <source>?</source>
+        <translation>?</translation>
+    </message>
+    <message>
+        <source>Documentation</source>
+        <translation>Dokumentation</translation>
+    </message>
+    <message>
+        <source>Cancel</source>
+        <translation>Abbrechen</translation>
+    </message>
+    <message>
+        <source>Install</source>
+        <translation>Installieren</translation>
+    </message>
+</context>
+</TS>
