@@ -1,0 +1,27 @@
+// Which process is in front, and bringing a process's windows forward or
+// hiding them. On Linux this talks to the X11 window manager through the
+// EWMH/ICCCM conventions; the calling process's own windows go through Qt.
+// Without an X11 display, or in a Wayland-only session, there is no front
+// process and every request does nothing and returns false.
+//
+// Requests are messages to the window manager: they return once sent, and the
+// window manager carries them out a moment later. All functions may be called
+// from any thread.
+#pragma once
+
+#include <sys/types.h>
+
+namespace KVWindowServer {
+// An X11 display can be reached ($DISPLAY set, connection succeeds) and the
+// session is not a Wayland one.
+bool isAvailable();
+// The process owning the active window; 0 when unknown.
+pid_t frontProcessID();
+// Activates the process's top-most window; unless frontWindowOnly, raises all
+// of its windows first. Minimized windows come back. Returns whether the
+// process has any window.
+bool bringProcessToFront(pid_t pid, bool frontWindowOnly);
+// Minimizes all windows of the process, or brings them back from being
+// minimized. Returns whether the process has any window.
+bool setProcessHidden(pid_t pid, bool hidden);
+}  // namespace KVWindowServer

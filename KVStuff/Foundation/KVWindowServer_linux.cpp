@@ -1,0 +1,283 @@
+#include <unistd.h>
+#include <xcb/xcb.h>
+
+#include <QApplication>
+#include <QThread>
+#include <QWidget>
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <initializer_list>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "KVWindowServer.h"
+
+namespace {
+
+enum Atom {
+    NetActiveWindow,
+    NetWmPid,
+    NetClientListStacking,
+    NetClientList,
+    WmChangeState,
+    AtomCount
+};
+const char *const kAtomNames[AtomCount] = {"_NET_ACTIVE_WINDOW", "_NET_WM_PID",
+                                           "_NET_CLIENT_LIST_STACKING", "_NET_CLIENT_LIST",
+                                           "WM_CHANGE_STATE"};
+
+constexpr uint32_t kIconicState = 3;
+// Requests from a pager or task switcher carry out what the user asked for,
+// so window managers do not apply their focus-stealing prevention to them.
+constexpr uint32_t kSourcePager = 2;
+constexpr uint32_t kMaxWindows = 1u << 16;
+
+struct Connection {
+    QByteArray display;
+    xcb_connection_t *xcb = nullptr;
+    xcb_window_t root = XCB_NONE;
+    xcb_atom_t atoms[AtomCount] = {};
+
+    Connection() = default;
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
+    // xcb wants even a failed connection disconnected.
+    ~Connection() {
+        if (xcb) xcb_disconnect(xcb);
+    }
+};
+using ConnectionRef = std::shared_ptr<const Connection>;
+
+ConnectionRef open(const QByteArray &display) {
+    auto connection = std::make_shared<Connection>();
+    connection->display = display;
+    int screenNumber = 0;
+    connection->xcb = xcb_connect(display.constData(), &screenNumber);
+    if (xcb_connection_has_error(connection->xcb)) return nullptr;
+
+    xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(connection->xcb));
+    for (int i = 0; i < screenNumber && screens.rem > 0; ++i) xcb_screen_next(&screens);
+    if (screens.rem == 0) return nullptr;
+    connection->root = screens.data->root;
+
+    xcb_intern_atom_cookie_t cookies[AtomCount];
+    for (int i = 0; i < AtomCount; ++i)
+        cookies[i] = xcb_intern_atom(connection->xcb, 0, strlen(kAtomNames[i]), kAtomNames[i]);
+    for (int i = 0; i < AtomCount; ++i) {
+        xcb_generic_error_t *error = nullptr;
+        xcb_intern_atom_reply_t *reply = xcb_intern_atom_reply(connection->xcb, cookies[i], &error);
+        free(error);
+        if (!reply) return nullptr;
+        connection->atoms[i] = reply->atom;
+        free(reply);
+    }
+    return connection;
+}
+
+// One connection for all threads (xcb itself is thread-safe), opened on first
+// use. It is replaced when $DISPLAY changes or the connection broke, e.g.
+// because the X server restarted; users still holding the old one finish
+// with it.
+ConnectionRef connection() {
+    if (qgetenv("XDG_SESSION_TYPE") == "wayland") return nullptr;
+    const QByteArray display = qgetenv("DISPLAY");
+    if (display.isEmpty()) return nullptr;
+    static std::mutex mutex;
+    static ConnectionRef shared;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!shared || shared->display != display || xcb_connection_has_error(shared->xcb))
+        shared = open(display);
+    return shared;
+}
+
+xcb_get_property_cookie_t requestProperty(const Connection &c, xcb_window_t window, Atom property,
+                                          xcb_atom_t type, uint32_t maxValues = 1) {
+    return xcb_get_property(c.xcb, 0, window, c.atoms[property], type, 0, maxValues);
+}
+
+// The 32-bit values of a property; empty when it is missing, of another type,
+// or the window is gone.
+std::vector<uint32_t> propertyValues(const Connection &c, xcb_get_property_cookie_t cookie) {
+    std::vector<uint32_t> values;
+    xcb_generic_error_t *error = nullptr;
+    xcb_get_property_reply_t *reply = xcb_get_property_reply(c.xcb, cookie, &error);
+    free(error);
+    if (!reply) return values;
+    if (reply->format == 32) {
+        const auto *data = static_cast<const uint32_t *>(xcb_get_property_value(reply));
+        values.assign(data, data + xcb_get_property_value_length(reply) / 4);
+    }
+    free(reply);
+    return values;
+}
+
+// The process's managed top-level windows, bottom to top when the window
+// manager publishes the stacking order.
+std::vector<xcb_window_t> windowsOf(const Connection &c, pid_t pid) {
+    std::vector<uint32_t> clients = propertyValues(
+        c, requestProperty(c, c.root, NetClientListStacking, XCB_ATOM_WINDOW, kMaxWindows));
+    if (clients.empty())
+        clients = propertyValues(
+            c, requestProperty(c, c.root, NetClientList, XCB_ATOM_WINDOW, kMaxWindows));
+    // All questions first, then all answers: one round trip instead of one per window.
+    std::vector<xcb_get_property_cookie_t> cookies;
+    cookies.reserve(clients.size());
+    for (uint32_t window : clients)
+        cookies.push_back(requestProperty(c, window, NetWmPid, XCB_ATOM_CARDINAL));
+    std::vector<xcb_window_t> windows;
+    for (size_t i = 0; i < clients.size(); ++i) {
+        const std::vector<uint32_t> owner = propertyValues(c, cookies[i]);
+        if (!owner.empty() && owner[0] == uint32_t(pid)) windows.push_back(clients[i]);
+    }
+    return windows;
+}
+
+// Client messages to the window manager go to the root window, as EWMH and
+// ICCCM prescribe.
+void sendToWindowManager(const Connection &c, xcb_window_t window, Atom type,
+                         std::initializer_list<uint32_t> data) {
+    xcb_client_message_event_t event = {};
+    event.response_type = XCB_CLIENT_MESSAGE;
+    event.format = 32;
+    event.window = window;
+    event.type = c.atoms[type];
+    std::copy(data.begin(), data.end(), event.data.data32);
+    xcb_send_event(c.xcb, 0, c.root,
+                   XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT | XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY,
+                   reinterpret_cast<const char *>(&event));
+}
+
+// Mapping a minimized window is how ICCCM takes it out of the iconic state;
+// for a window that is shown it does nothing.
+void unminimize(const Connection &c, xcb_window_t window) { xcb_map_window(c.xcb, window); }
+
+void activate(const Connection &c, xcb_window_t window) {
+    sendToWindowManager(c, window, NetActiveWindow, {kSourcePager, XCB_CURRENT_TIME, XCB_NONE});
+}
+
+bool flush(const Connection &c) {
+    xcb_flush(c.xcb);
+    // Nothing selects events on this connection; what arrives are errors of
+    // requests for windows that went away meanwhile. Drop them so they do not pile up.
+    while (xcb_generic_event_t *event = xcb_poll_for_event(c.xcb)) free(event);
+    return !xcb_connection_has_error(c.xcb);
+}
+
+// The calling process's windows belong to Qt, which keeps its own record of
+// their state; changing them behind its back through the window manager
+// would leave that record wrong. So they go through Qt, on the GUI thread.
+namespace own {
+
+bool isQtApplication() { return qobject_cast<QApplication *>(QCoreApplication::instance()); }
+
+QList<QWidget *> visibleWindows() {
+    QList<QWidget *> windows;
+    for (QWidget *widget : QApplication::topLevelWidgets()) {
+        const Qt::WindowType type = widget->windowType();
+        if (widget->isWindow() && widget->isVisible() && type != Qt::Desktop && type != Qt::Popup &&
+            type != Qt::ToolTip)
+            windows.append(widget);
+    }
+    return windows;
+}
+
+// Keeps a maximized window maximized, which showNormal() would not.
+void setMinimized(QWidget *window, bool minimized) {
+    const Qt::WindowStates state = window->windowState();
+    window->setWindowState(minimized ? state | Qt::WindowMinimized : state & ~Qt::WindowMinimized);
+}
+
+bool onGuiThread(const std::function<bool()> &work) {
+    QCoreApplication *app = QCoreApplication::instance();
+    if (QThread::currentThread() == app->thread()) return work();
+    auto result = std::make_shared<std::promise<bool>>();
+    std::future<bool> answer = result->get_future();
+    QMetaObject::invokeMethod(
+        app, [result, work] { result->set_value(work()); }, Qt::QueuedConnection);
+    // The GUI thread might be waiting for this very thread: rather than hang,
+    // give up after a while (the request is still carried out later).
+    if (answer.wait_for(std::chrono::seconds(2)) != std::future_status::ready) return false;
+    return answer.get();
+}
+
+bool bringToFront(bool frontWindowOnly) {
+    return onGuiThread([frontWindowOnly] {
+        const QList<QWidget *> windows = visibleWindows();
+        if (windows.isEmpty()) return false;
+        QWidget *front = QApplication::activeWindow();
+        if (!windows.contains(front)) front = windows.last();
+        if (!frontWindowOnly) {
+            for (QWidget *window : windows) {
+                if (window == front) continue;
+                setMinimized(window, false);
+                window->raise();
+            }
+        }
+        setMinimized(front, false);
+        front->raise();
+        front->activateWindow();
+        return true;
+    });
+}
+
+bool setHidden(bool hidden) {
+    return onGuiThread([hidden] {
+        const QList<QWidget *> windows = visibleWindows();
+        for (QWidget *window : windows) setMinimized(window, hidden);
+        return !windows.isEmpty();
+    });
+}
+
+}  // namespace own
+
+}  // namespace
+
+bool KVWindowServer::isAvailable() { return connection() != nullptr; }
+
+pid_t KVWindowServer::frontProcessID() {
+    const ConnectionRef c = connection();
+    if (!c) return 0;
+    const std::vector<uint32_t> active =
+        propertyValues(*c, requestProperty(*c, c->root, NetActiveWindow, XCB_ATOM_WINDOW));
+    if (active.empty() || active[0] == XCB_NONE) return 0;
+    const std::vector<uint32_t> owner =
+        propertyValues(*c, requestProperty(*c, active[0], NetWmPid, XCB_ATOM_CARDINAL));
+    return owner.empty() ? 0 : pid_t(owner[0]);
+}
+
+bool KVWindowServer::bringProcessToFront(pid_t pid, bool frontWindowOnly) {
+    const ConnectionRef c = connection();
+    if (!c || pid <= 0) return false;
+    if (pid == getpid() && own::isQtApplication()) return own::bringToFront(frontWindowOnly);
+    std::vector<xcb_window_t> windows = windowsOf(*c, pid);
+    if (windows.empty()) return false;
+    if (frontWindowOnly) windows.erase(windows.begin(), windows.end() - 1);
+    // Activating each window in turn, bottom to top, is what clicking them in
+    // a task switcher does: every window manager raises and un-minimizes on
+    // it, and the last one, the top-most, ends up active.
+    for (xcb_window_t window : windows) {
+        unminimize(*c, window);
+        activate(*c, window);
+    }
+    return flush(*c);
+}
+
+bool KVWindowServer::setProcessHidden(pid_t pid, bool hidden) {
+    const ConnectionRef c = connection();
+    if (!c || pid <= 0) return false;
+    if (pid == getpid() && own::isQtApplication()) return own::setHidden(hidden);
+    const std::vector<xcb_window_t> windows = windowsOf(*c, pid);
+    if (windows.empty()) return false;
+    for (xcb_window_t window : windows) {
+        if (hidden)
+            sendToWindowManager(*c, window, WmChangeState, {kIconicState});
+        else
+            unminimize(*c, window);
+    }
+    return flush(*c);
+}
