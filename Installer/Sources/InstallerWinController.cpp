@@ -107,16 +107,11 @@ void InstallerWinController::showIcon() {
     QImage image;
     const QString iconPath = m_arguments.value(KVInstallerKeyIconPath).toString();
     if (!iconPath.isEmpty()) image = QImageReader(iconPath).read();
-    const QVariant iconFile = m_sourceInfo.value(QStringLiteral("CFBundleIconFile"));
     const auto source =
         KVBundle::bundleWithPath(m_arguments.value(KVInstallerKeySourcePath).toString());
-    if (image.isNull() && source && iconFile.typeId() == QMetaType::QString) {
-        // A name without its extension names an .icns file; one that carries
-        // its extension is taken as it is.
-        QString file = source->pathForResource(iconFile.toString(), QStringLiteral("icns"));
-        if (file.isNull()) file = source->pathForResource(iconFile.toString(), QString());
-        if (!file.isNull()) image = QImageReader(file).read();
-    }
+    // CFBundleIconFile names an .icns file, or carries its own extension.
+    if (image.isNull() && source && !source->iconFilePath().isNull())
+        image = QImageReader(source->iconFilePath()).read();
     QPixmap pixmap = image.isNull() ? QPixmap() : QPixmap::fromImage(image);
     if (pixmap.isNull()) {
         const QIcon icon =
@@ -232,6 +227,10 @@ void InstallerWinController::cancel() {
         return;
     }
     terminate();
+}
+
+void InstallerWinController::animateProgress(const QString &flag) {
+    m_ui.progressIndicator->setVisible(!flag.isNull());
 }
 
 void InstallerWinController::openDocumentation() {

@@ -80,6 +80,24 @@ public:
     void quitProcesses();
     QString processToQuitStillRunning() const;
 
+    // Putting the product in place. Null: installed and launched; empty: the
+    // user cancelled the administrator dialog; else the key of a failure
+    // message. Runs on the worker thread.
+    QString installMyselfInDestination();
+    bool authorizedInstall(const QString &source, const QString &to, const QString &wrap,
+                           bool *canceled);
+    // Announces, registers and opens the installed copy, with retries.
+    void registerAndLaunch(const QString &destination);
+    // The label of the current installation, "name version"; null before the
+    // first run reaches the copy.
+    static QString installationInProgress();
+    // Whether the Option (Alt) key was held when the run started.
+    void setOptionKeyDown(bool down) { m_optionKeyDown = down; }
+
+    // Progress animation: a non-null flag starts it, null stops it. Main
+    // thread only; the worker asks for it with a queued call.
+    Q_INVOKABLE void animateProgress(const QString &flag);
+
 signals:
     // Emitted just before the program is asked to end.
     void terminationRequested();
@@ -121,4 +139,5 @@ private:
     QString m_minSystemVersion;
     bool m_systemAcceptable = true;
     bool m_finished = false;
+    bool m_optionKeyDown = false;
 };

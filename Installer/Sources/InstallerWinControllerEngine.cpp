@@ -1,7 +1,18 @@
 // The installation engine's half of InstallerWinController: where the
 // product goes, whether that place is writable, and which running copies
 // must quit first.
+#include <QMetaObject>
+#include <QMutex>
 #include <QThread>
+#include <chrono>
+#include <exception>
+#include <thread>
+
+#include "AuthorizedExecute.h"
+#include "InstallFunction.h"
+#include "KVBundle.h"
+#include "KVLaunchServices.h"
+#include "KVWorkspace.h"
 
 #include "InstallerWinController.h"
 #include "KVFileManager.h"
@@ -146,4 +157,137 @@ QString InstallerWinController::processToQuitStillRunning() const {
     const KVProcessRef &process = running.first();
     kvLog("Still running '%@': %@", process->signatureString(), process->name());
     return process->name();
+}
+
+// ---------------------------------------------------------------------------
+// Putting the product in place
+
+namespace {
+
+QMutex s_labelLock;
+QString s_installationInProgress;
+
+void sleepSeconds(double seconds) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+}
+
+// One step of the launch sequence: an exception it raises is logged with the
+// step's line and the sequence goes on.
+template <typename Step>
+void guarded(const char *exceptionLine, Step step) {
+    try {
+        step();
+    } catch (const std::exception &exception) {
+        kvLog(QLatin1String(exceptionLine), QString::fromLocal8Bit(exception.what()));
+    }
+}
+
+}  // namespace
+
+QString InstallerWinController::installationInProgress() {
+    const QMutexLocker lock(&s_labelLock);
+    return s_installationInProgress;
+}
+
+QString InstallerWinController::installMyselfInDestination() {
+    const QString source = m_arguments.value(KVInstallerKeySourcePath).toString();
+    const QString destination = m_arguments.value(KVInstallerKeyDestinationPath).toString();
+    const QString wrapper = m_arguments.contains(KVInstallerKeyWrapperPath)
+                                ? m_arguments.value(KVInstallerKeyWrapperPath).toString()
+                                : QString();
+    const bool writable = canWriteToPath(destination);
+    {
+        // Replaced whole: the main thread's event handler reads it.
+        const QMutexLocker lock(&s_labelLock);
+        s_installationInProgress = kvFormat("%@ %@", m_arguments.value(KVInstallerKeyProductName),
+                                            m_arguments.value(KVInstallerKeyVersion));
+    }
+    bool privileged = !writable;
+    if (m_optionKeyDown) {
+        kvLog("enforcing authorization");
+        privileged = true;
+    }
+    if (!privileged) {
+        const int result = InstallApplication(source, destination, wrapper);
+        if (result == 1) return QStringLiteral("Could not delete existing copy.");
+        if (result != 0) return QStringLiteral("Installation failed.");
+    } else {
+        bool canceled = false;
+        if (!authorizedInstall(source, destination, wrapper, &canceled)) {
+            if (canceled) {
+                kvLog("User canceled authorization");
+                return QStringLiteral("");
+            }
+            kvLog("ERROR -- Could not copy myself to /Applications with authorization");
+            return QStringLiteral("Authorized copying failed.");
+        }
+    }
+    kvLog("successfully copied");
+    registerAndLaunch(destination);
+    return QString();
+}
+
+bool InstallerWinController::authorizedInstall(const QString &source, const QString &to,
+                                               const QString &wrap, bool *canceled) {
+    if (canceled) *canceled = false;
+    if (to.trimmed().isEmpty() || source.trimmed().isEmpty()) return false;
+    // The animation is off while the system's dialog asks for the password.
+    QMetaObject::invokeMethod(this, "animateProgress", Qt::QueuedConnection,
+                              Q_ARG(QString, QString()));
+    AuthorizationRef reference;
+    if (!AuthorizationCreate(&reference)) return false;
+    reference.granted = [this] {
+        QMetaObject::invokeMethod(this, "animateProgress", Qt::QueuedConnection,
+                                  Q_ARG(QString, QStringLiteral("YES")));
+    };
+    QStringList arguments{source, to};
+    if (!wrap.isNull()) arguments << wrap;
+    const QString tool =
+        KVBundle::bundleWithPath(m_mainBundlePath)
+            .value_or(KVBundle::mainBundle())
+            .pathForResource(QStringLiteral("train"), QString());
+    const int32_t status = AuthorizedExecute(reference, tool, arguments);
+    if (status == errAuthorizationCanceled && canceled) *canceled = true;
+    return status == 0;
+}
+
+void InstallerWinController::registerAndLaunch(const QString &destination) {
+    guarded("EXCEPTION @ noteFileSystemChanged: %@",
+            [&] { KVWorkspace::noteFileSystemChanged(destination); });
+    kvLog("launching %@", destination);
+    sleepSeconds(0.5);
+    kvLog("waited 0.5");
+    guarded("EXCEPTION @ LSRegisterURL: %@", [&] {
+        const int status = KVLaunchServices::registerURL(destination, true);
+        kvLog("registered app: %d", status);
+    });
+    sleepSeconds(0.3);
+    kvLog("waited 0.3");
+    guarded("EXCEPTION @ iconForFile: %@", [&] {
+        if (!KVWorkspace::iconForFile(destination).isNull()) return;
+        kvLog("did not get icon");
+        sleepSeconds(1.0);
+        kvLog("retry; %@", KVWorkspace::iconForFile(destination).isNull() ? "failed" : "succeeded");
+    });
+    bool launched = false;
+    guarded("EXCEPTION @ openFile: %@", [&] {
+        launched = KVWorkspace::openFile(destination);
+        kvLog("launched immediately: %d", int(launched));
+    });
+    unsigned count = 0;
+    try {
+        // The workspace may not know a fresh copy yet: up to ten retries.
+        while (!launched && count <= 9) {
+            ++count;
+            sleepSeconds(0.5);
+            kvLog("retry opening (count=%d)", count);
+            launched = KVWorkspace::openFile(destination);
+            kvLog("launched: %d", int(launched));
+        }
+    } catch (const std::exception &exception) {
+        kvLog("EXCEPTION @ retry loop (count=%d): %@", count,
+              QString::fromLocal8Bit(exception.what()));
+    }
+    // The installer, with its final page, comes back in front of the product.
+    if (const KVProcessRef me = KVProcess::currentProcess()) me->setFrontProcessFrontWindowOnly();
 }

@@ -85,3 +85,13 @@ QStringList KVBundle::pathsForResourcesOfType(const QString &type) const {
         paths << folder + '/' + entry;
     return paths;
 }
+
+QString KVBundle::iconFilePath() const {
+    const QVariant name = objectForInfoDictionaryKey(QStringLiteral("CFBundleIconFile"));
+    if (name.typeId() != QMetaType::QString || name.toString().isEmpty()) return QString();
+    for (const QString &type : {QStringLiteral("icns"), QString(), QStringLiteral("png")}) {
+        const QString path = pathForResource(name.toString(), type);
+        if (!path.isNull() && QFileInfo(path).isFile()) return path;
+    }
+    return QString();
+}

@@ -28,6 +28,9 @@ public:
     // folder; a null string when it does not exist.
     QString pathForResource(const QString &name, const QString &type) const;
     QStringList pathsForResourcesOfType(const QString &type) const;
+    // The image file CFBundleIconFile names (with ".icns", as it is, or with
+    // ".png" added, first that exists); a null string when there is none.
+    QString iconFilePath() const;
 
     // The path of the running executable, as the system reports it.
     static QString executableFilePath();

@@ -43,7 +43,7 @@ QString KVLaunchServices::desktopEntryFor(const QString &bundlePath, const QStri
     if (name.isEmpty()) name = info.value(QStringLiteral("CFBundleName")).toString();
     if (name.isEmpty()) name = KVFileManager::displayNameAtPath(bundlePath);
     QStringList lines{QStringLiteral("[Desktop Entry]"), QStringLiteral("Type=Application"),
-                      QStringLiteral("Version=1.5"), "Name=" + escapedValue(name),
+                      QStringLiteral("Version=1.4"), "Name=" + escapedValue(name),
                       "Exec=" + execArgument(bundle->executablePath()),
                       QStringLiteral("Terminal=false")};
     if (!iconPath.isEmpty()) lines << "Icon=" + escapedValue(iconPath);

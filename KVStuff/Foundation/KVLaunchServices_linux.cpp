@@ -1,5 +1,7 @@
 #include <QDir>
 #include <QFile>
+#include <QImage>
+#include <QImageReader>
 #include <QProcess>
 #include <QSaveFile>
 #include <QStandardPaths>
@@ -7,7 +9,6 @@
 #include "KVBundle.h"
 #include "KVLaunchServices.h"
 #include "KVPath.h"
-#include "KVWorkspace.h"
 
 namespace {
 QString dataHome() {
@@ -28,13 +29,19 @@ int KVLaunchServices::registerURL(const QString &path, bool update) {
     // Registered already and no update asked for: nothing to do.
     if (!update && QFile::exists(entryPath)) return noErr;
 
+    // The desktop shows PNG icons; the bundle's own (often .icns) is
+    // converted. Images, not pixmaps: this may run on a worker thread.
     QString iconPath;
-    const QIcon icon = KVWorkspace::iconForFile(path);
+    const QString iconFile = bundle->iconFilePath();
+    const QImage icon = iconFile.isNull() ? QImage() : QImageReader(iconFile).read();
     if (!icon.isNull()) {
         const QString icons = dataHome() + "/icons/hicolor/256x256/apps";
         QDir().mkpath(icons);
         iconPath = icons + "/" + identifier + ".png";
-        if (!icon.pixmap(256).save(iconPath, "PNG")) iconPath.clear();
+        const QImage scaled =
+            icon.width() > 256 ? icon.scaled(256, 256, Qt::KeepAspectRatio, Qt::SmoothTransformation)
+                               : icon;
+        if (!scaled.save(iconPath, "PNG")) iconPath.clear();
     }
 
     QDir().mkpath(applications);

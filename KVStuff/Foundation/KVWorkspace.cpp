@@ -3,6 +3,7 @@
 #include <QDesktopServices>
 #include <QFileIconProvider>
 #include <QFileInfo>
+#include <QImageReader>
 
 #include "KVBundle.h"
 
@@ -10,18 +11,11 @@ bool KVWorkspace::openURL(const QUrl &url) { return url.isValid() && QDesktopSer
 
 QIcon KVWorkspace::iconForFile(const QString &path) {
     if (path.isEmpty() || !QFileInfo::exists(path)) return QIcon();
+    // Decided without drawing anything: the engine asks from a worker thread,
+    // where pixmaps must not be made.
     if (const auto bundle = KVBundle::bundleWithPath(path)) {
-        const QVariant iconFile = bundle->objectForInfoDictionaryKey(QStringLiteral("CFBundleIconFile"));
-        if (iconFile.typeId() == QMetaType::QString && !iconFile.toString().isEmpty()) {
-            const QString base = bundle->resourcePath() + QLatin1Char('/') + iconFile.toString();
-            for (const QString &candidate :
-                 {base + QStringLiteral(".icns"), base, base + QStringLiteral(".png")}) {
-                if (QFileInfo(candidate).isFile()) {
-                    const QIcon icon(candidate);
-                    if (!icon.availableSizes().isEmpty() || !icon.pixmap(64).isNull()) return icon;
-                }
-            }
-        }
+        const QString iconFile = bundle->iconFilePath();
+        if (!iconFile.isNull() && QImageReader(iconFile).canRead()) return QIcon(iconFile);
     }
     return QFileIconProvider().icon(QFileInfo(path));
 }

@@ -14,7 +14,7 @@ bool Relaunch::isRoot() { return geteuid() == 0; }
 bool Relaunch::isCopy() { return qEnvironmentVariableIsSet("KV_TEST_COPY"); }
 
 int Relaunch::runCopy(const QString &executablePath, const QString &filter, const QString &user,
-                      QString *output) {
+                      QString *output, const QStringList &environment) {
     // The build tree may lie where another user cannot reach (a checkout
     // under /root), so the copy's folders are opened to everyone.
     const QFileInfo target(executablePath);
@@ -31,6 +31,8 @@ int Relaunch::runCopy(const QString &executablePath, const QString &filter, cons
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("KV_TEST_COPY", "1");
+    for (const QString &entry : environment)
+        env.insert(entry.section('=', 0, 0), entry.section('=', 1));
     process.setProcessEnvironment(env);
     process.setProcessChannelMode(QProcess::MergedChannels);
     const QString gtestFilter = "--gtest_filter=" + filter;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 namespace Relaunch {
 // The account scripts/test creates for unprivileged runs ("kvtest").
@@ -15,6 +16,7 @@ bool isCopy();
 // Copies this test binary to executablePath (folders made, world-readable)
 // and runs it with the GoogleTest filter, as the user when one is named.
 // Returns the exit status (-1 when it could not run); output gets all it printed.
+// environment holds extra "NAME=value" entries for the copy.
 int runCopy(const QString &executablePath, const QString &filter, const QString &user,
-            QString *output);
+            QString *output, const QStringList &environment = {});
 }  // namespace Relaunch

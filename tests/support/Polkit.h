@@ -1,0 +1,28 @@
+// The real privileged path for tests: a system bus and polkitd, with a rule
+// that answers pkexec for the unprivileged test user with yes or no. Needs
+// root; everything it starts it stops again, by process id.
+#pragma once
+
+#include <QString>
+#include <sys/types.h>
+
+class Polkit {
+public:
+    // Starts what is missing and installs the rule; ok() tells whether it worked.
+    explicit Polkit(bool consent);
+    ~Polkit();
+    Polkit(const Polkit &) = delete;
+    Polkit &operator=(const Polkit &) = delete;
+
+    bool ok() const { return m_ok; }
+    QString error() const { return m_error; }
+
+private:
+    bool fail(const QString &why);
+
+    QString m_rule;
+    pid_t m_bus = 0;
+    pid_t m_polkitd = 0;
+    bool m_ok = false;
+    QString m_error;
+};

@@ -1,0 +1,177 @@
+// Real file trees for the copy, install and trash tests: a bundle holding
+// everything a copy must keep, a snapshot that shows what a copy kept, and
+// immutable items (chattr +i) that not even root can move or delete.
+#pragma once
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStringList>
+#include <algorithm>
+#include <cerrno>
+
+#include "TestEnvironment.h"
+
+namespace TestFiles {
+
+inline QByteArray local(const QString &path) { return QFile::encodeName(path); }
+
+inline bool makeFile(const QString &path, const QByteArray &bytes, mode_t mode) {
+    return TestEnvironment::writeFile(path, bytes) && chmod(local(path).constData(), mode) == 0;
+}
+
+inline bool makeLink(const QString &path, const QString &target) {
+    return symlink(local(target).constData(), local(path).constData()) == 0;
+}
+
+// folder/name.app with nested folders; a relative (Versions/Current), an
+// absolute and a dangling symbolic link; executable, private and hidden
+// files, a multi-megabyte one among them; a private folder; non-ASCII names;
+// old access and modification times with nanoseconds on a file, a folder and
+// a link; user.* extended attributes on a file and a folder. Returns the
+// path, or a null string when the file system refused something.
+inline QString makeRichBundle(const QString &folder, const QString &name) {
+    const QString contents = folder + "/" + name + ".app/Contents";
+    const QString framework = contents + "/Frameworks/Kit.framework";
+    const QString versions = framework + "/Versions";
+    // A period of 251 bytes never lines up with blocks, so a misplaced block shows.
+    QByteArray large(3 * 1024 * 1024 + 17, '\0');
+    for (qsizetype i = 0; i < large.size(); ++i) large[i] = char(i % 251);
+    const auto setAttribute = [](const QString &path, const char *key, const QByteArray &value) {
+        return lsetxattr(local(path).constData(), key, value.constData(), value.size(), 0) == 0;
+    };
+    const auto makeOld = [](const QString &path) {
+        const timespec times[2] = {{900000000, 987654321}, {1000000000, 123456789}};
+        return utimensat(AT_FDCWD, local(path).constData(), times, AT_SYMLINK_NOFOLLOW) == 0;
+    };
+    const bool made =
+        makeFile(contents + "/Info.plist", "<plist/>", 0644) &&
+        makeFile(contents + "/MacOS/" + name, large, 0755) &&
+        makeFile(versions + "/A/Kit", "kit", 0755) && makeLink(versions + "/Current", "A") &&
+        makeLink(framework + "/Kit", "Versions/Current/Kit") &&
+        makeFile(contents + "/Resources/.hidden", "h", 0600) &&
+        makeLink(contents + "/Resources/absolute", contents + "/Info.plist") &&
+        makeLink(contents + "/Resources/dangling", "../nowhere") &&
+        makeFile(contents + "/Private/Résumé ü", "é", 0644) &&
+        chmod(local(contents + "/Private").constData(), 0700) == 0 &&
+        setAttribute(contents + "/MacOS/" + name, "user.kv.origin", "test") &&
+        setAttribute(contents + "/Resources", "user.kv.binary", QByteArray("\0\1\xff", 3)) &&
+        // Times last: adding entries changes a folder's times.
+        makeOld(contents + "/Info.plist") && makeOld(versions + "/A") &&
+        makeOld(versions + "/Current") && makeOld(contents + "/Resources");
+    return made ? folder + "/" + name + ".app" : QString();
+}
+
+// A small product bundle whose Info.plist carries the marker, so a test can
+// tell which of several copies lies somewhere.
+inline QString makeProduct(const QString &path, const QByteArray &marker) {
+    const bool made = makeFile(path + "/Contents/Info.plist", marker, 0644) &&
+                      makeFile(path + "/Contents/MacOS/Product", "#!/bin/sh\n", 0755);
+    return made ? path : QString();
+}
+
+inline QByteArray markerOf(const QString &productPath) {
+    QFile file(productPath + "/Contents/Info.plist");
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(none)");
+}
+
+namespace detail {
+// O_NOATIME (the tests run as the files' owner or as root): taking a
+// snapshot must not change the access times it records.
+inline int openQuietly(const QByteArray &path, int flags) {
+    return open(path.constData(), flags | O_NOATIME | O_NOFOLLOW | O_CLOEXEC);
+}
+
+inline void describe(const QString &path, const QString &relative, QStringList &lines) {
+    const QByteArray bytes = local(path);
+    struct stat status;
+    if (lstat(bytes.constData(), &status) != 0) return void(lines << relative + " missing");
+    const auto nanoseconds = [](timespec t) { return qint64(t.tv_sec) * 1000000000 + t.tv_nsec; };
+    // The mode in octal shows the type too (10 file, 4 folder, 12 link).
+    QString line = QString("%1 mode=%2 mtime=%3")
+                       .arg(relative)
+                       .arg(status.st_mode, 0, 8)
+                       .arg(nanoseconds(status.st_mtim));
+    char buffer[4096];
+    if (S_ISLNK(status.st_mode)) {
+        // Reading a link's target may change its access time: not recorded.
+        const ssize_t length = readlink(bytes.constData(), buffer, sizeof buffer);
+        line += " -> " + QFile::decodeName(QByteArray(buffer, std::max<ssize_t>(length, 0)));
+    } else {
+        line += QString(" atime=%1").arg(nanoseconds(status.st_atim));
+    }
+    if (S_ISREG(status.st_mode)) {
+        QFile file;
+        file.open(openQuietly(bytes, O_RDONLY), QIODevice::ReadOnly, QFile::AutoCloseHandle);
+        QCryptographicHash hash(QCryptographicHash::Sha256);
+        hash.addData(&file);
+        line += QString(" size=%1 sha256=%2").arg(status.st_size).arg(hash.result().toHex());
+    }
+    const ssize_t size = llistxattr(bytes.constData(), buffer, sizeof buffer);
+    for (ssize_t start = 0; start < size; start += qstrlen(buffer + start) + 1) {
+        // Security labels belong to a place, not to the item.
+        if (qstrncmp(buffer + start, "security.", 9) == 0) continue;
+        char value[4096];
+        const ssize_t length = lgetxattr(bytes.constData(), buffer + start, value, sizeof value);
+        line += QString(" %1=%2").arg(buffer + start,
+                                      QByteArray(value, std::max<ssize_t>(length, 0)).toHex());
+    }
+    lines << line;
+    if (!S_ISDIR(status.st_mode)) return;
+    DIR *directory = fdopendir(openQuietly(bytes, O_RDONLY | O_DIRECTORY));
+    while (const dirent *entry = directory ? readdir(directory) : nullptr) {
+        const QString name = QFile::decodeName(entry->d_name);
+        if (name != "." && name != "..") describe(path + "/" + name, relative + "/" + name, lines);
+    }
+    if (directory) closedir(directory);
+}
+}  // namespace detail
+
+// One line per item below root (root itself is "."), sorted by path: type and
+// permission bits, modification and (but for links) access times in
+// nanoseconds, link target or size and SHA-256 of the bytes, and extended
+// attributes. Two trees with equal snapshots are equal copies. Copying reads
+// the source and so may change its access times: snapshot it beforehand.
+inline QStringList snapshot(const QString &root) {
+    QStringList lines;
+    detail::describe(root, ".", lines);
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+// Items made immutable (chattr +i) for one test and freed again when it
+// ends, passed or not, so that the test folders can be removed.
+class ImmutableItems {
+public:
+    ImmutableItems() = default;
+    ImmutableItems(const ImmutableItems &) = delete;
+    ImmutableItems &operator=(const ImmutableItems &) = delete;
+    ~ImmutableItems() {
+        for (const QString &path : m_paths) chattr("-i", path);
+    }
+    // False when chattr cannot (it needs root and a file system with the flag).
+    bool lock(const QString &path) {
+        if (!chattr("+i", path)) return false;
+        m_paths << path;
+        return true;
+    }
+
+private:
+    static bool chattr(const QString &flag, const QString &path) {
+        QProcess process;
+        process.start("chattr", {flag, path});
+        return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit &&
+               process.exitCode() == 0;
+    }
+    QStringList m_paths;
+};
+
+}  // namespace TestFiles
