@@ -1,5 +1,5 @@
 // The desktop's services for files and applications: opening a document or
-// an application, and the icon a file shows.
+// an application, the icon a file shows, and the trash.
 #pragma once
 
 #include <QIcon>
@@ -15,4 +15,11 @@ bool openURL(const QUrl &url);
 // The bundle's own icon (CFBundleIconFile) when it has one, else the icon
 // the desktop shows for the file; no item, no icon.
 QIcon iconForFile(const QString &path);
+// Moves the item to the desktop's trash, from where the user can put it back:
+// the freedesktop.org trash of the item's volume ($XDG_DATA_HOME/Trash on
+// the home volume, made with its missing parent folders when needed; else
+// the volume's .Trash-$UID). False when the item stays where it was.
+bool moveToTrash(const QString &path);
+// Tells the desktop that the item changed, so that its windows show it.
+void noteFileSystemChanged(const QString &path);
 }  // namespace KVWorkspace

@@ -1,7 +1,11 @@
+// Before any Qt header: GIO names a struct member "signals", which Qt
+// defines as a macro.
+#include <gio/gio.h>
+#include <spawn.h>
+
 #include <QDesktopServices>
 #include <QFile>
 #include <QFileInfo>
-#include <spawn.h>
 #include <vector>
 
 #include "KVBundle.h"
@@ -11,8 +15,8 @@ extern char **environ;
 
 bool KVWorkspace::openFile(const QString &path) {
     if (path.isEmpty() || !QFileInfo::exists(path)) return false;
-    const auto bundle = path.endsWith(QLatin1String(".app")) ? KVBundle::bundleWithPath(path)
-                                                             : std::nullopt;
+    const auto bundle =
+        path.endsWith(QLatin1String(".app")) ? KVBundle::bundleWithPath(path) : std::nullopt;
     if (!bundle) return QDesktopServices::openUrl(QUrl::fromLocalFile(path));
 
     // An application outlives whoever opened it: its own session, no shell.
@@ -28,3 +32,19 @@ bool KVWorkspace::openFile(const QString &path) {
     posix_spawnattr_destroy(&attributes);
     return result == 0;
 }
+
+bool KVWorkspace::moveToTrash(const QString &path) {
+    if (path.isEmpty()) return false;
+    // GIO makes $XDG_DATA_HOME/Trash and any missing parent (mode 0700)
+    // itself, so root, whose home may lack ~/.local/share, can trash too.
+    // It reads $XDG_DATA_HOME once per process.
+    GFile *file = g_file_new_for_path(QFile::encodeName(path).constData());
+    GError *error = nullptr;
+    const bool trashed = g_file_trash(file, nullptr, &error);
+    g_clear_error(&error);
+    g_object_unref(file);
+    return trashed;
+}
+
+// File managers on Linux watch their folders through inotify; nobody needs telling.
+void KVWorkspace::noteFileSystemChanged(const QString &) {}
