@@ -8,19 +8,26 @@
 #include <QShortcut>
 #include <QStyle>
 #include <QTextDocument>
+#include <QThread>
+#include <QTimer>
 #include <cstdio>
 
 #include "InstallerWindow.h"
+#include "KVAppleEventManager.h"
 #include "KVBundle.h"
 #include "KVDocumentReader.h"
 #include "KVFileManager.h"
+#include "KVFourCharCode.h"
 #include "KVInstallerInterface.h"
 #include "KVLocalization.h"
 #include "KVLog.h"
 #include "KVPath.h"
 #include "KVProcess.h"
+#include "KVSound.h"
+#include "KVUserDefaults.h"
 #include "KVUtilities.h"
 #include "KVWorkspace.h"
+#include "SoundExtensions.h"
 #include "ViewExtensions.h"
 
 using namespace KVPath;
@@ -61,12 +68,18 @@ InstallerWinController::InstallerWinController(const QStringList &argv,
     });
 }
 
-InstallerWinController::~InstallerWinController() = default;
+InstallerWinController::~InstallerWinController() {
+    // The event handler calls back into this object.
+    if (m_receivesDoneEvents)
+        KVAppleEventManager::sharedManager().removeEventHandler(KVFourCharCode::fromString("SinS"),
+                                                                KVFourCharCode::fromString("Done"));
+}
 
 // ---------------------------------------------------------------------------
 // Set-up
 
 bool InstallerWinController::awakeFromNib() {
+    installAppleEvents();
     decideLogDestination();
     return setUp();
 }
@@ -219,6 +232,14 @@ void InstallerWinController::install() {
         selectTab(1);
         return;
     }
+    m_ui.installButton->setEnabled(false);
+    m_ui.cancelButton->setEnabled(false);
+    // Holding Option (Alt) while starting the run forces the administrator path.
+    m_optionKeyDown = QGuiApplication::queryKeyboardModifiers().testFlag(Qt::AltModifier);
+    // One thread per run, left to itself: quitting the program ends it.
+    QThread *worker = QThread::create([this] { installThread(); });
+    connect(worker, &QThread::finished, worker, &QObject::deleteLater);
+    worker->start();
 }
 
 void InstallerWinController::cancel() {
@@ -227,6 +248,86 @@ void InstallerWinController::cancel() {
         return;
     }
     terminate();
+}
+
+// ---------------------------------------------------------------------------
+// The install run
+
+void InstallerWinController::installThread() {
+    const QString name = productName();
+    kvLog("Install");
+    QMetaObject::invokeMethod(this, "animateProgress", Qt::QueuedConnection,
+                              Q_ARG(QString, QStringLiteral("YES")));
+    quitProcesses();
+    QString refusing = processToQuitStillRunning();
+    if (!refusing.isNull()) {
+        kvLog("%@ did not quit; will retry", refusing);
+        for (int attempt = 0; attempt < 3 && !refusing.isNull(); ++attempt) {
+            QThread::usleep(1000000);
+            quitProcesses();
+            refusing = processToQuitStillRunning();
+        }
+    }
+    refusing = processToQuitStillRunning();
+    QString outcome;
+    if (!refusing.isNull()) {
+        kvLog("%@ refused to quit; installation cancelled", refusing);
+        outcome = kvFormat(localized("%1$@ cannot be running during the installation.\rQuit %1$@, "
+                                     "then click \"Install\" again."),
+                           refusing);
+    } else {
+        outcome = installMyselfInDestination();
+        if (!outcome.isEmpty()) {
+            outcome = kvFormat(localized(outcome), name);
+            if (!m_arguments.contains(KVInstallerKeyWrapperPath))
+                outcome += kvFormat(
+                    "\r%@", kvFormat(localized("Try installing %1$@ manually by copying it to the "
+                                                "Applications folder."),
+                                     name));
+        }
+    }
+    QMetaObject::invokeMethod(this, "installationFinished", Qt::QueuedConnection,
+                              Q_ARG(QString, outcome));
+}
+
+void InstallerWinController::installationFinished(const QString &message) {
+    if (!message.isNull()) {
+        // The reason stays out of sight (the field was hidden by the set-up);
+        // the log carries it.
+        m_ui.messageField->setText(forDisplay(message));
+        m_ui.cancelButton->setEnabled(true);
+    } else {
+        showFinalMessage("%@ was successfully installed.");
+        m_ui.checkmarkField->show();
+        m_ui.cancelButton->hide();
+        m_ui.cancelButton->setEnabled(false);
+        if (!KVUserDefaults::standardUserDefaults().boolForKey("nosound")) playDoneSound();
+    }
+    m_ui.installButton->setEnabled(true);
+    animateProgress(QString());
+    if (m_arguments.contains(KVInstallerCompletionQuit)) {
+        const double delay =
+            KVUserDefaults::doubleValue(m_arguments.value(KVInstallerCompletionQuit).toString());
+        kvLog("quit delay: %1.1f", delay);
+        if (delay > 0) QTimer::singleShot(qRound64(delay * 1000.0), this, [this] { terminate(); });
+    }
+}
+
+void InstallerWinController::installAppleEvents() {
+    KVAppleEventManager::sharedManager().setEventHandler(
+        KVFourCharCode::fromString("SinS"), KVFourCharCode::fromString("Done"),
+        [this](const QString &text) { installationDone(text); });
+    m_receivesDoneEvents = true;
+    kvLog("AppleEvents installed");
+}
+
+void InstallerWinController::installationDone(const QString &directParameter) {
+    const QString label = installationInProgress();
+    kvLog("received Done event (%@), current installation: %@", directParameter, label);
+    if (label.isNull() || label != directParameter) return;
+    kvLog("installation finished");
+    QMetaObject::invokeMethod(this, "installationFinished", Qt::QueuedConnection,
+                              Q_ARG(QString, QString()));
 }
 
 void InstallerWinController::animateProgress(const QString &flag) {
@@ -415,5 +516,8 @@ void InstallerWinController::showFinalMessage(const QString &key) {
 
 void InstallerWinController::playDoneSound() {
     if (m_arguments.value(KVInstallerCompletionSound).toString() != QLatin1String("YES")) return;
-    // Playback on the sound-effect device joins with the sound unit.
+    const std::shared_ptr<KVSound> sound = KVSound::soundNamed(QStringLiteral("Done"));
+    if (!sound) return;
+    sound->setVolume(SoundExtensions::alertVolume());
+    SoundExtensions::playAsSoundEffect(*sound);
 }

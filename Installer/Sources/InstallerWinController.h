@@ -59,6 +59,14 @@ public:
     void cancel();
     void openDocumentation();
     void showFinalMessage(const QString &key);
+
+    // The install run: the worker thread's body, and the outcome on the main
+    // thread (null: success; any string, the empty one included: failure).
+    void installThread();
+    Q_INVOKABLE void installationFinished(const QString &message);
+    // The "Done" event: class 'SinS', ID 'Done', the installation's label.
+    void installAppleEvents();
+    void installationDone(const QString &directParameter);
     void systemVersionAlertDidEnd(QMessageBox *alert, int returnCode, void *contextInfo);
 
     // Destination choice and writability.
@@ -140,4 +148,5 @@ private:
     bool m_systemAcceptable = true;
     bool m_finished = false;
     bool m_optionKeyDown = false;
+    bool m_receivesDoneEvents = false;
 };

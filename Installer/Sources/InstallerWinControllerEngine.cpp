@@ -2,10 +2,10 @@
 // product goes, whether that place is writable, and which running copies
 // must quit first.
 #include <QMetaObject>
-#include <QMutex>
 #include <QThread>
 #include <chrono>
 #include <exception>
+#include <mutex>
 #include <thread>
 
 #include "AuthorizedExecute.h"
@@ -164,7 +164,7 @@ QString InstallerWinController::processToQuitStillRunning() const {
 
 namespace {
 
-QMutex s_labelLock;
+std::mutex s_labelLock;
 QString s_installationInProgress;
 
 void sleepSeconds(double seconds) {
@@ -185,7 +185,7 @@ void guarded(const char *exceptionLine, Step step) {
 }  // namespace
 
 QString InstallerWinController::installationInProgress() {
-    const QMutexLocker lock(&s_labelLock);
+    const std::lock_guard lock(s_labelLock);
     return s_installationInProgress;
 }
 
@@ -198,7 +198,7 @@ QString InstallerWinController::installMyselfInDestination() {
     const bool writable = canWriteToPath(destination);
     {
         // Replaced whole: the main thread's event handler reads it.
-        const QMutexLocker lock(&s_labelLock);
+        const std::lock_guard lock(s_labelLock);
         s_installationInProgress = kvFormat("%@ %@", m_arguments.value(KVInstallerKeyProductName),
                                             m_arguments.value(KVInstallerKeyVersion));
     }

@@ -1,6 +1,8 @@
 // The installer's entry point: hand the command line to the application and
 // let the controller set everything up.
 #include <QApplication>
+#include <cstdio>
+#include <cstdlib>
 
 #include "InstallerWinController.h"
 #include "KVBundle.h"
@@ -21,7 +23,14 @@ int main(int argc, char **argv) {
     QApplication app(argc, argv);
     KVLocalization::installTranslations(KVBundle::mainBundle(), QStringLiteral("Installer"));
 
-    InstallerWinController controller(words, KVBundle::mainBundle().bundlePath());
-    controller.awakeFromNib();
-    return app.exec();
+    // Lives as long as the process: an install run's worker thread uses it
+    // until the very end.
+    auto *controller = new InstallerWinController(words, KVBundle::mainBundle().bundlePath());
+    controller->awakeFromNib();
+    const int status = app.exec();
+    // Quitting ends the program at once, also in the middle of a run: no
+    // waiting for the worker, no teardown it could trip over.
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::_Exit(status);
 }

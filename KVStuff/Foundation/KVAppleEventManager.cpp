@@ -35,13 +35,13 @@ bool KVAppleEventManager::setEventHandler(OSType eventClass, OSType eventID, Han
         return m_receiving;
     }
     if (!m_receiving) return false;
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     m_handlers[{eventClass, eventID}] = std::move(handler);
     return true;
 }
 
 void KVAppleEventManager::removeEventHandler(OSType eventClass, OSType eventID) {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard locker(m_mutex);
     m_handlers.erase({eventClass, eventID});
 }
 
@@ -53,7 +53,7 @@ KVAppleEventManager::Delivery KVAppleEventManager::deliver(const QString &eventC
     if (classCode == 0 || idCode == 0) return Delivery::BadEvent;
     Handler handler;
     {
-        QMutexLocker locker(&m_mutex);
+        std::lock_guard locker(m_mutex);
         const auto found = m_handlers.find({classCode, idCode});
         if (found == m_handlers.end()) return Delivery::NotHandled;
         handler = found->second;

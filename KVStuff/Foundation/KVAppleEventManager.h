@@ -10,7 +10,7 @@
 // back on it. Without a session bus receiving is off, which is logged once.
 #pragma once
 
-#include <QMutex>
+#include <mutex>
 #include <QObject>
 #include <QString>
 #include <functional>
@@ -46,6 +46,6 @@ private:
                      const QString &directParameter);
 
     bool m_receiving = false;
-    QMutex m_mutex;  // guards m_handlers: handlers are set from any thread
+    std::mutex m_mutex;  // guards m_handlers: handlers are set from any thread
     std::map<std::pair<OSType, OSType>, Handler> m_handlers;
 };

@@ -71,7 +71,7 @@ int readNumber(const QString &s, qsizetype &i) {
     return n;
 }
 
-// Parses the specification after a "%" at i; returns false for an
+// Parses the conversion after a "%" at i; returns false for an
 // incomplete one, which is then printed as it stands.
 bool parseSpec(const QString &s, qsizetype &i, Spec &spec) {
     qsizetype j = i;

@@ -1,11 +1,11 @@
 #include "KVUserDefaults.h"
 
 #include <QCoreApplication>
-#include <QMutex>
 #include <QSettings>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <mutex>
 #include <optional>
 
 #include "KVBundle.h"
@@ -14,7 +14,7 @@
 
 namespace {
 
-QMutex s_argumentsLock;
+std::mutex s_argumentsLock;
 std::optional<QVariantMap> s_argumentDomain;
 
 QVariantMap parseArguments(const QStringList &argv) {
@@ -56,12 +56,12 @@ KVUserDefaults &KVUserDefaults::standardUserDefaults() {
 KVUserDefaults::KVUserDefaults(const QString &suiteName) : m_domain(suiteName) {}
 
 void KVUserDefaults::setArgumentDomain(const QStringList &argv) {
-    QMutexLocker lock(&s_argumentsLock);
+    std::lock_guard lock(s_argumentsLock);
     s_argumentDomain = parseArguments(argv);
 }
 
 QVariantMap KVUserDefaults::argumentDomain() {
-    QMutexLocker lock(&s_argumentsLock);
+    std::lock_guard lock(s_argumentsLock);
     if (!s_argumentDomain) s_argumentDomain = parseArguments(QCoreApplication::arguments());
     return *s_argumentDomain;
 }

@@ -1,11 +1,11 @@
 #include "KVProcess.h"
 
 #include <QCryptographicHash>
-#include <QRecursiveMutex>
 #include <QElapsedTimer>
 #include <QStringList>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <chrono>
 #include <thread>
 #include <algorithm>
@@ -39,11 +39,11 @@ namespace {
 // The installer's worker thread lists and quits processes while the main
 // thread may look them up: one lock guards the cache, the statics and every
 // lazily filled value of a record. Recursive, since lookups nest.
-QRecursiveMutex &classLock() {
-    static QRecursiveMutex lock;
+std::recursive_mutex &classLock() {
+    static std::recursive_mutex lock;
     return lock;
 }
-using Guard = QMutexLocker<QRecursiveMutex>;
+using Guard = std::lock_guard<std::recursive_mutex>;
 
 // Never destroyed: records hold icons, which must not outlive the
 // application object that static destruction runs after.
@@ -82,7 +82,7 @@ bool isTrue(const QVariant &value) {
 // ---- Lookups ----
 
 KVProcessRef KVProcess::processWithSerialNumber(const ProcessSerialNumber &psn) {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (KVProcessRef cached = cachedProcessWithSerialNumber(psn)) return cached;
     auto process = std::make_shared<KVProcess>(psn);
     process->addToCache();
@@ -117,7 +117,7 @@ KVProcessRef KVProcess::processWithIdentifier(const QString &identifier) {
 }
 
 KVProcessRef KVProcess::currentProcess() {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     KVProcessRef &current = currentProcessRecord();
     if (current) return current;
     installNotifications();
@@ -143,7 +143,7 @@ QList<KVProcessRef> KVProcess::allProcesses() {
 // ---- Cache ----
 
 qsizetype KVProcess::indexOfCachedProcessWithSerialNumber(const ProcessSerialNumber &psn) {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     const QList<KVProcessRef> &list = cache();
     for (qsizetype i = 0; i < list.size(); ++i) {
         if (list.at(i)->isSameProcess(psn)) return i;
@@ -152,7 +152,7 @@ qsizetype KVProcess::indexOfCachedProcessWithSerialNumber(const ProcessSerialNum
 }
 
 KVProcessRef KVProcess::cachedProcessWithSerialNumber(const ProcessSerialNumber &psn) {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     const qsizetype index = indexOfCachedProcessWithSerialNumber(psn);
     if (index == NSNotFound) return nullptr;
     QList<KVProcessRef> &list = cache();
@@ -164,12 +164,12 @@ KVProcessRef KVProcess::cachedProcessWithSerialNumber(const ProcessSerialNumber 
 }
 
 void KVProcess::addToCache() {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (KVProcessRef self = weak_from_this().lock()) cache().insert(0, self);
 }
 
 void KVProcess::cleanupCache() {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     QList<KVProcessRef> &list = cache();
     for (qsizetype i = 0; i < list.size();) {
         if (list.at(i)->isStillRunning())
@@ -180,7 +180,7 @@ void KVProcess::cleanupCache() {
 }
 
 QList<KVProcessRef> KVProcess::cachedProcesses() {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     return cache();
 }
 
@@ -197,7 +197,7 @@ pid_t KVProcess::unixPID() const { return OS::pidForSerialNumber(m_psn); }
 bool KVProcess::isStillRunning() const { return OS::pidForSerialNumber(m_psn) != 0; }
 
 bool KVProcess::getProcessInfo() const {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (m_hasProcessInfo) return true;
     const auto information = OS::processInformation(m_psn);
     if (!information) return false;
@@ -225,7 +225,7 @@ QString KVProcess::signatureHexString() const {
 }
 
 QVariantMap KVProcess::infoDictionary() const {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (m_infoDictionary.isEmpty()) m_infoDictionary = OS::informationDictionary(m_psn);
     return m_infoDictionary;
 }
@@ -236,7 +236,7 @@ QString KVProcess::identifier() const {
 }
 
 QString KVProcess::path() const {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (m_path.isNull()) m_path = OS::bundleLocation(m_psn);
     return m_path;
 }
@@ -248,7 +248,7 @@ std::optional<KVBundle> KVProcess::bundle() const {
 }
 
 QString KVProcess::displayName() const {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (m_displayName.isNull()) {
         m_displayName = OS::displayName(m_psn);
         if (m_displayName.isNull()) m_displayName = name();
@@ -257,7 +257,7 @@ QString KVProcess::displayName() const {
 }
 
 QString KVProcess::appName() const {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (m_appName.isNull()) {
         const QString location = path();
         if (!location.isNull()) m_appName = KVPath::lastPathComponent(location);
@@ -273,7 +273,7 @@ QString KVProcess::appName() const {
 }
 
 QIcon KVProcess::icon() const {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (!m_icon) m_icon = KVWorkspace::iconForFile(path());
     return *m_icon;
 }
@@ -287,7 +287,7 @@ bool KVProcess::isBackgroundOnly() const {
 }
 
 bool KVProcess::isCocoa() const {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (m_cocoaStatus != 0) return m_cocoaStatus == 1;
     m_cocoaStatus = 2;
     const QString location = path();
@@ -310,7 +310,7 @@ QString KVProcess::platform() const {
 // ---- Versions ----
 
 QString KVProcess::version() const {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (!m_version.isNull()) return m_version;
     m_version = QStringLiteral("1.0");
     if (!getProcessInfo() || path().isNull()) return m_version;
@@ -410,7 +410,7 @@ NSComparisonResult KVProcess::compare(const KVProcess &other) const {
 // ---- Timing and diagnostics ----
 
 QDateTime KVProcess::launchDate() const {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (m_launchDate.isValid()) return m_launchDate;
     const pid_t pid = unixPID();
     if (pid != 0) {
@@ -573,7 +573,7 @@ void KVProcess::sendAppleEventClass(OSType eventClass, OSType eventID, const QSt
 // ---- Custom information ----
 
 void KVProcess::setInfo(const QVariant &value, const QString &forKey) {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     if (value.isNull())
         m_customInfo.remove(forKey);
     else
@@ -581,7 +581,7 @@ void KVProcess::setInfo(const QVariant &value, const QString &forKey) {
 }
 
 QVariant KVProcess::infoForKey(const QString &key) const {
-    const Guard guard(&classLock());
+    const Guard guard(classLock());
     return m_customInfo.value(key);
 }
 

@@ -1,0 +1,209 @@
+#include "SoundExtensions.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "KVLog.h"
+#include "KVUserDefaults.h"
+#include "SoundExtensions_p.h"
+
+namespace {
+
+std::mutex s_dateLock;
+QDateTime s_lastSoundDate;
+std::function<QDateTime()> s_clock;
+
+std::mutex s_overrideLock;
+std::optional<QString> s_deviceIDOverride;
+
+// The silent-sound threads: how many were started, how many still run.
+std::atomic<int> s_silentThreadsStarted{0};
+std::mutex s_silentThreadsLock;
+std::condition_variable s_silentThreadsDone;
+int s_silentThreadsRunning = 0;
+
+// Anything with a number in it answers a float value; a text without one reads as 0.
+std::optional<float> floatValue(const QVariant &object) {
+    switch (object.typeId()) {
+        case QMetaType::QString: return static_cast<float>(KVUserDefaults::doubleValue(object.toString()));
+        case QMetaType::Bool:
+        case QMetaType::Int:
+        case QMetaType::UInt:
+        case QMetaType::Long:
+        case QMetaType::ULong:
+        case QMetaType::LongLong:
+        case QMetaType::ULongLong:
+        case QMetaType::Short:
+        case QMetaType::UShort:
+        case QMetaType::Double:
+        case QMetaType::Float: return object.toFloat();
+        default: return std::nullopt;
+    }
+}
+
+}  // namespace
+
+// ---- Playing ----
+
+void SoundExtensions::playAsSoundEffect(KVSound &sound) {
+    const bool log = KVUserDefaults::standardUserDefaults().boolForKey(QStringLiteral("soundLog"));
+    QString uid;
+    if (log) {
+        kvLog(QStringLiteral("playAsSoundEffect: %@"), sound.description());
+        listAudioDevices();
+        uid = systemAudioDeviceID();
+        kvLog(QStringLiteral("+SL: soundEffectID=%@"), uid);
+    } else {
+        uid = systemAudioDeviceID();
+    }
+    if (!uid.isNull()) {
+        if (log) kvLog(QStringLiteral("+SL: setPlaybackDeviceIdentifier:%@"), uid);
+        QString error;
+        if (!sound.setPlaybackDeviceIdentifier(uid, &error)) {
+            if (log) kvLog(QStringLiteral("+SL: exception %@"), error);
+            sound.setPlaybackDeviceIdentifier(QString());
+        }
+    }
+    if (log) kvLog(QStringLiteral("+SL: play self (%@)"), sound.description());
+    sound.play();
+    setSoundDateNow();
+}
+
+// ---- Devices ----
+
+QString SoundExtensions::systemAudioDeviceID() {
+    {
+        std::lock_guard guard(s_overrideLock);
+        if (s_deviceIDOverride) return *s_deviceIDOverride;
+    }
+    return SoundExtensionsPlatform::defaultOutputDeviceID();
+}
+
+QString SoundExtensions::_alertSoundAlertDeviceIdentifier() {
+    return SoundExtensionsPlatform::defaultOutputDeviceID();
+}
+
+QString SoundExtensions::soundEffectDeviceID() {
+    return SoundExtensionsPlatform::soundEffectDeviceID();
+}
+
+void SoundExtensions::listAudioDevices() {
+    for (const SoundExtensionsPlatform::AudioDevice &device :
+         SoundExtensionsPlatform::audioDevices())
+        kvLog(QStringLiteral("   device %s by %s id %@"), device.name.constData(),
+              device.maker.constData(), device.identifier);
+}
+
+// ---- Alert volume ----
+
+float SoundExtensions::alertVolume() {
+    const KVUserDefaults defaults(QStringLiteral("com.apple.systemsound"));
+    return SoundExtensionsPrivate::alertVolumeForStoredValue(
+        defaults.objectForKey(QStringLiteral("com.apple.sound.beep.volume")));
+}
+
+float SoundExtensionsPrivate::alertVolumeForStoredValue(const QVariant &stored) {
+    const std::optional<float> value = floatValue(stored);
+    if (!value) return 1.0f;
+    // The stored value runs over the setting's slider, whose steps are not
+    // evenly spaced; each stretch maps onto a quarter of the volume.
+    const double v = *value;
+    double volume;
+    if (v <= 0.35) {
+        volume = 0.0;
+    } else if (v <= 0.47) {
+        volume = 0.00 + 0.25 * (v - 0.35) / 0.12;
+    } else if (v <= 0.61) {
+        volume = 0.25 + 0.25 * (v - 0.47) / 0.14;
+    } else if (v <= 0.78) {
+        volume = 0.50 + 0.25 * (v - 0.61) / (0.78 - 0.61);
+    } else {
+        volume = 0.75 + 0.25 * (v - 0.78) / (1.0 - 0.78);
+    }
+    const float result = static_cast<float>(volume);
+    return result > 1.0f ? 1.0f : result;
+}
+
+// ---- Keeping the output awake ----
+
+void SoundExtensions::setSoundDateNow() {
+    const QDateTime now = SoundExtensionsPrivate::now();
+    std::lock_guard guard(s_dateLock);
+    s_lastSoundDate = now;
+}
+
+void SoundExtensions::prepareForSound() {
+    {
+        const QDateTime now = SoundExtensionsPrivate::now();
+        std::lock_guard guard(s_dateLock);
+        if (s_lastSoundDate.isValid() && s_lastSoundDate.msecsTo(now) <= 25000) return;
+    }
+    // Before the thread starts, so that a second call within the 25 seconds
+    // returns at the test above.
+    setSoundDateNow();
+    ++s_silentThreadsStarted;
+    {
+        std::lock_guard guard(s_silentThreadsLock);
+        ++s_silentThreadsRunning;
+    }
+    std::thread([] {
+        playSilentSoundThread();
+        std::lock_guard guard(s_silentThreadsLock);
+        --s_silentThreadsRunning;
+        s_silentThreadsDone.notify_all();
+    }).detach();
+}
+
+void SoundExtensions::playSilentSoundThread() {
+    static std::mutex classLock;
+    // Never released: it lives as long as the process.
+    static auto *silentSound = new std::shared_ptr<KVSound>;
+    std::lock_guard guard(classLock);
+    if (!*silentSound) {
+        *silentSound = KVSound::soundNamed(QStringLiteral("SoundOfSilence"));
+        if (*silentSound) (*silentSound)->setVolume(0.01f);
+    }
+    // A missing sound is looked for again on the next call.
+    if (*silentSound) playAsSoundEffect(**silentSound);
+}
+
+// ---- Test seams ----
+
+void SoundExtensionsPrivate::setClock(std::function<QDateTime()> clock) {
+    std::lock_guard guard(s_dateLock);
+    s_clock = std::move(clock);
+}
+
+QDateTime SoundExtensionsPrivate::now() {
+    std::function<QDateTime()> clock;
+    {
+        std::lock_guard guard(s_dateLock);
+        clock = s_clock;
+    }
+    return clock ? clock() : QDateTime::currentDateTimeUtc();
+}
+
+QDateTime SoundExtensionsPrivate::lastSoundDate() {
+    std::lock_guard guard(s_dateLock);
+    return s_lastSoundDate;
+}
+
+void SoundExtensionsPrivate::resetSoundDate() {
+    std::lock_guard guard(s_dateLock);
+    s_lastSoundDate = QDateTime();
+}
+
+int SoundExtensionsPrivate::silentSoundThreadsStarted() { return s_silentThreadsStarted; }
+
+void SoundExtensionsPrivate::waitForSilentSoundThreads() {
+    std::unique_lock guard(s_silentThreadsLock);
+    s_silentThreadsDone.wait(guard, [] { return s_silentThreadsRunning == 0; });
+}
+
+void SoundExtensionsPrivate::overrideSystemAudioDeviceID(std::optional<QString> identifier) {
+    std::lock_guard guard(s_overrideLock);
+    s_deviceIDOverride = std::move(identifier);
+}

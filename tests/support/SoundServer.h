@@ -1,0 +1,67 @@
+// A private PulseAudio server for the test process, with a null sink
+// ("kvtest_sink") as its default output. Recording the sink's monitor proves
+// that a sound was played, and how loud.
+//
+// Qt Multimedia connects to a sound server once per process and keeps that
+// connection, so there is one server per test program: started on first use
+// (before anything asks Qt for audio devices), never restarted, and stopped
+// with the application object. Everything it starts it stops by process id.
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+#include <map>
+#include <memory>
+
+class SoundServer {
+public:
+    static constexpr const char *kSinkName = "kvtest_sink";
+
+    // The server, started on the first call; nullptr when it cannot run, with
+    // the reason in *error.
+    static SoundServer *shared(QString *error = nullptr);
+    ~SoundServer();
+
+    QString socketPath() const { return m_folder + QStringLiteral("/native"); }
+
+    // Runs pactl against the server; false when it fails.
+    bool pactl(const QStringList &arguments, QString *output = nullptr) const;
+    // Loads one more null sink; its module index, or -1.
+    int addNullSink(const QString &name);
+    bool unloadModule(int index);
+    // Waits until Qt Multimedia lists (or no longer lists) the output.
+    static bool waitForQtOutput(const QString &identifier, bool present = true);
+
+    // Records the sink's monitor (mono, 44.1 kHz, 16-bit) until stopCapture;
+    // returns once the recording runs.
+    bool startCapture(const QString &sink = kSinkName);
+    // Records settleMilliseconds more (sound reaches the monitor a little
+    // late), stops and returns the samples, -1.0 to 1.0.
+    QVector<float> stopCapture(const QString &sink = kSinkName, int settleMilliseconds = 500);
+
+    static double peak(const QVector<float> &samples);
+    static double rms(const QVector<float> &samples);
+    // Separate sounds: stretches louder than the threshold, apart by at least
+    // minimumGapSeconds of quieter samples.
+    static int countSounds(const QVector<float> &samples, double threshold = 0.01,
+                           double minimumGapSeconds = 0.15);
+
+private:
+    struct Capture {
+        std::unique_ptr<QProcess> process;
+        QString file;
+    };
+
+    SoundServer() = default;
+    bool start(QString *error);
+    void stop();
+    static void stopShared();
+
+    QString m_folder;
+    std::unique_ptr<QProcess> m_daemon;
+    std::unique_ptr<QProcess> m_keeper;
+    std::map<QString, Capture> m_captures;
+    int m_captureCount = 0;
+};

@@ -1,0 +1,38 @@
+// A product as the installer installs it: it answers the quit event like any
+// application of the platform, and once started it tells the installer named
+// by KV_TEST_DONE_PID that it runs, with the "Done" event carrying its name
+// and version. It runs until it is asked to quit.
+#include <QCoreApplication>
+#include <QTimer>
+#include <unistd.h>
+
+#include "KVAppleEvent.h"
+#include "KVAppleEventManager.h"
+#include "KVBundle.h"
+#include "KVFourCharCode.h"
+
+int main(int argc, char **argv) {
+    QCoreApplication app(argc, argv);
+    // Receiving at all makes the default quit handler answer.
+    KVAppleEventManager::sharedManager().setEventHandler(KVFourCharCode::fromString("TEST"),
+                                                         KVFourCharCode::fromString("Ping"),
+                                                         [](const QString &) {});
+    // Started by a test: say when it is ready (TestBundle::start waits for it).
+    const int readyAt = QCoreApplication::arguments().indexOf("--ready-fd");
+    if (readyAt > 0 && readyAt + 1 < argc) {
+        const int fd = QCoreApplication::arguments().at(readyAt + 1).toInt();
+        (void)!write(fd, "1", 1);
+        close(fd);
+    }
+    const pid_t installer = pid_t(qEnvironmentVariableIntValue("KV_TEST_DONE_PID"));
+    if (installer > 0) {
+        const QVariantMap info = KVBundle::mainBundle().infoDictionary();
+        const QString label = info.value("CFBundleName").toString() + ' ' +
+                              info.value("CFBundleShortVersionString").toString();
+        QTimer::singleShot(0, [installer, label] {
+            KVAppleEvent::send(installer, KVFourCharCode::fromString("SinS"),
+                               KVFourCharCode::fromString("Done"), label, 0);
+        });
+    }
+    return app.exec();
+}
