@@ -56,8 +56,6 @@ InstallerWinController::InstallerWinController(const QStringList &argv,
     m_explanationTemplate = m_ui.explanationField->text();
     // Shown only while a run animates it, as a stopped spinner is not drawn.
     m_ui.progressIndicator->hide();
-    m_ui.checkmarkField->setPixmap(
-        m_window->style()->standardIcon(QStyle::SP_DialogApplyButton).pixmap(64));
 
     connect(m_ui.installButton, &QPushButton::clicked, this, &InstallerWinController::install);
     connect(m_ui.cancelButton, &QPushButton::clicked, this, &InstallerWinController::cancel);
@@ -298,6 +296,10 @@ void InstallerWinController::installationFinished(const QString &message) {
         m_ui.cancelButton->setEnabled(true);
     } else {
         showFinalMessage("%@ was successfully installed.");
+        // Drawn only now: the style's icons cost a good share of start-up.
+        if (m_ui.checkmarkField->pixmap().isNull())
+            m_ui.checkmarkField->setPixmap(
+                m_window->style()->standardIcon(QStyle::SP_DialogApplyButton).pixmap(64));
         m_ui.checkmarkField->show();
         m_ui.cancelButton->hide();
         m_ui.cancelButton->setEnabled(false);
