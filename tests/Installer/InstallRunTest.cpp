@@ -8,7 +8,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
-#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTest>
 #include <atomic>
@@ -70,6 +69,7 @@ protected:
         for (const KVProcessRef &process : KVProcess::allProcesses())
             if (process->path().startsWith(folder)) kill(process->unixPID(), SIGKILL);
         QProcess::execute("chattr", {"-R", "-i", folder});
+        QProcess::execute("chattr", {"-i", qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files"});
         controller.reset();
     }
 
@@ -119,6 +119,12 @@ protected:
                capture.messages().filter("User canceled");
     }
     const Ui::InstallerWindow &ui() const { return controller->outlets(); }
+    // Makes the trash refuse everything; TearDown frees it again.
+    static void lockTrash() {
+        const QString trash = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files";
+        QDir().mkpath(trash);
+        ASSERT_EQ(QProcess::execute("chattr", {"+i", trash}), 0);
+    }
 
     QString folder, source, applications, destination;
     std::unique_ptr<InstallerWinController> controller;
@@ -220,11 +226,9 @@ TEST_F(InstallRunTest, CancelledAdministratorDialogEmptiesTheMessage) {
 }
 
 TEST_F(InstallRunTest, FailureMessageAddsTheManualCopyHintWithoutWrapper) {
+    // An old copy that the trash refuses: the run fails.
     TestBundle::make(applications, "Product", {});
-    const QString trash = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files";
-    QDir().mkpath(trash);
-    ASSERT_EQ(QProcess::execute("chattr", {"+i", trash}), 0);
-    const auto unlock = qScopeGuard([&] { QProcess::execute("chattr", {"-i", trash}); });
+    lockTrash();
     setUp();
     clickInstallAndWait();
     EXPECT_EQ(ui().messageField->text(),
@@ -233,11 +237,9 @@ TEST_F(InstallRunTest, FailureMessageAddsTheManualCopyHintWithoutWrapper) {
 }
 
 TEST_F(InstallRunTest, QuitDelayEndsTheProgramAfterTheOutcomeAlsoAfterAFailure) {
+    // An old copy that the trash refuses: the run fails.
     TestBundle::make(applications, "Product", {});
-    const QString trash = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files";
-    QDir().mkpath(trash);
-    ASSERT_EQ(QProcess::execute("chattr", {"+i", trash}), 0);
-    const auto unlock = qScopeGuard([&] { QProcess::execute("chattr", {"-i", trash}); });
+    lockTrash();
     setUp({"-completionQuit", "2.5"});
     const QStringList log = clickInstallAndWait();
     QElapsedTimer since;
