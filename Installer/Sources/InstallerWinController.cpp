@@ -518,7 +518,14 @@ void InstallerWinController::showFinalMessage(const QString &key) {
 
 void InstallerWinController::playDoneSound() {
     if (m_arguments.value(KVInstallerCompletionSound).toString() != QLatin1String("YES")) return;
-    const std::shared_ptr<KVSound> sound = KVSound::soundNamed(QStringLiteral("Done"));
+    // The installer's own bundle first (it is the main bundle when the
+    // installer runs as an application), then the named-sound lookup.
+    std::shared_ptr<KVSound> sound;
+    if (const auto own = KVBundle::bundleWithPath(m_mainBundlePath)) {
+        const QString path = own->pathForResource(QStringLiteral("Done"), QStringLiteral("wav"));
+        if (!path.isNull()) sound = std::make_shared<KVSound>(path);
+    }
+    if (!sound) sound = KVSound::soundNamed(QStringLiteral("Done"));
     if (!sound) return;
     sound->setVolume(SoundExtensions::alertVolume());
     SoundExtensions::playAsSoundEffect(*sound);

@@ -21,7 +21,9 @@
 #include "KVPropertyList.h"
 #include "LogCapture.h"
 #include "TestBundle.h"
+#include "SoundServer.h"
 #include "TestEnvironment.h"
+#include "KVUserDefaults.h"
 
 namespace {
 
@@ -273,6 +275,55 @@ TEST_F(InstallRunTest, DoneEventWithAnotherTextIsOnlyLogged) {
               QString("received Done event (Other 1.0), current").left(40));
     EXPECT_FALSE(capture.messages().contains("installation finished"));
     EXPECT_FALSE(controller->isFinished());
+}
+
+class InstallRunSoundTest : public InstallRunTest {
+protected:
+    void SetUp() override {
+        QString error;
+        server = SoundServer::shared(&error);
+        ASSERT_NE(server, nullptr) << qPrintable(error);
+        InstallRunTest::SetUp();
+    }
+    void TearDown() override {
+        KVUserDefaults::setArgumentDomain({});
+        KVUserDefaults("com.apple.systemsound").removeObjectForKey("com.apple.sound.beep.volume");
+        InstallRunTest::TearDown();
+    }
+    // Runs one installation and returns what the sound card played meanwhile.
+    QVector<float> installAndRecord(const QStringList &extra) {
+        EXPECT_TRUE(server->startCapture());
+        setUp(extra);
+        clickInstallAndWait();
+        EXPECT_TRUE(controller->isFinished());
+        const QVector<float> samples = server->stopCapture(SoundServer::kSinkName, 1500);
+        for (const KVProcessRef &process : KVProcess::allProcesses())
+            if (process->path() == destination) kill(process->unixPID(), SIGKILL);
+        return samples;
+    }
+    SoundServer *server = nullptr;
+};
+
+TEST_F(InstallRunSoundTest, CompletionSoundIsHeardOnceAtTheAlertVolume) {
+    qunsetenv("KV_TEST_DONE_PID");  // one report, so one success page
+    const QVector<float> full = installAndRecord({"-completionSound", "YES"});
+    EXPECT_EQ(SoundServer::countSounds(full), 1);
+    QDir(applications).removeRecursively();
+    QDir().mkpath(applications);
+    // 0.61 in the system sound settings is half the alert volume.
+    KVUserDefaults("com.apple.systemsound").setObject(0.61, "com.apple.sound.beep.volume");
+    const QVector<float> half = installAndRecord({"-completionSound", "YES"});
+    EXPECT_EQ(SoundServer::countSounds(half), 1);
+    ASSERT_GT(SoundServer::peak(full), 0.05);
+    EXPECT_NEAR(SoundServer::peak(half) / SoundServer::peak(full), 0.5, 0.1);
+}
+
+TEST_F(InstallRunSoundTest, NoSoundDefaultKeepsTheRunSilent) {
+    qunsetenv("KV_TEST_DONE_PID");
+    KVUserDefaults::setArgumentDomain({"/x/Installer", "-nosound", "YES"});
+    const QVector<float> samples = installAndRecord({"-completionSound", "YES"});
+    EXPECT_EQ(SoundServer::countSounds(samples), 0);
+    EXPECT_LT(SoundServer::peak(samples), 0.001);
 }
 
 }  // namespace

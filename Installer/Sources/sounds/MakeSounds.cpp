@@ -87,9 +87,9 @@ int main(int argc, char **argv) {
         return 2;
     }
     const std::string folder = argv[1];
-    const bool written = writeWav(folder + "/Done.wav", chime()) &&
-                         writeWav(folder + "/SoundOfSilence.wav",
-                                  std::vector<int16_t>(kSampleRate / 2, 0));
+    const bool written =
+        writeWav(folder + "/Done.wav", chime()) &&
+        writeWav(folder + "/SoundOfSilence.wav", std::vector<int16_t>(kSampleRate / 2, 0));
     if (!written) {
         std::fprintf(stderr, "%s: cannot write the sounds into %s\n", argv[0], folder.c_str());
         return 1;
