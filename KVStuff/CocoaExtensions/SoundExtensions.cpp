@@ -28,7 +28,8 @@ int s_silentThreadsRunning = 0;
 // Anything with a number in it answers a float value; a text without one reads as 0.
 std::optional<float> floatValue(const QVariant &object) {
     switch (object.typeId()) {
-        case QMetaType::QString: return static_cast<float>(KVUserDefaults::doubleValue(object.toString()));
+        case QMetaType::QString:
+            return static_cast<float>(KVUserDefaults::doubleValue(object.toString()));
         case QMetaType::Bool:
         case QMetaType::Int:
         case QMetaType::UInt:
@@ -39,8 +40,10 @@ std::optional<float> floatValue(const QVariant &object) {
         case QMetaType::Short:
         case QMetaType::UShort:
         case QMetaType::Double:
-        case QMetaType::Float: return object.toFloat();
-        default: return std::nullopt;
+        case QMetaType::Float:
+            return object.toFloat();
+        default:
+            return std::nullopt;
     }
 }
 
@@ -108,8 +111,9 @@ float SoundExtensions::alertVolume() {
 float SoundExtensionsPrivate::alertVolumeForStoredValue(const QVariant &stored) {
     const std::optional<float> value = floatValue(stored);
     if (!value) return 1.0f;
-    // The stored value runs over the setting's slider, whose steps are not
-    // evenly spaced; each stretch maps onto a quarter of the volume.
+    // Each stretch between the stored breakpoints maps linearly onto a
+    // quarter of the volume; the two upper widths are the differences as
+    // doubles hold them, not the literals 0.17 and 0.22.
     const double v = *value;
     double volume;
     if (v <= 0.35) {
@@ -140,10 +144,10 @@ void SoundExtensions::prepareForSound() {
         const QDateTime now = SoundExtensionsPrivate::now();
         std::lock_guard guard(s_dateLock);
         if (s_lastSoundDate.isValid() && s_lastSoundDate.msecsTo(now) <= 25000) return;
+        // Noted before the thread starts (and under the same lock), so that
+        // another call within the 25 seconds returns at the test above.
+        s_lastSoundDate = now;
     }
-    // Before the thread starts, so that a second call within the 25 seconds
-    // returns at the test above.
-    setSoundDateNow();
     ++s_silentThreadsStarted;
     {
         std::lock_guard guard(s_silentThreadsLock);

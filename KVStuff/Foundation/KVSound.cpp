@@ -1,22 +1,30 @@
 #include "KVSound.h"
 
 #include <QAudioDevice>
+#include <QAudioFormat>
+#include <QAudioSink>
+#include <QBuffer>
 #include <QCoreApplication>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
 #include <QMediaDevices>
-#include <QSoundEffect>
 #include <QThread>
-#include <QUrl>
+#include <QTimer>
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <optional>
 
 #include "KVBundle.h"
 #include "KVFormat.h"
 #include "KVSound_p.h"
+
+// Playback goes through QAudioSink rather than QSoundEffect, whose Qt 6.4
+// version hangs the main thread when an effect is deleted while any sound is
+// still loading, stops reporting the end of a sound after a few plays, and
+// keeps the device it loaded for. A WAV file is small enough to hold whole.
 
 namespace {
 
@@ -26,41 +34,60 @@ quint32 littleEndian(const char *bytes, int count) {
     return value;
 }
 
-// Reads the RIFF header: whether the file is a WAV file with a format and a
-// data chunk, and how many seconds its data lasts.
-bool readWaveHeader(const QString &path, double *duration) {
-    *duration = 0.0;
+struct Wave {
+    QAudioFormat format;
+    QByteArray samples;
+    double duration = 0.0;
+};
+
+// Integer PCM of 8, 16 or 32 bits and 32-bit floats (the sample formats the
+// audio output takes), also in the extensible format.
+std::optional<Wave> readWave(const QString &path) {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) return false;
-    const QByteArray riff = file.read(12);
-    if (riff.size() < 12 || !riff.startsWith("RIFF") || riff.mid(8, 4) != "WAVE") return false;
-    quint32 bytesPerSecond = 0;
-    for (;;) {
-        const QByteArray chunk = file.read(8);
-        if (chunk.size() < 8) return false;
-        const qint64 size = littleEndian(chunk.constData() + 4, 4);
-        const QByteArray id = chunk.left(4);
+    if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly)) return std::nullopt;
+    const QByteArray bytes = file.readAll();
+    if (bytes.size() < 12 || !bytes.startsWith("RIFF") || bytes.mid(8, 4) != "WAVE")
+        return std::nullopt;
+    Wave wave;
+    int bits = 0;
+    for (qsizetype at = 12; at + 8 <= bytes.size();) {
+        const QByteArray id = bytes.mid(at, 4);
+        const qint64 size = littleEndian(bytes.constData() + at + 4, 4);
+        const qsizetype body = at + 8;
         if (id == "fmt ") {
-            const QByteArray format = file.read(size);
-            if (format.size() < 16) return false;
-            bytesPerSecond = littleEndian(format.constData() + 8, 4);
-            if (size % 2) file.read(1);
+            if (size < 16 || body + 16 > bytes.size()) return std::nullopt;
+            const char *format = bytes.constData() + body;
+            quint32 tag = littleEndian(format, 2);
+            if (tag == 0xfffe && size >= 40 && body + 40 <= bytes.size())
+                tag = littleEndian(format + 24, 2);  // the sub-format's first field
+            const int channels = int(littleEndian(format + 2, 2));
+            const int rate = int(littleEndian(format + 4, 4));
+            bits = int(littleEndian(format + 14, 2));
+            const bool isFloat = tag == 3;
+            if ((tag != 1 && tag != 3) || channels < 1 || rate < 1) return std::nullopt;
+            if (isFloat ? bits != 32 : (bits != 8 && bits != 16 && bits != 32)) return std::nullopt;
+            wave.format.setChannelCount(channels);
+            wave.format.setSampleRate(rate);
+            wave.format.setSampleFormat(isFloat      ? QAudioFormat::Float
+                                        : bits == 8  ? QAudioFormat::UInt8
+                                        : bits == 16 ? QAudioFormat::Int16
+                                                     : QAudioFormat::Int32);
         } else if (id == "data") {
-            if (bytesPerSecond == 0) return false;
+            if (!wave.format.isValid()) return std::nullopt;
             // Writers that stream leave the size open; the file's rest counts.
-            const qint64 available = file.size() - file.pos();
-            *duration = static_cast<double>(std::min(size, available)) / bytesPerSecond;
-            return true;
-        } else if (!file.seek(file.pos() + size + size % 2)) {
-            return false;
+            const int frameBytes = wave.format.channelCount() * bits / 8;
+            qsizetype length = std::min<qint64>(size, bytes.size() - body);
+            length -= length % frameBytes;
+            wave.samples = bytes.mid(body, length);
+            wave.duration = double(length / frameBytes) / wave.format.sampleRate();
+            return wave;
         }
+        at = body + size + size % 2;
     }
+    return std::nullopt;
 }
 
-bool isWaveFile(const QString &path) {
-    double duration = 0.0;
-    return QFileInfo(path).isFile() && readWaveHeader(path, &duration);
-}
+bool isWaveFile(const QString &path) { return readWave(path).has_value(); }
 
 QString pathOfSound(const QString &name) {
     const KVBundle bundle = KVBundle::mainBundle();
@@ -95,27 +122,39 @@ QThread *mainThread() {
     return app ? app->thread() : nullptr;
 }
 
+// Runs the work on the main thread: at once when called there, else queued.
+template <typename Work>
+void onMainThread(Work work) {
+    if (QThread::currentThread() == mainThread()) {
+        work();
+    } else {
+        QMetaObject::invokeMethod(QCoreApplication::instance(), std::move(work),
+                                  Qt::QueuedConnection);
+    }
+}
+
 }  // namespace
 
-// The playing half of a sound. Its QSoundEffect belongs to the main thread and
-// is touched only there.
-struct KVSound::Player {
-    explicit Player(const QString &path) : path(path) {}
-    ~Player();
-
+// The playing half of a sound, shared with work queued for the main thread.
+struct KVSound::Player : std::enable_shared_from_this<Player> {
     // Main thread only.
-    void start(const std::shared_ptr<Player> &self);
-    void createEffect(const QAudioDevice &device);
-    void finish();
+    void start();
+    void sinkStateChanged(QAudio::State state);
+    void stopAfter(qint64 milliseconds);
+    void stop();
 
-    const QString path;
+    QAudioFormat format;
+    QByteArray samples;
+
     mutable std::mutex lock;
     float volume = 1.0f;
     QString deviceIdentifier;
     QAudioDevice device;
     std::atomic<bool> playing{false};
 
-    QSoundEffect *effect = nullptr;
+    // Main thread only, while the sound plays.
+    QAudioSink *sink = nullptr;
+    QBuffer *source = nullptr;
 
     // The players that are sounding, kept until their sound has ended. Main
     // thread only.
@@ -127,32 +166,7 @@ QHash<KVSound::Player *, std::shared_ptr<KVSound::Player>> &KVSound::Player::sou
     return *players;
 }
 
-KVSound::Player::~Player() {
-    if (!effect) return;
-    // A player can end on any thread; its effect goes on the main thread.
-    QObject::disconnect(effect, nullptr, nullptr, nullptr);
-    effect->deleteLater();
-}
-
-// An effect keeps the device it loaded its sound for, so another device
-// takes a new effect.
-void KVSound::Player::createEffect(const QAudioDevice &device) {
-    if (effect && effect->audioDevice() == device) return;
-    if (effect) {
-        QObject::disconnect(effect, nullptr, nullptr, nullptr);
-        effect->deleteLater();
-    }
-    effect = new QSoundEffect(device);
-    QObject::connect(effect, &QSoundEffect::playingChanged, effect, [this] {
-        if (!effect->isPlaying()) finish();
-    });
-    QObject::connect(effect, &QSoundEffect::statusChanged, effect, [this] {
-        if (effect->status() == QSoundEffect::Error) finish();
-    });
-    effect->setSource(QUrl::fromLocalFile(path));
-}
-
-void KVSound::Player::start(const std::shared_ptr<Player> &self) {
+void KVSound::Player::start() {
     QAudioDevice target;
     float startVolume;
     {
@@ -161,14 +175,56 @@ void KVSound::Player::start(const std::shared_ptr<Player> &self) {
         startVolume = volume;
     }
     if (target.isNull()) target = QMediaDevices::defaultAudioOutput();
-    createEffect(target);
-    effect->setVolume(startVolume);
-    sounding().insert(this, self);
-    effect->play();
-    if (effect->status() == QSoundEffect::Error || effect->status() == QSoundEffect::Null) finish();
+    if (target.isNull()) {
+        playing = false;
+        return;
+    }
+    sounding().insert(this, shared_from_this());
+    sink = new QAudioSink(target, format);
+    sink->setVolume(startVolume);
+    source = new QBuffer(sink);
+    source->setData(samples);
+    source->open(QIODevice::ReadOnly);
+    QObject::connect(sink, &QAudioSink::stateChanged, sink,
+                     [this](QAudio::State state) { sinkStateChanged(state); });
+    sink->start(source);
+    if (sink->error() != QAudio::NoError) {
+        stop();
+        return;
+    }
+    // Should the output never report the end, the sound still ends in time.
+    const qint64 length = format.durationForBytes(int(samples.size())) / 1000;
+    stopAfter(2 * length + 2000);
 }
 
-void KVSound::Player::finish() {
+void KVSound::Player::sinkStateChanged(QAudio::State state) {
+    qint64 delay;
+    if (state == QAudio::IdleState && source->atEnd()) {
+        // The output has taken every sample but still holds up to a buffer
+        // full; the sound has ended once that has played too.
+        delay = format.durationForBytes(int(sink->bufferSize())) / 1000 + 50;
+    } else if (state == QAudio::StoppedState && sink->error() != QAudio::NoError) {
+        delay = 0;  // the device went away or failed
+    } else {
+        return;
+    }
+    stopAfter(delay);  // not at once: the sink is inside its own signal
+}
+
+void KVSound::Player::stopAfter(qint64 milliseconds) {
+    QTimer::singleShot(milliseconds, sink, [player = weak_from_this(), current = sink] {
+        // Unless this play has ended already.
+        if (const std::shared_ptr<Player> self = player.lock(); self && self->sink == current)
+            self->stop();
+    });
+}
+
+void KVSound::Player::stop() {
+    QAudioSink *ending = std::exchange(sink, nullptr);
+    source = nullptr;
+    QObject::disconnect(ending, nullptr, nullptr, nullptr);
+    ending->stop();
+    ending->deleteLater();  // with its source
     playing = false;
     // May release the last reference to this player: nothing may follow.
     sounding().remove(this);
@@ -189,18 +245,21 @@ std::shared_ptr<KVSound> KVSound::soundNamed(const QString &name) {
     return sound;
 }
 
-KVSound::KVSound(const QString &path) : m_path(path), m_player(std::make_shared<Player>(path)) {
-    m_readable = readWaveHeader(path, &m_duration);
-    // On the main thread the file starts loading now, so a first play is prompt.
-    if (m_readable && QThread::currentThread() == mainThread())
-        m_player->createEffect(QMediaDevices::defaultAudioOutput());
+KVSound::KVSound(const QString &path) : m_path(path), m_player(std::make_shared<Player>()) {
+    if (std::optional<Wave> wave = readWave(path)) {
+        m_readable = true;
+        m_duration = wave->duration;
+        m_player->format = wave->format;
+        m_player->samples = wave->samples;
+    }
 }
 
 KVSound::~KVSound() = default;
 
 QString KVSound::description() const {
     return QStringLiteral("<KVSound: 0x%1> %2")
-        .arg(QString::number(reinterpret_cast<quintptr>(this), 16), m_name.isNull() ? m_path : m_name);
+        .arg(QString::number(reinterpret_cast<quintptr>(this), 16),
+             m_name.isNull() ? m_path : m_name);
 }
 
 void KVSound::setVolume(float volume) {
@@ -209,17 +268,10 @@ void KVSound::setVolume(float volume) {
         std::lock_guard guard(m_player->lock);
         m_player->volume = volume;
     }
-    QThread *main = mainThread();
-    if (!main) return;
-    const std::shared_ptr<Player> player = m_player;
-    auto apply = [player, volume] {
-        if (player->effect) player->effect->setVolume(volume);
-    };
-    if (QThread::currentThread() == main) {
-        apply();
-    } else {
-        QMetaObject::invokeMethod(QCoreApplication::instance(), apply, Qt::QueuedConnection);
-    }
+    if (!mainThread()) return;
+    onMainThread([player = m_player, volume] {
+        if (player->sink) player->sink->setVolume(volume);
+    });
 }
 
 float KVSound::volume() const {
@@ -228,17 +280,9 @@ float KVSound::volume() const {
 }
 
 bool KVSound::play() {
-    QThread *main = mainThread();
-    if (!m_readable || !main) return false;
+    if (!m_readable || !mainThread()) return false;
     if (m_player->playing.exchange(true)) return false;
-    const std::shared_ptr<Player> player = m_player;
-    if (QThread::currentThread() == main) {
-        player->start(player);
-    } else {
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(), [player] { player->start(player); },
-            Qt::QueuedConnection);
-    }
+    onMainThread([player = m_player] { player->start(); });
     return true;
 }
 
@@ -252,7 +296,9 @@ bool KVSound::setPlaybackDeviceIdentifier(const QString &identifier, QString *er
             if (device.id() == id) chosen = device;
         }
         if (chosen.isNull()) {
-            if (error) *error = kvFormat(QStringLiteral("No audio output device has the identifier %@"), identifier);
+            if (error)
+                *error = kvFormat(QStringLiteral("No audio output device has the identifier %@"),
+                                  identifier);
             return false;
         }
     }

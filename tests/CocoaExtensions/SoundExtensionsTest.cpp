@@ -11,7 +11,6 @@
 #include "SoundExtensions.h"
 #include "SoundExtensions_p.h"
 #include "SoundServer.h"
-#include "TestEnvironment.h"
 
 using namespace SoundExtensions;
 
@@ -21,8 +20,6 @@ const QString kResources = QStringLiteral(KV_INSTALLER_APP "/Contents/Resources/
 const QString kVolumeKey = QStringLiteral("com.apple.sound.beep.volume");
 
 KVUserDefaults systemSound() { return KVUserDefaults(QStringLiteral("com.apple.systemsound")); }
-
-// ---- Alert volume ----
 
 class AlertVolumeTest : public testing::Test {
 protected:
@@ -34,54 +31,7 @@ protected:
     }
 };
 
-TEST_F(AlertVolumeTest, MissingSettingGivesFullVolume) {
-    systemSound().removeObjectForKey(kVolumeKey);
-    EXPECT_EQ(alertVolume(), 1.0f);
-}
-
-TEST_F(AlertVolumeTest, BreakpointsMapOntoQuarterSteps) {
-    EXPECT_EQ(volumeFor(0.0), 0.0f);
-    EXPECT_EQ(volumeFor(0.3), 0.0f);
-    EXPECT_EQ(volumeFor(0.35), 0.0f);
-    EXPECT_FLOAT_EQ(volumeFor(0.47), 0.25f);
-    EXPECT_FLOAT_EQ(volumeFor(0.61), 0.5f);
-    EXPECT_FLOAT_EQ(volumeFor(0.78), 0.75f);
-    EXPECT_FLOAT_EQ(volumeFor(1.0), 1.0f);
-}
-
-TEST_F(AlertVolumeTest, BetweenBreakpointsTheVolumeIsLinear) {
-    EXPECT_NEAR(volumeFor(0.41), 0.125, 1e-6);
-    EXPECT_NEAR(volumeFor(0.54), 0.375, 1e-6);
-    EXPECT_NEAR(volumeFor(0.695), 0.625, 1e-6);
-    EXPECT_NEAR(volumeFor(0.89), 0.875, 1e-6);
-}
-
-TEST_F(AlertVolumeTest, LouderSettingsAreClampedToFullVolume) {
-    EXPECT_EQ(volumeFor(1.2), 1.0f);
-    EXPECT_EQ(volumeFor(40), 1.0f);
-}
-
-TEST_F(AlertVolumeTest, ValueWithoutFloatValueGivesFullVolume) {
-    EXPECT_EQ(volumeFor(QStringList{"0.5", "0.6"}), 1.0f);
-    EXPECT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(QVariantMap{{"a", 0.5}}), 1.0f);
-    EXPECT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(QByteArray("0.5")), 1.0f);
-}
-
-TEST_F(AlertVolumeTest, TextIsReadForItsLeadingNumber) {
-    EXPECT_EQ(volumeFor("loud"), 0.0f);  // a text without a number reads as 0
-    EXPECT_FLOAT_EQ(volumeFor(" 0.61 dB"), 0.5f);
-}
-
-TEST_F(AlertVolumeTest, TypedNumbersAreReadToo) {
-    EXPECT_FLOAT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(0.61), 0.5f);
-    EXPECT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(0), 0.0f);
-    EXPECT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(true), 1.0f);
-}
-
-// ---- Playing as a sound effect ----
-
-// Every case here plays through the test's sound server, which has to run
-// before Qt is first asked for audio devices.
+// Every case here plays through the test's sound server.
 class SoundEffectTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -99,7 +49,7 @@ protected:
         KVUserDefaults::setArgumentDomain({"test", "-soundLog", on ? "YES" : "NO"});
     }
 
-    // Plays the sound with playAsSoundEffect and records the test sink meanwhile.
+    // Plays the sound with playAsSoundEffect, recording the test sink meanwhile.
     QVector<float> playAndRecord(KVSound &sound) {
         if (!server_->startCapture()) {
             ADD_FAILURE() << "cannot record the test sink";
@@ -109,9 +59,46 @@ protected:
         EXPECT_TRUE(QTest::qWaitFor([&] { return !sound.isPlaying(); }, 5000));
         return server_->stopCapture();
     }
+    static QStringList trace(const KVSound &sound, const QString &deviceID, bool deviceSet) {
+        QStringList lines{"playAsSoundEffect: " + sound.description(),
+                          "   device Null Output by PulseAudio id kvtest_sink",
+                          "+SL: soundEffectID=" + deviceID};
+        if (deviceSet) lines << "+SL: setPlaybackDeviceIdentifier:" + deviceID;
+        return lines << "+SL: play self (" + sound.description() + ")";
+    }
 
     SoundServer *server_ = nullptr;
 };
+
+}  // namespace
+
+// ---- Alert volume ----
+
+TEST_F(AlertVolumeTest, MissingSettingGivesFullVolume) {
+    systemSound().removeObjectForKey(kVolumeKey);
+    EXPECT_EQ(alertVolume(), 1.0f);
+}
+
+TEST_F(AlertVolumeTest, StoredVolumeMapsPiecewiseOntoQuarterSteps) {
+    const std::pair<double, float> table[] = {
+        {0.0, 0.0f},    {0.3, 0.0f},  {0.35, 0.0f},    {0.41, 0.125f}, {0.47, 0.25f},
+        {0.54, 0.375f}, {0.61, 0.5f}, {0.695, 0.625f}, {0.78, 0.75f},  {0.89, 0.875f},
+        {1.0, 1.0f},    {1.2, 1.0f},  {40.0, 1.0f}};
+    for (auto [stored, expected] : table) EXPECT_NEAR(volumeFor(stored), expected, 1e-6) << stored;
+}
+
+TEST_F(AlertVolumeTest, ValueWithoutFloatValueGivesFullVolumeWhileTextReadsItsNumber) {
+    EXPECT_EQ(volumeFor(QStringList{"0.5", "0.6"}), 1.0f);
+    EXPECT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(QVariantMap{{"a", 0.5}}), 1.0f);
+    EXPECT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(QByteArray("0.5")), 1.0f);
+
+    EXPECT_EQ(volumeFor("loud"), 0.0f);  // a text without a number reads as 0
+    EXPECT_FLOAT_EQ(volumeFor(" 0.61 dB"), 0.5f);
+    EXPECT_FLOAT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(0.61), 0.5f);
+    EXPECT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(true), 1.0f);
+}
+
+// ---- Playing as a sound effect ----
 
 TEST_F(SoundEffectTest, DoneSoundIsHeardOnceAtTheAlertVolume) {
     KVSound full(kResources + "Done.wav");
@@ -123,7 +110,6 @@ TEST_F(SoundEffectTest, DoneSoundIsHeardOnceAtTheAlertVolume) {
     systemSound().setObject(0.61, kVolumeKey);
     KVSound half(kResources + "Done.wav");
     half.setVolume(alertVolume());
-    ASSERT_FLOAT_EQ(half.volume(), 0.5f);
     const QVector<float> soft = playAndRecord(half);
     EXPECT_EQ(SoundServer::countSounds(soft), 1);
     EXPECT_NEAR(SoundServer::peak(soft) / SoundServer::peak(loud), 0.5, 0.1);
@@ -137,33 +123,26 @@ TEST_F(SoundEffectTest, SoundOfSilenceIsSilent) {
     EXPECT_EQ(SoundServer::peak(samples), 0.0);
 }
 
-TEST_F(SoundEffectTest, DefaultDeviceIsTheSoundServersDefaultSink) {
-    EXPECT_EQ(systemAudioDeviceID(), SoundServer::kSinkName);
-    EXPECT_EQ(_alertSoundAlertDeviceIdentifier(), SoundServer::kSinkName);
-    EXPECT_EQ(soundEffectDeviceID(), SoundServer::kSinkName);
-}
-
 TEST_F(SoundEffectTest, WithoutSoundLogNothingIsLogged) {
     setSoundLog(false);
     KVSound sound(kResources + "Done.wav");
     LogCapture log;
     playAndRecord(sound);
     SoundExtensionsPrivate::overrideSystemAudioDeviceID(QStringLiteral("kvtest_no_such_device"));
-    playAndRecord(sound);
+    EXPECT_EQ(SoundServer::countSounds(playAndRecord(sound)), 1);
     EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(SoundEffectTest, SoundLogTracesDevicesAndPlay) {
+TEST_F(SoundEffectTest, SoundLogTracesDevicesAndPlayOnTheDefaultDevice) {
+    EXPECT_EQ(systemAudioDeviceID(), SoundServer::kSinkName);
+    EXPECT_EQ(_alertSoundAlertDeviceIdentifier(), SoundServer::kSinkName);
+    EXPECT_EQ(soundEffectDeviceID(), SoundServer::kSinkName);
+
     setSoundLog(true);
     KVSound sound(kResources + "Done.wav");
     LogCapture log;
     const QVector<float> samples = playAndRecord(sound);
-    EXPECT_EQ(log.messages(),
-              QStringList({"playAsSoundEffect: " + sound.description(),
-                           "   device Null Output by PulseAudio id kvtest_sink",
-                           "+SL: soundEffectID=kvtest_sink",
-                           "+SL: setPlaybackDeviceIdentifier:kvtest_sink",
-                           "+SL: play self (" + sound.description() + ")"}));
+    EXPECT_EQ(log.messages(), trace(sound, "kvtest_sink", true));
     EXPECT_EQ(SoundServer::countSounds(samples), 1);
     EXPECT_EQ(sound.playbackDeviceIdentifier(), "kvtest_sink");
 }
@@ -174,13 +153,12 @@ TEST_F(SoundEffectTest, RefusedDeviceFallsBackToTheDefaultAndStillPlays) {
     KVSound sound(kResources + "Done.wav");
     LogCapture log;
     const QVector<float> samples = playAndRecord(sound);
-    const QStringList lines = log.messages();
+    QStringList lines = log.messages();
     ASSERT_EQ(lines.size(), 6) << log.text().toStdString();
-    EXPECT_EQ(lines[2], "+SL: soundEffectID=kvtest_no_such_device");
-    EXPECT_EQ(lines[3], "+SL: setPlaybackDeviceIdentifier:kvtest_no_such_device");
-    EXPECT_TRUE(lines[4].startsWith("+SL: exception ")) << lines[4].toStdString();
-    EXPECT_TRUE(lines[4].contains("kvtest_no_such_device"));
-    EXPECT_EQ(lines[5], "+SL: play self (" + sound.description() + ")");
+    const QString exception = lines.takeAt(4);
+    EXPECT_TRUE(exception.startsWith("+SL: exception ")) << exception.toStdString();
+    EXPECT_TRUE(exception.contains("kvtest_no_such_device"));
+    EXPECT_EQ(lines, trace(sound, "kvtest_no_such_device", true));
     EXPECT_EQ(SoundServer::countSounds(samples), 1);
     EXPECT_TRUE(sound.playbackDeviceIdentifier().isNull());
 }
@@ -191,11 +169,7 @@ TEST_F(SoundEffectTest, WithoutDefaultDeviceTheSoundPlaysOnItsOwnDefault) {
     KVSound sound(kResources + "Done.wav");
     LogCapture log;
     const QVector<float> samples = playAndRecord(sound);
-    EXPECT_EQ(log.messages(),
-              QStringList({"playAsSoundEffect: " + sound.description(),
-                           "   device Null Output by PulseAudio id kvtest_sink",
-                           "+SL: soundEffectID=(null)",
-                           "+SL: play self (" + sound.description() + ")"}));
+    EXPECT_EQ(log.messages(), trace(sound, "(null)", false));
     EXPECT_EQ(SoundServer::countSounds(samples), 1);
 }
 
@@ -213,32 +187,25 @@ TEST_F(SoundEffectTest, ListsEveryOutputDeviceAndNothingWithoutDevices) {
     }
     ASSERT_TRUE(server_->unloadModule(other));
 
-    // Without any output, and back.
-    QString modules;
-    ASSERT_TRUE(server_->pactl({"list", "short", "modules"}, &modules));
-    const QRegularExpressionMatch sink =
-        QRegularExpression("^(\\d+)\\s+module-null-sink\\s+sink_name=kvtest_sink",
-                           QRegularExpression::MultilineOption)
-            .match(modules);
-    ASSERT_TRUE(sink.hasMatch()) << modules.toStdString();
-    ASSERT_TRUE(server_->unloadModule(sink.captured(1).toInt()));
-    ASSERT_TRUE(SoundServer::waitForQtOutput(SoundServer::kSinkName, false));
+    ASSERT_TRUE(server_->removeTestSink());
     {
         LogCapture log;
         listAudioDevices();
         EXPECT_EQ(log.text(), "");
         EXPECT_TRUE(systemAudioDeviceID().isNull());
         EXPECT_TRUE(_alertSoundAlertDeviceIdentifier().isNull());
+        EXPECT_TRUE(soundEffectDeviceID().isNull());
     }
-    ASSERT_GE(server_->addNullSink(SoundServer::kSinkName), 0);
-    ASSERT_TRUE(server_->pactl({"set-default-sink", SoundServer::kSinkName}));
-    ASSERT_TRUE(SoundServer::waitForQtOutput(SoundServer::kSinkName));
+    ASSERT_TRUE(server_->restoreTestSink());
 }
 
 // ---- Keeping the output awake ----
 
+namespace {
+
 // The sound date follows a clock the test sets; the silent sound is found in
-// the user's sound folder (the test program has no bundle of its own).
+// the user's sound folder (the test program has no bundle of its own). The
+// trace counts the silent sounds played.
 class PrepareForSoundTest : public SoundEffectTest {
 protected:
     void SetUp() override {
@@ -246,9 +213,7 @@ protected:
         const QString folder = QDir::homePath() + "/.local/share/sounds";
         QDir().mkpath(folder);
         QFile::copy(kResources + "SoundOfSilence.wav", folder + "/SoundOfSilence.wav");
-        now_ = QDateTime(QDate(2026, 11, 21), QTime(9, 15), Qt::UTC).toMSecsSinceEpoch();
-        SoundExtensionsPrivate::setClock(
-            [this] { return QDateTime::fromMSecsSinceEpoch(now_, Qt::UTC); });
+        SoundExtensionsPrivate::setClock([this] { return at(seconds_); });
         SoundExtensionsPrivate::resetSoundDate();
         setSoundLog(true);
     }
@@ -259,32 +224,37 @@ protected:
         SoundEffectTest::TearDown();
     }
 
-    // Calls prepareForSound at the clock's time plus the seconds and lets the
+    static QDateTime at(int seconds) {
+        return QDateTime(QDate(2026, 11, 21), QTime(9, 15), Qt::UTC).addSecs(seconds);
+    }
+    // Calls prepareForSound at that many seconds after the start and lets a
     // silent sound play; how many silent sounds it started.
     int prepareAt(int seconds) {
-        now_ = start() + seconds * 1000LL;
+        seconds_ = seconds;
         const int before = SoundExtensionsPrivate::silentSoundThreadsStarted();
         prepareForSound();
         SoundExtensionsPrivate::waitForSilentSoundThreads();
-        QTest::qWait(700);  // the main thread plays it
+        // The main thread plays it; named sounds are kept, so this is the one.
+        const std::shared_ptr<KVSound> silence = KVSound::soundNamed("SoundOfSilence");
+        EXPECT_TRUE(silence && QTest::qWaitFor([&] { return !silence->isPlaying(); }, 5000));
         return SoundExtensionsPrivate::silentSoundThreadsStarted() - before;
     }
-    static qint64 start() {
-        return QDateTime(QDate(2026, 11, 21), QTime(9, 15), Qt::UTC).toMSecsSinceEpoch();
-    }
-    QDateTime at(int seconds) const {
-        return QDateTime::fromMSecsSinceEpoch(start() + seconds * 1000LL, Qt::UTC);
-    }
-    static int silentPlays(const LogCapture &log) {
-        return int(log.messages().filter(QRegularExpression("^playAsSoundEffect: .*SoundOfSilence$")).size());
+    static qsizetype silentPlays(const LogCapture &log) {
+        return log.messages()
+            .filter(QRegularExpression("^playAsSoundEffect: .*SoundOfSilence$"))
+            .size();
     }
 
-    std::atomic<qint64> now_{0};
+    std::atomic<int> seconds_{0};
 };
+
+}  // namespace
 
 TEST_F(PrepareForSoundTest, FirstCallPlaysTheSilentSoundAndNotesTheDate) {
     LogCapture log;
+    ASSERT_TRUE(server_->startCapture());
     EXPECT_EQ(prepareAt(0), 1);
+    EXPECT_EQ(SoundServer::peak(server_->stopCapture()), 0.0);  // and silent
     EXPECT_EQ(SoundExtensionsPrivate::lastSoundDate(), at(0));
     EXPECT_EQ(silentPlays(log), 1);
 }
@@ -307,21 +277,12 @@ TEST_F(PrepareForSoundTest, AnotherSilentSoundAfter25Seconds) {
 }
 
 TEST_F(PrepareForSoundTest, AnyPlayedSoundPutsTheSilentSoundOff) {
-    now_ = start();
     setSoundDateNow();
     EXPECT_EQ(prepareAt(20), 0);
+    seconds_ = 30;
     KVSound sound(kResources + "Done.wav");
-    now_ = start() + 30000;
     playAsSoundEffect(sound);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !sound.isPlaying(); }, 5000));
     EXPECT_EQ(prepareAt(50), 0);
     EXPECT_EQ(prepareAt(56), 1);
 }
-
-TEST_F(PrepareForSoundTest, SilentSoundIsCapturedAsSilence) {
-    ASSERT_TRUE(server_->startCapture());
-    EXPECT_EQ(prepareAt(0), 1);
-    const QVector<float> samples = server_->stopCapture();
-    EXPECT_EQ(SoundServer::peak(samples), 0.0);
-}
-
-}  // namespace

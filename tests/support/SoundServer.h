@@ -5,15 +5,15 @@
 // Qt Multimedia connects to a sound server once per process and keeps that
 // connection, so there is one server per test program: started on first use
 // (before anything asks Qt for audio devices), never restarted, and stopped
-// with the application object. Everything it starts it stops by process id.
+// at exit. Everything it starts it stops by process id.
 #pragma once
 
-#include <QProcess>
+#include <sys/types.h>
+
 #include <QString>
 #include <QStringList>
 #include <QVector>
 #include <map>
-#include <memory>
 
 class SoundServer {
 public:
@@ -22,7 +22,6 @@ public:
     // The server, started on the first call; nullptr when it cannot run, with
     // the reason in *error.
     static SoundServer *shared(QString *error = nullptr);
-    ~SoundServer();
 
     QString socketPath() const { return m_folder + QStringLiteral("/native"); }
 
@@ -31,6 +30,10 @@ public:
     // Loads one more null sink; its module index, or -1.
     int addNullSink(const QString &name);
     bool unloadModule(int index);
+    // Takes the test sink away, leaving the server without any output, and
+    // puts it back as the default.
+    bool removeTestSink();
+    bool restoreTestSink();
     // Waits until Qt Multimedia lists (or no longer lists) the output.
     static bool waitForQtOutput(const QString &identifier, bool present = true);
 
@@ -50,18 +53,18 @@ public:
 
 private:
     struct Capture {
-        std::unique_ptr<QProcess> process;
+        pid_t pid = -1;
         QString file;
     };
 
     SoundServer() = default;
     bool start(QString *error);
-    void stop();
+    bool startKeeper();
     static void stopShared();
 
     QString m_folder;
-    std::unique_ptr<QProcess> m_daemon;
-    std::unique_ptr<QProcess> m_keeper;
+    pid_t m_daemon = -1;
+    pid_t m_keeper = -1;
     std::map<QString, Capture> m_captures;
     int m_captureCount = 0;
 };
