@@ -10,8 +10,10 @@ public:
     BareWindow();
 signals:
     void firstPaint();
+
 protected:
     void paintEvent(QPaintEvent *event) override;
+
 private:
     bool m_painted = false;
 };

@@ -6,14 +6,14 @@
 //  2. polling cost: processor time of the calling thread while it waits the
 //     whole 4-second terminate phase on a process that ignores SIGTERM,
 //     as a share of one core.
+#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <QCoreApplication>
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
-#include <spawn.h>
-#include <unistd.h>
 #include <vector>
 
 #include "KVProcess.h"

@@ -1,13 +1,14 @@
 // The process the quit benchmark ends. "ready" goes to standard output once
 // the handlers are set; with --exit-on-term the moment of exit (monotonic
 // nanoseconds) is written to the descriptor named by --exit-fd first.
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <unistd.h>
 
 namespace {
 int s_exitFd = -1;

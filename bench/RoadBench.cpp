@@ -77,9 +77,10 @@ int main(int argc, char **argv) {
         copies.push_back(copy);
         own.push_back(total - kPrescribedWaits - copy);
     }
-    std::printf("install click to success page over %d runs (median): %.1f ms in all, %.1f ms "
-                "prescribed waits, %.2f ms copy, %.1f ms the installer's own\n",
-                runs, median(totals) * 1e3, kPrescribedWaits * 1e3, median(copies) * 1e3,
-                median(own) * 1e3);
+    std::printf(
+        "install click to success page over %d runs (median): %.1f ms in all, %.1f ms "
+        "prescribed waits, %.2f ms copy, %.1f ms the installer's own\n",
+        runs, median(totals) * 1e3, kPrescribedWaits * 1e3, median(copies) * 1e3,
+        median(own) * 1e3);
     return 0;
 }

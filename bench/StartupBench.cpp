@@ -123,9 +123,10 @@ int main(int argc, char **argv) {
         installerMemory = std::max(installerMemory, s.peakKilobytes);
     }
     const double b = median(bare), s = median(installer);
-    std::printf("start to first paint over %d runs (median): bare window %.1f ms, installer %.1f ms "
-                "= %.2fx\n",
-                runs, b, s, s / b);
+    std::printf(
+        "start to first paint over %d runs (median): bare window %.1f ms, installer %.1f ms "
+        "= %.2fx\n",
+        runs, b, s, s / b);
     std::printf("peak memory: bare window %ld KiB, installer %ld KiB\n", bareMemory,
                 installerMemory);
     return 0;

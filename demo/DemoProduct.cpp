@@ -19,8 +19,9 @@ const char *const kInstallerSignature = "VlIn";
 int main(int argc, char **argv) {
     QCoreApplication app(argc, argv);
     // Receiving events at all makes the program answer the quit event.
-    KVAppleEventManager::sharedManager().setEventHandler(
-        KVFourCharCode::fromString("VDmo"), KVFourCharCode::fromString("Ping"), [](const QString &) {});
+    KVAppleEventManager::sharedManager().setEventHandler(KVFourCharCode::fromString("VDmo"),
+                                                         KVFourCharCode::fromString("Ping"),
+                                                         [](const QString &) {});
     QTimer::singleShot(0, [] {
         const KVProcessRef installer = KVProcess::processWithSignatureString(kInstallerSignature);
         if (!installer) return;

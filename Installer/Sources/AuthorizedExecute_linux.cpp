@@ -1,10 +1,11 @@
+#include <spawn.h>
+#include <sys/wait.h>
+
 #include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
 #include <cerrno>
 #include <chrono>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <thread>
 #include <vector>
 

@@ -1,10 +1,11 @@
 // What AuthorizedExecute needs from the operating system.
 #pragma once
 
+#include <sys/types.h>
+
 #include <QString>
 #include <QStringList>
 #include <functional>
-#include <sys/types.h>
 
 namespace AuthorizedExecutePrivate {
 // Starts command with the tool and its arguments (no shell); returns the pid,

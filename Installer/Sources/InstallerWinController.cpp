@@ -280,7 +280,7 @@ void InstallerWinController::installThread() {
             if (!m_arguments.contains(KVInstallerKeyWrapperPath))
                 outcome += kvFormat(
                     "\r%@", kvFormat(localized("Try installing %1$@ manually by copying it to the "
-                                                "Applications folder."),
+                                               "Applications folder."),
                                      name));
         }
     }
@@ -431,10 +431,9 @@ void InstallerWinController::completeVersions() {
     };
     m_version = given(KVInstallerKeyVersion, "CFBundleShortVersionString");
     m_minSystemVersion = given(KVInstallerKeyMinSystemVersion, "LSMinimumSystemVersion");
-    m_systemAcceptable =
-        m_minSystemVersion.isNull() ||
-        KVUtilities::compareVersion(KVUtilities::systemVersionString(), m_minSystemVersion) !=
-            NSOrderedAscending;
+    m_systemAcceptable = m_minSystemVersion.isNull() ||
+                         KVUtilities::compareVersion(KVUtilities::systemVersionString(),
+                                                     m_minSystemVersion) != NSOrderedAscending;
 }
 
 void InstallerWinController::completeDestination() {

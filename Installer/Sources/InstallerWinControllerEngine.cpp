@@ -10,18 +10,17 @@
 
 #include "AuthorizedExecute.h"
 #include "InstallFunction.h"
-#include "KVBundle.h"
-#include "KVLaunchServices.h"
-#include "KVWorkspace.h"
-
 #include "InstallerWinController.h"
+#include "KVBundle.h"
 #include "KVFileManager.h"
 #include "KVFourCharCode.h"
 #include "KVInstallerInterface.h"
+#include "KVLaunchServices.h"
 #include "KVLog.h"
 #include "KVLoginItems.h"
 #include "KVPath.h"
 #include "KVProcess.h"
+#include "KVWorkspace.h"
 
 using namespace KVPath;
 
@@ -88,7 +87,8 @@ QString InstallerWinController::pathToProcessToReplace() const {
 bool InstallerWinController::isInUnsupportedFolder(const QString &path) const {
     if (path.isNull()) return false;
     return (path.contains(QLatin1String("/build")) && path.contains(QLatin1String("/tov/"))) ||
-           (path.contains(QLatin1String("/Volumes/")) && path.contains(QLatin1String("-Install"))) ||
+           (path.contains(QLatin1String("/Volumes/")) &&
+            path.contains(QLatin1String("-Install"))) ||
            path.contains(QLatin1String("/Trash/")) || path.contains(QLatin1String("/.Trash/")) ||
            path.startsWith(QLatin1String("/private/var/"));
 }
@@ -242,10 +242,9 @@ bool InstallerWinController::authorizedInstall(const QString &source, const QStr
     };
     QStringList arguments{source, to};
     if (!wrap.isNull()) arguments << wrap;
-    const QString tool =
-        KVBundle::bundleWithPath(m_mainBundlePath)
-            .value_or(KVBundle::mainBundle())
-            .pathForResource(QStringLiteral("train"), QString());
+    const QString tool = KVBundle::bundleWithPath(m_mainBundlePath)
+                             .value_or(KVBundle::mainBundle())
+                             .pathForResource(QStringLiteral("train"), QString());
     const int32_t status = AuthorizedExecute(reference, tool, arguments);
     if (status == errAuthorizationCanceled && canceled) *canceled = true;
     return status == 0;

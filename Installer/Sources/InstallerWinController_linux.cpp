@@ -1,8 +1,9 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <QDir>
 #include <QFile>
 #include <cstdlib>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "InstallerWinController.h"
 #include "KVFileManager.h"

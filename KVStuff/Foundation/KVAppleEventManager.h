@@ -10,11 +10,11 @@
 // back on it. Without a session bus receiving is off, which is logged once.
 #pragma once
 
-#include <mutex>
 #include <QObject>
 #include <QString>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <utility>
 
 #include "KVCompatibility.h"

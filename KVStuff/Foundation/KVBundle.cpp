@@ -61,7 +61,8 @@ QString KVBundle::resourcePath() const {
 }
 
 QString KVBundle::executablePath() const {
-    const QString name = objectForInfoDictionaryKey(QStringLiteral("CFBundleExecutable")).toString();
+    const QString name =
+        objectForInfoDictionaryKey(QStringLiteral("CFBundleExecutable")).toString();
     if (name.isEmpty()) return QString();
     return d->path + "/Contents/MacOS/" + name;
 }
@@ -77,11 +78,9 @@ QStringList KVBundle::pathsForResourcesOfType(const QString &type) const {
     const QString folder = resourcePath();
     const QStringList filter{type.isEmpty() ? QStringLiteral("*") : "*." + type};
     QStringList paths;
-    for (const QString &entry :
-         QDir(folder).entryList(filter,
-                                QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden |
-                                    QDir::CaseSensitive,
-                                QDir::Name))
+    for (const QString &entry : QDir(folder).entryList(
+             filter, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::CaseSensitive,
+             QDir::Name))
         paths << folder + '/' + entry;
     return paths;
 }

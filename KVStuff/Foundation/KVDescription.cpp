@@ -53,12 +53,14 @@ bool isMap(const QVariant &v) { return v.typeId() == QMetaType::QVariantMap; }
 
 QString scalar(const QVariant &v) {
     switch (v.typeId()) {
-        case QMetaType::UnknownType: return QStringLiteral("(null)");
+        case QMetaType::UnknownType:
+            return QStringLiteral("(null)");
         case QMetaType::QString: {
             const QString s = v.toString();
             return s.isNull() ? QStringLiteral("(null)") : s;
         }
-        case QMetaType::Bool: return v.toBool() ? QStringLiteral("1") : QStringLiteral("0");
+        case QMetaType::Bool:
+            return v.toBool() ? QStringLiteral("1") : QStringLiteral("0");
         case QMetaType::QDateTime:
             return v.toDateTime().toUTC().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss +0000"));
         case QMetaType::QByteArray: {
@@ -70,7 +72,8 @@ QString scalar(const QVariant &v) {
             }
             return out + '>';
         }
-        default: return v.toString();
+        default:
+            return v.toString();
     }
 }
 

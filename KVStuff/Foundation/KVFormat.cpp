@@ -11,11 +11,16 @@
 
 long long KVFormatArg::toSigned() const {
     switch (m_kind) {
-        case Kind::Signed: return m_signed;
-        case Kind::Unsigned: return static_cast<long long>(m_unsigned);
-        case Kind::Double: return static_cast<long long>(m_double);
-        case Kind::Object: return m_object.toLongLong();
-        case Kind::CString: return 0;
+        case Kind::Signed:
+            return m_signed;
+        case Kind::Unsigned:
+            return static_cast<long long>(m_unsigned);
+        case Kind::Double:
+            return static_cast<long long>(m_double);
+        case Kind::Object:
+            return m_object.toLongLong();
+        case Kind::CString:
+            return 0;
     }
     return 0;
 }
@@ -26,22 +31,32 @@ unsigned long long KVFormatArg::toUnsigned() const {
 
 double KVFormatArg::toDouble() const {
     switch (m_kind) {
-        case Kind::Double: return m_double;
-        case Kind::Signed: return double(m_signed);
-        case Kind::Unsigned: return double(m_unsigned);
-        case Kind::Object: return m_object.toDouble();
-        case Kind::CString: return 0.0;
+        case Kind::Double:
+            return m_double;
+        case Kind::Signed:
+            return double(m_signed);
+        case Kind::Unsigned:
+            return double(m_unsigned);
+        case Kind::Object:
+            return m_object.toDouble();
+        case Kind::CString:
+            return 0.0;
     }
     return 0.0;
 }
 
 QString KVFormatArg::toObjectString() const {
     switch (m_kind) {
-        case Kind::Object: return KVDescription::describe(m_object);
-        case Kind::CString: return m_cstring ? QString::fromUtf8(m_cstring) : QStringLiteral("(null)");
-        case Kind::Double: return QString::number(m_double);
-        case Kind::Unsigned: return QString::number(m_unsigned);
-        case Kind::Signed: return QString::number(m_signed);
+        case Kind::Object:
+            return KVDescription::describe(m_object);
+        case Kind::CString:
+            return m_cstring ? QString::fromUtf8(m_cstring) : QStringLiteral("(null)");
+        case Kind::Double:
+            return QString::number(m_double);
+        case Kind::Unsigned:
+            return QString::number(m_unsigned);
+        case Kind::Signed:
+            return QString::number(m_signed);
     }
     return {};
 }
@@ -132,15 +147,18 @@ QString convert(const Spec &spec, const KVFormatArg *arg) {
     static const KVFormatArg missing(QString{});
     const KVFormatArg &a = arg ? *arg : missing;
     switch (spec.conversion) {
-        case '@': return padded(a.toObjectString(), spec);
+        case '@':
+            return padded(a.toObjectString(), spec);
         case 's': {
             QString text = a.toObjectString();
             if (spec.precision >= 0) text.truncate(spec.precision);
             return padded(text, spec);
         }
-        case 'c': return padded(QString(QChar(char16_t(a.toSigned()))), spec);
+        case 'c':
+            return padded(QString(QChar(char16_t(a.toSigned()))), spec);
         case 'd':
-        case 'i': return printNumber(printfPattern(spec, "ll", 'd'), toWidth(spec, a.toSigned()));
+        case 'i':
+            return printNumber(printfPattern(spec, "ll", 'd'), toWidth(spec, a.toSigned()));
         case 'u':
         case 'x':
         case 'X':
@@ -154,8 +172,10 @@ QString convert(const Spec &spec, const KVFormatArg *arg) {
         case 'g':
         case 'G':
         case 'a':
-        case 'A': return printNumber(printfPattern(spec, "", spec.conversion), a.toDouble());
-        case 'p': return printNumber(printfPattern(spec, "ll", 'x'), a.toUnsigned()).prepend("0x");
+        case 'A':
+            return printNumber(printfPattern(spec, "", spec.conversion), a.toDouble());
+        case 'p':
+            return printNumber(printfPattern(spec, "ll", 'x'), a.toUnsigned()).prepend("0x");
     }
     return {};
 }

@@ -12,11 +12,16 @@ namespace {
 QString escapedValue(const QString &value) {
     QString out;
     for (QChar c : value) {
-        if (c == '\\') out += QStringLiteral("\\\\");
-        else if (c == '\n') out += QStringLiteral("\\n");
-        else if (c == '\r') out += QStringLiteral("\\r");
-        else if (c == '\t') out += QStringLiteral("\\t");
-        else out += c;
+        if (c == '\\')
+            out += QStringLiteral("\\\\");
+        else if (c == '\n')
+            out += QStringLiteral("\\n");
+        else if (c == '\r')
+            out += QStringLiteral("\\r");
+        else if (c == '\t')
+            out += QStringLiteral("\\t");
+        else
+            out += c;
     }
     return out;
 }
@@ -42,8 +47,10 @@ QString KVLaunchServices::desktopEntryFor(const QString &bundlePath, const QStri
     QString name = info.value(QStringLiteral("CFBundleDisplayName")).toString();
     if (name.isEmpty()) name = info.value(QStringLiteral("CFBundleName")).toString();
     if (name.isEmpty()) name = KVFileManager::displayNameAtPath(bundlePath);
-    QStringList lines{QStringLiteral("[Desktop Entry]"), QStringLiteral("Type=Application"),
-                      QStringLiteral("Version=1.4"), "Name=" + escapedValue(name),
+    QStringList lines{QStringLiteral("[Desktop Entry]"),
+                      QStringLiteral("Type=Application"),
+                      QStringLiteral("Version=1.4"),
+                      "Name=" + escapedValue(name),
                       "Exec=" + execArgument(bundle->executablePath()),
                       QStringLiteral("Terminal=false")};
     if (!iconPath.isEmpty()) lines << "Icon=" + escapedValue(iconPath);

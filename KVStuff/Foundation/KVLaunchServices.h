@@ -7,9 +7,9 @@
 namespace KVLaunchServices {
 // Status codes of registerURL, in the classic numbering.
 inline constexpr int noErr = 0;
-inline constexpr int fnfErr = -43;   // nothing, or no application bundle, at the path
-inline constexpr int ioErr = -36;    // the registration could not be written
-inline constexpr int paramErr = -50; // the bundle has no identifier to register it under
+inline constexpr int fnfErr = -43;    // nothing, or no application bundle, at the path
+inline constexpr int ioErr = -36;     // the registration could not be written
+inline constexpr int paramErr = -50;  // the bundle has no identifier to register it under
 
 // Registers (or, with update, re-registers) the application bundle at path.
 // On Linux: writes $XDG_DATA_HOME/applications/<CFBundleIdentifier>.desktop

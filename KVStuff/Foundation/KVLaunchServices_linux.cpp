@@ -18,8 +18,8 @@ QString dataHome() {
 }  // namespace
 
 int KVLaunchServices::registerURL(const QString &path, bool update) {
-    const auto bundle = path.endsWith(QLatin1String(".app")) ? KVBundle::bundleWithPath(path)
-                                                            : std::nullopt;
+    const auto bundle =
+        path.endsWith(QLatin1String(".app")) ? KVBundle::bundleWithPath(path) : std::nullopt;
     if (!bundle || bundle->executablePath().isEmpty()) return fnfErr;
     const QString identifier = bundle->bundleIdentifier();
     if (identifier.isEmpty() || identifier.contains('/')) return paramErr;
@@ -38,9 +38,9 @@ int KVLaunchServices::registerURL(const QString &path, bool update) {
         const QString icons = dataHome() + "/icons/hicolor/256x256/apps";
         QDir().mkpath(icons);
         iconPath = icons + "/" + identifier + ".png";
-        const QImage scaled =
-            icon.width() > 256 ? icon.scaled(256, 256, Qt::KeepAspectRatio, Qt::SmoothTransformation)
-                               : icon;
+        const QImage scaled = icon.width() > 256 ? icon.scaled(256, 256, Qt::KeepAspectRatio,
+                                                               Qt::SmoothTransformation)
+                                                 : icon;
         if (!scaled.save(iconPath, "PNG")) iconPath.clear();
     }
 
@@ -51,7 +51,8 @@ int KVLaunchServices::registerURL(const QString &path, bool update) {
     if (!entry.commit()) return ioErr;
 
     // The menus read a cache of the entries; refresh it where the tool exists.
-    const QString refresh = QStandardPaths::findExecutable(QStringLiteral("update-desktop-database"));
+    const QString refresh =
+        QStandardPaths::findExecutable(QStringLiteral("update-desktop-database"));
     if (!refresh.isEmpty()) QProcess::execute(refresh, {QStringLiteral("-q"), applications});
     return noErr;
 }

@@ -1,10 +1,13 @@
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
-#include <unistd.h>
 
 #include "KVLog_p.h"
 
-QString KVLogPlatform::processName() { return QString::fromLocal8Bit(program_invocation_short_name); }
+QString KVLogPlatform::processName() {
+    return QString::fromLocal8Bit(program_invocation_short_name);
+}
 
 qint64 KVLogPlatform::processId() { return getpid(); }
 

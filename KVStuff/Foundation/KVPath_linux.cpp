@@ -1,6 +1,7 @@
-#include <QFile>
 #include <pwd.h>
 #include <unistd.h>
+
+#include <QFile>
 
 #include "KVPath.h"
 

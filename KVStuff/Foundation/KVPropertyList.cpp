@@ -1,5 +1,7 @@
 #include "KVPropertyList.h"
 
+#include <plist/plist.h>
+
 #include <QDateTime>
 #include <QFile>
 #include <QSaveFile>
@@ -7,7 +9,6 @@
 #include <QTimeZone>
 #include <cstdlib>
 #include <memory>
-#include <plist/plist.h>
 
 #include "KVCLocale_p.h"
 
@@ -97,20 +98,24 @@ QVariant toVariant(plist_t node, int depth) {
             plist_get_uid_val(node, &value);
             return qulonglong(value);
         }
-        default: return {};
+        default:
+            return {};
     }
 }
 
 plist_t fromVariant(const QVariant &v) {
     switch (v.typeId()) {
-        case QMetaType::Bool: return plist_new_bool(v.toBool());
+        case QMetaType::Bool:
+            return plist_new_bool(v.toBool());
         case QMetaType::Int:
         case QMetaType::LongLong:
         case QMetaType::UInt:
         case QMetaType::ULongLong:
-        case QMetaType::Long: return plist_new_uint(uint64_t(v.toLongLong()));
+        case QMetaType::Long:
+            return plist_new_uint(uint64_t(v.toLongLong()));
         case QMetaType::Double:
-        case QMetaType::Float: return plist_new_real(v.toDouble());
+        case QMetaType::Float:
+            return plist_new_real(v.toDouble());
         case QMetaType::QDateTime: {
             const qint64 ms = referenceDate().msecsTo(v.toDateTime());
             return plist_new_date(int32_t(ms / 1000), int32_t((ms % 1000) * 1000));
@@ -122,7 +127,8 @@ plist_t fromVariant(const QVariant &v) {
         case QMetaType::QStringList:
         case QMetaType::QVariantList: {
             plist_t array = plist_new_array();
-            for (const QVariant &item : v.toList()) plist_array_append_item(array, fromVariant(item));
+            for (const QVariant &item : v.toList())
+                plist_array_append_item(array, fromVariant(item));
             return array;
         }
         case QMetaType::QVariantMap: {
@@ -132,7 +138,8 @@ plist_t fromVariant(const QVariant &v) {
                 plist_dict_set_item(dict, it.key().toUtf8().constData(), fromVariant(it.value()));
             return dict;
         }
-        default: return plist_new_string(v.toString().toUtf8().constData());
+        default:
+            return plist_new_string(v.toString().toUtf8().constData());
     }
 }
 

@@ -110,7 +110,8 @@ void KVUserDefaults::setObject(const QVariant &value, const QString &key) {
 void KVUserDefaults::removeObjectForKey(const QString &key) { setObject(QVariant(), key); }
 
 void KVUserDefaults::synchronize() {
-    if (!m_domain.isEmpty()) QSettings(QSettings::NativeFormat, QSettings::UserScope, m_domain).sync();
+    if (!m_domain.isEmpty())
+        QSettings(QSettings::NativeFormat, QSettings::UserScope, m_domain).sync();
 }
 
 bool KVUserDefaults::boolValue(const QString &text) {
@@ -129,7 +130,8 @@ qint64 KVUserDefaults::integerValue(const QString &text) {
     for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
         const int digit = text[i].digitValue();
         if (value > (std::numeric_limits<qint64>::max() - digit) / 10)
-            return negative ? std::numeric_limits<qint64>::min() : std::numeric_limits<qint64>::max();
+            return negative ? std::numeric_limits<qint64>::min()
+                            : std::numeric_limits<qint64>::max();
         value = value * 10 + digit;
     }
     return negative ? -value : value;

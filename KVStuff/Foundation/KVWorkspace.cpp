@@ -7,7 +7,9 @@
 
 #include "KVBundle.h"
 
-bool KVWorkspace::openURL(const QUrl &url) { return url.isValid() && QDesktopServices::openUrl(url); }
+bool KVWorkspace::openURL(const QUrl &url) {
+    return url.isValid() && QDesktopServices::openUrl(url);
+}
 
 QIcon KVWorkspace::iconForFile(const QString &path) {
     if (path.isEmpty() || !QFileInfo::exists(path)) return QIcon();

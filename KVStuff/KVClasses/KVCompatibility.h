@@ -22,4 +22,8 @@ inline constexpr ProcessSerialNumber kNoProcess{0, 0};
 
 inline constexpr qsizetype NSNotFound = -1;
 
-enum NSComparisonResult : int { NSOrderedAscending = -1, NSOrderedSame = 0, NSOrderedDescending = 1 };
+enum NSComparisonResult : int {
+    NSOrderedAscending = -1,
+    NSOrderedSame = 0,
+    NSOrderedDescending = 1
+};

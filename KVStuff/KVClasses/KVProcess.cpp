@@ -3,20 +3,20 @@
 #include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QStringList>
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <chrono>
 #include <thread>
-#include <algorithm>
 
 #include "KVAppleEvent.h"
 #include "KVFileManager.h"
 #include "KVFormat.h"
 #include "KVFourCharCode.h"
+#include "KVLog.h"
 #include "KVPath.h"
 #include "KVProcess_p.h"
-#include "KVLog.h"
 #include "KVUserDefaults.h"
 #include "KVWindowServer.h"
 #include "KVWorkspace.h"
@@ -508,7 +508,8 @@ void KVProcess::quit() {
     // have ended: the send then fails with a logged code.
     const pid_t target = pid_t(m_psn.lowLongOfPSN);
     if (target <= 0) {
-        kvLog("quitting %@ failed (%d; could not create descriptor)", name(), KVAppleEvent::paramErr);
+        kvLog("quitting %@ failed (%d; could not create descriptor)", name(),
+              KVAppleEvent::paramErr);
         return;
     }
     const int error = KVAppleEvent::send(target, kCoreEventClass, kAEQuitApplication, QString(), 0);

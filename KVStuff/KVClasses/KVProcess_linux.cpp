@@ -5,13 +5,13 @@
 #include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <csignal>
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -29,8 +29,7 @@ protected:
 };
 
 TEST_F(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) {
-    const QString bundle = TestBundle::make(folder + "/with \"quotes\" $and %percent",
-                                            "Shown App",
+    const QString bundle = TestBundle::make(folder + "/with \"quotes\" $and %percent", "Shown App",
                                             {{"CFBundleIdentifier", "org.velmora.test.shown"},
                                              {"CFBundleName", "Shown App"},
                                              {"CFBundleIconFile", "Shown"}});
@@ -62,14 +61,16 @@ TEST_F(KVLaunchServicesTest, ExecLineStartsTheBundleExecutableWhateverItsPathHol
     const QString entry = KVLaunchServices::desktopEntryFor(bundle, QString());
     // Inside the quotes ", `, $ and \ are escaped; % doubles; then the whole
     // value escapes its backslashes once more.
-    const QString expected = QString("Exec=\"%1/a \\\\\"b\\\\\" \\\\$c \\\\`d\\\\` %%e/P.app/Contents/MacOS/P\"")
-                                 .arg(folder);
+    const QString expected =
+        QString("Exec=\"%1/a \\\\\"b\\\\\" \\\\$c \\\\`d\\\\` %%e/P.app/Contents/MacOS/P\"")
+            .arg(folder);
     EXPECT_TRUE(entry.contains(expected + "\n")) << qPrintable(entry);
     EXPECT_FALSE(entry.contains("Icon="));
 }
 
 TEST_F(KVLaunchServicesTest, WhatIsNoApplicationBundleIsRefused) {
-    EXPECT_EQ(KVLaunchServices::registerURL(folder + "/missing.app", true), KVLaunchServices::fnfErr);
+    EXPECT_EQ(KVLaunchServices::registerURL(folder + "/missing.app", true),
+              KVLaunchServices::fnfErr);
     const QString plain = folder + "/file.txt";
     TestEnvironment::writeFile(plain, "x");
     EXPECT_EQ(KVLaunchServices::registerURL(plain, true), KVLaunchServices::fnfErr);

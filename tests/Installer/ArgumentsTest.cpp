@@ -27,8 +27,7 @@ protected:
 
     // Runs the set-up after the log decision for an installer whose own
     // bundle lies at installerBundle; returns whether it completed.
-    bool setUp(const QStringList &words,
-               const QString &installerBundle = "/opt/Installer.app") {
+    bool setUp(const QStringList &words, const QString &installerBundle = "/opt/Installer.app") {
         controller = std::make_unique<InstallerWinController>(
             QStringList{"/x/Installer.app/Contents/MacOS/Installer"} + words, installerBundle);
         LogCapture capture;
@@ -58,8 +57,8 @@ TEST_F(ArgumentsTest, PairsBecomeKeysAndValuesAndProgramPathHasEmptyKey) {
 }
 
 TEST_F(ArgumentsTest, UnknownKeysAreKeptAndNegativeNumbersBecomeKeys) {
-    ASSERT_TRUE(setUp({"-sourcePath", product, "-NSDocumentRevisionsDebugMode", "YES",
-                       "-completionQuit", "-1"}));
+    ASSERT_TRUE(setUp(
+        {"-sourcePath", product, "-NSDocumentRevisionsDebugMode", "YES", "-completionQuit", "-1"}));
     EXPECT_EQ(arg("NSDocumentRevisionsDebugMode").toString(), "YES");
     EXPECT_FALSE(controller->arguments().contains("completionQuit"));
 }
@@ -151,14 +150,16 @@ TEST_F(ArgumentsTest, WrapperInsertsItsFolderIntoTheDestination) {
     const QString wrapper = folder + "/Volumes/Disk/Product Folder";
     QDir().mkpath(wrapper);
     const QString given = destination + "/Product.app";
-    ASSERT_TRUE(setUp({"-sourcePath", product, "-destinationPath", given, "-wrapperPath", wrapper}));
+    ASSERT_TRUE(
+        setUp({"-sourcePath", product, "-destinationPath", given, "-wrapperPath", wrapper}));
     EXPECT_EQ(arg("destinationPath").toString(), destination + "/Product Folder/Product.app");
     EXPECT_TRUE(log.contains("wrapper = " + wrapper));
 
     // A destination already inside a folder of the wrapper's name stays.
     QDir().mkpath(destination + "/Product Folder");
     const QString inside = destination + "/Product Folder/Product.app";
-    ASSERT_TRUE(setUp({"-sourcePath", product, "-destinationPath", inside, "-wrapperPath", wrapper}));
+    ASSERT_TRUE(
+        setUp({"-sourcePath", product, "-destinationPath", inside, "-wrapperPath", wrapper}));
     EXPECT_EQ(arg("destinationPath").toString(), inside);
 }
 
@@ -184,11 +185,14 @@ TEST_F(ArgumentsTest, DocumentationIsKeptOnlyWhenItExists) {
 }
 
 TEST_F(ArgumentsTest, PathsWithSpacesNewlinesAndOddBytesSurvive) {
-    const QString odd = TestBundle::make(folder + "/a b\nc", "Pr\xc3\xb6" "duct",
+    const QString odd = TestBundle::make(folder + "/a b\nc",
+                                         "Pr\xc3\xb6"
+                                         "duct",
                                          {{"CFBundleSignature", "ABCD"}});
     ASSERT_TRUE(setUp({"-sourcePath", odd}));
     EXPECT_EQ(arg("sourcePath").toString(), odd);
-    EXPECT_EQ(arg("productName").toString(), QString::fromUtf8("Pr\xc3\xb6" "duct"));
+    EXPECT_EQ(arg("productName").toString(), QString::fromUtf8("Pr\xc3\xb6"
+                                                               "duct"));
     // Bytes that are no UTF-8 arrive replaced, and the set-up still ends cleanly.
     EXPECT_FALSE(setUp({"-sourcePath", QString::fromLocal8Bit("/tmp/\xff\xfe.app")}));
     EXPECT_EQ(log.last(), "missing product signature");

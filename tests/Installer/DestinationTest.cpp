@@ -1,18 +1,18 @@
 // Choosing the destination and deciding whether it is writable, with real
 // login items, real running copies and real folders.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <QDir>
 #include <QFile>
-#include <sys/stat.h>
 
 #include "InstallerWinController.h"
 #include "KVFourCharCode.h"
 #include "KVPath.h"
 #include "LogCapture.h"
+#include "Relaunch.h"
 #include "TestBundle.h"
 #include "TestEnvironment.h"
-#include "Relaunch.h"
 
 namespace {
 
@@ -171,10 +171,10 @@ TEST_F(AsUserDestination, ApplicationsFolderIsTheLocalOneWhenNeitherIsWritable) 
     InstallerWinController c({"/x"}, "/opt/I.app");
     LogCapture capture;
     EXPECT_EQ(c.applicationsDirectory(), "/opt");
-    EXPECT_EQ(capture.messages(),
-              (QStringList{"Can't write to /Applications, checking ~/Applications",
-                           "User applicationsDirectory: " + KVPath::homeDirectory() +
-                               "/Applications"}));
+    EXPECT_EQ(
+        capture.messages(),
+        (QStringList{"Can't write to /Applications, checking ~/Applications",
+                     "User applicationsDirectory: " + KVPath::homeDirectory() + "/Applications"}));
 }
 
 TEST_F(AsUserDestination, ApplicationsFolderIsTheUsersOwnWhenItIsWritable) {

@@ -44,8 +44,9 @@ protected:
 
     InstallerWinController &controllerFor(const QString &to, QStringList extra = {}) {
         controller = std::make_unique<InstallerWinController>(
-            QStringList{"/x/Installer", "-sourcePath", source, "-destinationPath", to,
-                        "-version", "2.0"} + extra,
+            QStringList{"/x/Installer", "-sourcePath", source, "-destinationPath", to, "-version",
+                        "2.0"} +
+                extra,
             KV_INSTALLER_APP);
         LogCapture quiet;
         controller->setUp();
@@ -54,8 +55,9 @@ protected:
     // The program that stands in for the administrator dialog: a script.
     void elevationStandIn(const QByteArray &body) {
         const QString script = folder + "/elevate";
-        TestEnvironment::writeFile(script, "#!/bin/sh\necho \"$@\" >> '" +
-                                               QFile::encodeName(folder) + "/elevate.log'\n" + body);
+        TestEnvironment::writeFile(
+            script,
+            "#!/bin/sh\necho \"$@\" >> '" + QFile::encodeName(folder) + "/elevate.log'\n" + body);
         QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         qputenv("KV_ELEVATION_COMMAND", QFile::encodeName(script));
     }
@@ -126,8 +128,9 @@ TEST_F(EngineTest, OptionKeyForcesTheAdministratorPath) {
     EXPECT_TRUE(log.contains("successfully copied"));
     QFile calls(folder + "/elevate.log");
     ASSERT_TRUE(calls.open(QIODevice::ReadOnly));
-    EXPECT_EQ(QString::fromUtf8(calls.readAll()),
-              QString("%1/Contents/Resources/train %2 %3\n").arg(KV_INSTALLER_APP, source, destination));
+    EXPECT_EQ(
+        QString::fromUtf8(calls.readAll()),
+        QString("%1/Contents/Resources/train %2 %3\n").arg(KV_INSTALLER_APP, source, destination));
 }
 
 TEST_F(EngineTest, DismissedDialogEndsWithAnEmptyResult) {
@@ -225,9 +228,10 @@ protected:
 
 TEST_F(AsUserEngine, PrivilegedCopyFollowsThePolicy) {
     const QString destination = qEnvironmentVariable("KV_ENGINE_DESTINATION");
-    InstallerWinController c({"/x/Installer", "-sourcePath", qEnvironmentVariable("KV_ENGINE_SOURCE"),
-                              "-destinationPath", destination},
-                             KV_INSTALLER_APP);
+    InstallerWinController c(
+        {"/x/Installer", "-sourcePath", qEnvironmentVariable("KV_ENGINE_SOURCE"),
+         "-destinationPath", destination},
+        KV_INSTALLER_APP);
     {
         LogCapture quiet;
         ASSERT_TRUE(c.setUp());

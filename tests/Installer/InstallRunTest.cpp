@@ -19,11 +19,11 @@
 #include "KVFourCharCode.h"
 #include "KVProcess.h"
 #include "KVPropertyList.h"
-#include "LogCapture.h"
-#include "TestBundle.h"
-#include "SoundServer.h"
-#include "TestEnvironment.h"
 #include "KVUserDefaults.h"
+#include "LogCapture.h"
+#include "SoundServer.h"
+#include "TestBundle.h"
+#include "TestEnvironment.h"
 
 namespace {
 
@@ -85,14 +85,15 @@ protected:
                                                  {"CFBundleShortVersionString", version}},
                                                 false);
         QFile::copy(KV_TEST_PRODUCT, bundle + "/Contents/MacOS/Product");
-        QFile::setPermissions(bundle + "/Contents/MacOS/Product", QFile::permissions(KV_TEST_PRODUCT));
+        QFile::setPermissions(bundle + "/Contents/MacOS/Product",
+                              QFile::permissions(KV_TEST_PRODUCT));
         return bundle;
     }
     InstallerWinController &setUp(QStringList extra = {}) {
         controller = std::make_unique<InstallerWinController>(
-            QStringList{"/x/Installer", "-productName", "Product", "-version", "2.0",
-                        "-sourcePath", source, "-productCode", "KvR1", "-destinationPath",
-                        destination} + extra,
+            QStringList{"/x/Installer", "-productName", "Product", "-version", "2.0", "-sourcePath",
+                        source, "-productCode", "KvR1", "-destinationPath", destination} +
+                extra,
             KV_INSTALLER_APP);
         quits = std::make_unique<QSignalSpy>(controller.get(),
                                              &InstallerWinController::terminationRequested);
@@ -107,8 +108,10 @@ protected:
         QTest::mouseClick(ui().installButton, Qt::LeftButton);
         EXPECT_FALSE(ui().installButton->isEnabled());
         const bool reported = QTest::qWaitFor(
-            [&] { return capture.text().contains("] quit delay: ") ||
-                         (ui().installButton->isEnabled() && !finishedLines(capture).isEmpty()); },
+            [&] {
+                return capture.text().contains("] quit delay: ") ||
+                       (ui().installButton->isEnabled() && !finishedLines(capture).isEmpty());
+            },
             timeoutMs);
         EXPECT_TRUE(reported) << qPrintable(capture.text());
         QTest::qWait(50);
@@ -117,8 +120,7 @@ protected:
     static QStringList finishedLines(const LogCapture &capture) {
         return capture.messages().filter("successfully copied") +
                capture.messages().filter("refused to quit") +
-               capture.messages().filter("Could not") +
-               capture.messages().filter("User canceled");
+               capture.messages().filter("Could not") + capture.messages().filter("User canceled");
     }
     const Ui::InstallerWindow &ui() const { return controller->outlets(); }
     // Makes the trash refuse everything; TearDown frees it again.
@@ -143,8 +145,8 @@ TEST_F(InstallRunTest, RunningVersionOneIsReplacedByALaunchedVersionTwo) {
     auto &c = setUp();
     LogCapture capture;
     QTest::mouseClick(ui().installButton, Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return c.isFinished() && ui().installButton->isEnabled(); },
-                                30000))
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return c.isFinished() && ui().installButton->isEnabled(); }, 30000))
         << qPrintable(capture.text());
     QTest::qWait(300);
     waitpid(running, nullptr, WNOHANG);
@@ -153,13 +155,15 @@ TEST_F(InstallRunTest, RunningVersionOneIsReplacedByALaunchedVersionTwo) {
     EXPECT_EQ(log.value(0), "Install");
     EXPECT_TRUE(log.contains("Quitting 'KvR1': Product")) << qPrintable(log.join('\n'));
     EXPECT_TRUE(log.contains("successfully copied"));
-    EXPECT_TRUE(log.contains("received Done event (Product 2.0), current installation: Product 2.0"))
+    EXPECT_TRUE(
+        log.contains("received Done event (Product 2.0), current installation: Product 2.0"))
         << qPrintable(log.join('\n'));
     EXPECT_TRUE(log.contains("installation finished"));
     // The old copy went to the trash, the new one is in place and running.
     const QString trashed = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files/Product.app";
-    EXPECT_EQ(KVPropertyList::fromFile(trashed + "/Contents/Info.plist").toMap().value(
-                  "CFBundleShortVersionString"),
+    EXPECT_EQ(KVPropertyList::fromFile(trashed + "/Contents/Info.plist")
+                  .toMap()
+                  .value("CFBundleShortVersionString"),
               "1.0");
     const KVProcessRef launched = [&]() -> KVProcessRef {
         for (const KVProcessRef &p : KVProcess::allProcesses())
@@ -184,14 +188,15 @@ TEST_F(InstallRunTest, CopyThatQuitsOnTheSecondAttemptIsRetriedOnce) {
     qputenv("KV_TEST_DONE_PID", QByteArray::number(getpid()));
     setUp();
     const QStringList log = clickInstallAndWait();
-    EXPECT_EQ(log.filter("did not quit; will retry"), QStringList{"Product did not quit; will retry"});
+    EXPECT_EQ(log.filter("did not quit; will retry"),
+              QStringList{"Product did not quit; will retry"});
     EXPECT_TRUE(log.contains("successfully copied")) << qPrintable(log.join('\n'));
     EXPECT_TRUE(controller->isFinished());
 }
 
 TEST_F(InstallRunTest, CopyThatNeverQuitsFailsTheRunNamingItAndInstallWorksAgain) {
-    const QString other = TestBundle::make(folder + "/elsewhere", "Helper Tool",
-                                           {{"CFBundleSignature", "KvR9"}});
+    const QString other =
+        TestBundle::make(folder + "/elsewhere", "Helper Tool", {{"CFBundleSignature", "KvR9"}});
     auto respawner = std::make_unique<Respawner>(TestBundle::executableOf(other), 1000);
     setUp({"-quitCode", "KvR9"});
     const QStringList log = clickInstallAndWait(60000);
@@ -267,9 +272,11 @@ TEST_F(InstallRunTest, QuitDelayOfZeroOrTextNeverQuits) {
 TEST_F(InstallRunTest, DoneEventWithAnotherTextIsOnlyLogged) {
     setUp();
     LogCapture capture;
-    const OSType sins = KVFourCharCode::fromString("SinS"), done = KVFourCharCode::fromString("Done");
+    const OSType sins = KVFourCharCode::fromString("SinS"),
+                 done = KVFourCharCode::fromString("Done");
     ASSERT_EQ(KVAppleEvent::send(getpid(), sins, done, "Other 1.0", 0), KVAppleEvent::noErr);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return capture.text().contains("received Done event"); }, 5000));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return capture.text().contains("received Done event"); }, 5000));
     QTest::qWait(100);
     EXPECT_EQ(capture.messages().filter("received Done event").value(0).left(40),
               QString("received Done event (Other 1.0), current").left(40));

@@ -22,8 +22,8 @@ protected:
 
     InstallerWinController &controllerWithQuitCodes(const QStringList &codes) {
         const QString product = TestBundle::make(folder, "Source", {{"CFBundleSignature", "Srce"}});
-        QStringList argv{"/x/Installer", "-sourcePath", product, "-destinationPath", "/opt/S.app",
-                         "-productCode", "Srce"};
+        QStringList argv{"/x/Installer", "-sourcePath",  product, "-destinationPath",
+                         "/opt/S.app",   "-productCode", "Srce"};
         if (!codes.isEmpty()) argv << "-quitCode" << codes;
         controller = std::make_unique<InstallerWinController>(argv, "/opt/Installer.app");
         LogCapture quiet;
@@ -95,8 +95,8 @@ TEST_F(QuitProcessesTest, InstallerIsNeverAskedToQuitNorReported) {
     if (Relaunch::isCopy()) GTEST_SKIP() << "runs in the normal test run only";
     // A copy of this test program inside a bundle with signature Kq4s quits
     // the processes with that code: another copy, never itself.
-    const QString bundle = TestBundle::make(folder, "SelfTest", {{"CFBundleSignature", "Kq4s"}},
-                                            false);
+    const QString bundle =
+        TestBundle::make(folder, "SelfTest", {{"CFBundleSignature", "Kq4s"}}, false);
     QString output;
     const int status = Relaunch::runCopy(bundle + "/Contents/MacOS/SelfTest",
                                          "InBundleQuitProcesses.*", QString(), &output);

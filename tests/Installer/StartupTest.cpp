@@ -18,9 +18,9 @@ protected:
     void SetUp() override {
         folder = TestEnvironment::makeTempDir("startup");
         stateHome = folder + "/state";
-        product = TestBundle::make(folder + "/Volumes/Product", "Product",
-                                   {{"CFBundleSignature", "Kv6a"},
-                                    {"CFBundleShortVersionString", "2.1"}});
+        product = TestBundle::make(
+            folder + "/Volumes/Product", "Product",
+            {{"CFBundleSignature", "Kv6a"}, {"CFBundleShortVersionString", "2.1"}});
         QDir().mkpath(folder + "/Applications");
     }
 
@@ -41,10 +41,11 @@ protected:
         // Only what this run appends to the log counts.
         const qsizetype logStart = logFile().size();
         bool seen = false;
-        for (int i = 0; i < waitMilliseconds / 20 && !seen && process.state() == QProcess::Running; ++i) {
+        for (int i = 0; i < waitMilliseconds / 20 && !seen && process.state() == QProcess::Running;
+             ++i) {
             process.waitForReadyRead(20);
-            output += QString::fromUtf8(process.readAllStandardError() +
-                                        process.readAllStandardOutput());
+            output +=
+                QString::fromUtf8(process.readAllStandardError() + process.readAllStandardOutput());
             const QString text = output + logFile().mid(logStart);
             const qsizetype at = text.indexOf(marker);
             // A description is complete with its closing brace.
@@ -53,7 +54,8 @@ protected:
         const bool running = process.state() == QProcess::Running;
         process.terminate();
         process.waitForFinished(5000);
-        output += QString::fromUtf8(process.readAllStandardError() + process.readAllStandardOutput());
+        output +=
+            QString::fromUtf8(process.readAllStandardError() + process.readAllStandardOutput());
         return seen && running;
     }
     QString logFile() const {
@@ -61,9 +63,11 @@ protected:
         return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
     }
     QStringList roadOfOneInstallation() const {
-        return {"-productName", "Product", "-version", "2.1", "-sourcePath", product,
-                "-productCode", "Kv6a", "-completionSound", "YES", "-destinationPath",
-                folder + "/Applications/Product.app", "-quitCode", "Kv6q"};
+        return {
+            "-productName",     "Product", "-version",         "2.1",
+            "-sourcePath",      product,   "-productCode",     "Kv6a",
+            "-completionSound", "YES",     "-destinationPath", folder + "/Applications/Product.app",
+            "-quitCode",        "Kv6q"};
     }
 
     const QString installer = QStringLiteral(KV_INSTALLER_APP "/Contents/MacOS/Installer");

@@ -38,21 +38,22 @@ class WindowTest : public testing::Test {
 protected:
     void SetUp() override {
         folder = TestEnvironment::makeTempDir("window");
-        product = TestBundle::make(folder, "Product",
-                                   {{"CFBundleSignature", "KvW1"},
-                                    {"CFBundleShortVersionString", "2.1"}});
+        product = TestBundle::make(
+            folder, "Product",
+            {{"CFBundleSignature", "KvW1"}, {"CFBundleShortVersionString", "2.1"}});
         for (const char *scheme : {"file", "https", "http"})
             QDesktopServices::setUrlHandler(scheme, &opened, "open");
     }
     void TearDown() override {
-        for (const char *scheme : {"file", "https", "http"}) QDesktopServices::unsetUrlHandler(scheme);
+        for (const char *scheme : {"file", "https", "http"})
+            QDesktopServices::unsetUrlHandler(scheme);
         controller.reset();
     }
 
     // Sets up a controller on the words; returns whether the set-up completed.
     bool setUp(const QStringList &words, const QString &installerBundle = "/opt/Installer.app") {
-        controller = std::make_unique<InstallerWinController>(
-            QStringList{"/x/Installer"} + words, installerBundle);
+        controller = std::make_unique<InstallerWinController>(QStringList{"/x/Installer"} + words,
+                                                              installerBundle);
         quits = std::make_unique<QSignalSpy>(controller.get(),
                                              &InstallerWinController::terminationRequested);
         LogCapture capture;
@@ -279,7 +280,8 @@ TEST_F(WindowTest, GermanLocaleTranslatesTheWindow) {
     EXPECT_EQ(controller->window()->windowTitle(), "Product installieren");
     controller->selectTab(1);
     EXPECT_EQ(ui().installButton->text(), "Installieren");
-    EXPECT_EQ(ui().cancelButton->text(), QString::fromUtf8("Zur\xc3\xbc" "ck"));
+    EXPECT_EQ(ui().cancelButton->text(), QString::fromUtf8("Zur\xc3\xbc"
+                                                           "ck"));
     screenshot("install-page-german");
     QApplication::removeTranslator(&translator);
 }

@@ -50,7 +50,8 @@ TEST_F(KVProcessQuitTest, ProcessThatHonoursTerminateEndsInTheFirstPhase) {
     LogCapture capture;
     EXPECT_TRUE(process->quitRunningApplicationWithTimeout(2.0f));
     ASSERT_EQ(capture.messages().size(), 1);
-    EXPECT_EQ(withoutTimes(capture.messages().first()), "quit Polite: terminated after Ts (N attempts)");
+    EXPECT_EQ(withoutTimes(capture.messages().first()),
+              "quit Polite: terminated after Ts (N attempts)");
     EXPECT_FALSE(process->isStillRunning());
 }
 
@@ -80,8 +81,9 @@ TEST_F(KVProcessQuitTest, RecordOfAnEndedProcessHasNoPidAndTheEventFallbackFails
     LogCapture capture;
     EXPECT_FALSE(process->quitRunningApplicationWithTimeout(1.0f));
     process->quit();
-    EXPECT_EQ(capture.messages(), (QStringList{"cannot quit Gone: no pid", "cannot quit Gone: no pid",
-                                               "quitting Gone failed (-600; could not send event)"}));
+    EXPECT_EQ(capture.messages(),
+              (QStringList{"cannot quit Gone: no pid", "cannot quit Gone: no pid",
+                           "quitting Gone failed (-600; could not send event)"}));
 }
 
 TEST_F(KVProcessQuitTest, QuitEndsAPoliteProcessWithoutTheFallback) {
@@ -146,9 +148,10 @@ TEST_F(KVProcessTimingTest, ProcessorTimeGrowsWithWorkAndIsZeroForNoProcess) {
 }
 
 TEST_F(KVProcessTimingTest, DescriptionsNameTheRecord) {
-    const KVProcessRef process = launch(
-        "Described", {},
-        {{"CFBundleSignature", "DsCr"}, {"CFBundleShortVersionString", "1.2"}, {"CFBundleIdentifier", "org.x.d"}});
+    const KVProcessRef process = launch("Described", {},
+                                        {{"CFBundleSignature", "DsCr"},
+                                         {"CFBundleShortVersionString", "1.2"},
+                                         {"CFBundleIdentifier", "org.x.d"}});
     EXPECT_EQ(process->description(), "Process \"Described\" (DsCr) 1.2");
     EXPECT_EQ(process->detailedDescription(), "Described V1.2 (DsCr/org.x.d)");
     const KVProcessRef anonymous = launch("Anon");

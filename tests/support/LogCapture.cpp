@@ -1,8 +1,9 @@
 #include "LogCapture.h"
 
+#include <unistd.h>
+
 #include <QRegularExpression>
 #include <QStringList>
-#include <unistd.h>
 
 LogCapture::LogCapture() {
     m_file.open();
@@ -26,8 +27,8 @@ QString LogCapture::text() const {
 QStringList LogCapture::messages() const {
     // A line starts with "yyyy-MM-dd HH:mm:ss.zzz name[pid:tid] "; lines
     // without that prefix continue the previous message.
-    static const QRegularExpression prefix(
-        QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} [^\\[]+\\[\\d+:\\d+\\] "));
+    static const QRegularExpression prefix(QStringLiteral(
+        "^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} [^\\[]+\\[\\d+:\\d+\\] "));
     QStringList result;
     for (const QString &line : text().split('\n')) {
         const QRegularExpressionMatch match = prefix.match(line);

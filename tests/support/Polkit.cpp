@@ -1,5 +1,8 @@
 #include "Polkit.h"
 
+#include <spawn.h>
+#include <sys/wait.h>
+
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDir>
@@ -8,8 +11,6 @@
 #include <QProcess>
 #include <QThread>
 #include <csignal>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include "Relaunch.h"
 #include "TestEnvironment.h"
@@ -23,8 +24,8 @@ const QString kPolkitd = QStringLiteral("/usr/lib/polkit-1/polkitd");
 bool polkitAnswers() {
     const QString name = QStringLiteral("kvtest-polkit-probe");
     QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, name);
-    const bool owned = bus.isConnected() && bus.interface()->isServiceRegistered(
-                                                "org.freedesktop.PolicyKit1");
+    const bool owned =
+        bus.isConnected() && bus.interface()->isServiceRegistered("org.freedesktop.PolicyKit1");
     QDBusConnection::disconnectFromBus(name);
     return owned;
 }
@@ -57,12 +58,14 @@ Polkit::Polkit(bool consent) {
     }
     m_rule = QString("/etc/polkit-1/rules.d/49-kvtest-%1.rules").arg(getpid());
     const QByteArray answer = consent ? "YES" : "NO";
-    if (!TestEnvironment::writeFile(
-            m_rule, "polkit.addRule(function(action, subject) {\n"
-                    "    if (action.id == \"org.freedesktop.policykit.exec\" &&\n"
-                    "        subject.user == \"" + Relaunch::unprivilegedUser().toUtf8() +
-                        "\")\n"
-                        "        return polkit.Result." + answer + ";\n});\n")) {
+    if (!TestEnvironment::writeFile(m_rule,
+                                    "polkit.addRule(function(action, subject) {\n"
+                                    "    if (action.id == \"org.freedesktop.policykit.exec\" &&\n"
+                                    "        subject.user == \"" +
+                                        Relaunch::unprivilegedUser().toUtf8() +
+                                        "\")\n"
+                                        "        return polkit.Result." +
+                                        answer + ";\n});\n")) {
         fail("cannot write " + m_rule);
         return;
     }

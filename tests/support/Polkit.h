@@ -3,8 +3,9 @@
 // root; everything it starts it stops again, by process id.
 #pragma once
 
-#include <QString>
 #include <sys/types.h>
+
+#include <QString>
 
 class Polkit {
 public:

@@ -1,11 +1,12 @@
 #include "Relaunch.h"
 
+#include <unistd.h>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
-#include <unistd.h>
 
 QString Relaunch::unprivilegedUser() { return QStringLiteral("kvtest"); }
 
@@ -21,12 +22,12 @@ int Relaunch::runCopy(const QString &executablePath, const QString &filter, cons
     QDir().mkpath(target.absolutePath());
     for (QString folder = target.absolutePath(); folder.size() > 1 && folder != QDir::tempPath();
          folder = QFileInfo(folder).absolutePath())
-        QFile::setPermissions(folder, QFile::permissions(folder) | QFile::ReadOther |
-                                          QFile::ExeOther);
+        QFile::setPermissions(folder,
+                              QFile::permissions(folder) | QFile::ReadOther | QFile::ExeOther);
     QFile::remove(executablePath);
     if (!QFile::copy(QStringLiteral("/proc/self/exe"), executablePath)) return -1;
-    QFile::setPermissions(executablePath, QFile::ReadOwner | QFile::ExeOwner | QFile::ReadOther |
-                                              QFile::ExeOther);
+    QFile::setPermissions(executablePath,
+                          QFile::ReadOwner | QFile::ExeOwner | QFile::ReadOther | QFile::ExeOther);
 
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();

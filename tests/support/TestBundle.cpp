@@ -1,13 +1,14 @@
 #include "TestBundle.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <csignal>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <csignal>
 #include <vector>
 
 extern char **environ;
@@ -20,7 +21,8 @@ QString TestBundle::make(const QString &folder, const QString &name, QVariantMap
     QDir().mkpath(bundle + "/Contents/Resources");
     KVPropertyList::writeFile(info, bundle + "/Contents/Info.plist", format);
     if (withExecutable) {
-        const QString exe = bundle + "/Contents/MacOS/" + info.value("CFBundleExecutable").toString();
+        const QString exe =
+            bundle + "/Contents/MacOS/" + info.value("CFBundleExecutable").toString();
         QFile::remove(exe);
         QFile::copy(KV_TEST_CHILD, exe);
         QFile::setPermissions(exe, QFile::permissions(KV_TEST_CHILD));

@@ -2,9 +2,10 @@
 // Info.plist and a copy of the kvtest_child program as its executable.
 #pragma once
 
+#include <sys/types.h>
+
 #include <QString>
 #include <QVariantMap>
-#include <sys/types.h>
 
 #include "KVPropertyList.h"
 

@@ -2,10 +2,11 @@
 // is ready on the descriptor given by --ready-fd, then waits for signals.
 //   --ignore-term   keeps running on SIGTERM (only SIGKILL ends it)
 //   --exit-after S  ends by itself after S seconds
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 int main(int argc, char **argv) {
     int readyFd = -1;

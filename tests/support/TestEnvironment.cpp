@@ -29,7 +29,8 @@ void TestEnvironment::setUp() {
     // server may live there).
     if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR")) {
         pointAt("XDG_RUNTIME_DIR", base + "/run");
-        QFile::setPermissions(base + "/run", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QFile::setPermissions(base + "/run",
+                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
 }
 
@@ -46,5 +47,6 @@ QString TestEnvironment::makeTempDir(const QString &hint) {
 bool TestEnvironment::writeFile(const QString &path, const QByteArray &bytes) {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+           file.write(bytes) == bytes.size();
 }

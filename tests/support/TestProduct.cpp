@@ -2,9 +2,10 @@
 // application of the platform, and once started it tells the installer named
 // by KV_TEST_DONE_PID that it runs, with the "Done" event carrying its name
 // and version. It runs until it is asked to quit.
+#include <unistd.h>
+
 #include <QCoreApplication>
 #include <QTimer>
-#include <unistd.h>
 
 #include "KVAppleEvent.h"
 #include "KVAppleEventManager.h"
