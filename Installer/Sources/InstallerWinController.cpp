@@ -9,7 +9,6 @@
 #include <QStyle>
 #include <QTextDocument>
 #include <QThread>
-#include <QThreadPool>
 #include <QTimer>
 #include <cstdio>
 
@@ -51,9 +50,6 @@ InstallerWinController::InstallerWinController(const QStringList &argv,
       m_argv(argv),
       m_mainBundlePath(mainBundlePath),
       m_window(std::make_unique<InstallerWindow>()) {
-    // Finding the image-format plugins is the dearest part of the first icon
-    // read: done on another core while the window is built.
-    QThreadPool::globalInstance()->start([] { QImageReader::supportedImageFormats(); });
     m_ui.setupUi(m_window.get());
     m_titleTemplate = m_window->windowTitle();
     m_introTemplate = m_ui.introField->text();
