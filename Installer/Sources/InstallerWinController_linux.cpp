@@ -11,8 +11,7 @@
 #include "KVPath.h"
 
 QString InstallerWinController::logFilePath() {
-    QString state = QFile::decodeName(qgetenv("XDG_STATE_HOME"));
-    if (state.isEmpty()) state = KVPath::homeDirectory() + "/.local/state";
+    const QString state = KVPath::userFolder(KVPath::UserFolder::State);
     // A new account may not have the folder yet; the log must still land.
     QDir().mkpath(state);
     return state + "/VelmoraInstaller.log";

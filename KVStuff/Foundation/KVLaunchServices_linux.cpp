@@ -10,13 +10,6 @@
 #include "KVLaunchServices.h"
 #include "KVPath.h"
 
-namespace {
-QString dataHome() {
-    const QString data = QFile::decodeName(qgetenv("XDG_DATA_HOME"));
-    return data.isEmpty() ? KVPath::homeDirectory() + "/.local/share" : data;
-}
-}  // namespace
-
 int KVLaunchServices::registerURL(const QString &path, bool update) {
     const auto bundle =
         path.endsWith(QLatin1String(".app")) ? KVBundle::bundleWithPath(path) : std::nullopt;
@@ -24,7 +17,7 @@ int KVLaunchServices::registerURL(const QString &path, bool update) {
     const QString identifier = bundle->bundleIdentifier();
     if (identifier.isEmpty() || identifier.contains('/')) return paramErr;
 
-    const QString applications = dataHome() + "/applications";
+    const QString applications = KVPath::userFolder(KVPath::UserFolder::Data) + "/applications";
     const QString entryPath = applications + "/" + identifier + ".desktop";
     // Registered already and no update asked for: nothing to do.
     if (!update && QFile::exists(entryPath)) return noErr;
@@ -35,7 +28,8 @@ int KVLaunchServices::registerURL(const QString &path, bool update) {
     const QString iconFile = bundle->iconFilePath();
     const QImage icon = iconFile.isNull() ? QImage() : QImageReader(iconFile).read();
     if (!icon.isNull()) {
-        const QString icons = dataHome() + "/icons/hicolor/256x256/apps";
+        const QString icons =
+            KVPath::userFolder(KVPath::UserFolder::Data) + "/icons/hicolor/256x256/apps";
         QDir().mkpath(icons);
         iconPath = icons + "/" + identifier + ".png";
         const QImage scaled = icon.width() > 256 ? icon.scaled(256, 256, Qt::KeepAspectRatio,

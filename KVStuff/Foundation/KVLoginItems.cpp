@@ -1,8 +1,7 @@
 #include "KVLoginItems.h"
 
 #include <QFileInfo>
-
-#include "KVPath.h"
+#include <QStandardPaths>
 
 QString KVLoginItems::programOfExecLine(const QString &exec) {
     // The first word of a desktop-entry Exec value: double quotes group,
@@ -25,10 +24,5 @@ QString KVLoginItems::programOfExecLine(const QString &exec) {
     }
     if (word.isEmpty()) return QString();
     if (word.contains('/')) return QFileInfo(word).isFile() ? word : QString();
-    const QString path = QString::fromLocal8Bit(qgetenv("PATH"));
-    for (const QString &folder : path.split(':', Qt::SkipEmptyParts)) {
-        const QFileInfo candidate(KVPath::stringByAppendingPathComponent(folder, word));
-        if (candidate.isFile() && candidate.isExecutable()) return candidate.filePath();
-    }
-    return QString();
+    return QStandardPaths::findExecutable(word);
 }

@@ -9,9 +9,7 @@
 namespace {
 
 QString autostartFolder() {
-    QString config = QFile::decodeName(qgetenv("XDG_CONFIG_HOME"));
-    if (config.isEmpty()) config = KVPath::homeDirectory() + "/.config";
-    return config + "/autostart";
+    return KVPath::userFolder(KVPath::UserFolder::Configuration) + "/autostart";
 }
 
 // The Exec and Hidden values of the [Desktop Entry] group.

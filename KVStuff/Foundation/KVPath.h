@@ -22,4 +22,10 @@ QString stringByRemovingRedundantSlashes(const QString &path);
 QString homeDirectory();
 // The home folder of the named user, or a null string when unknown.
 QString homeDirectoryForUser(const QString &user);
+
+// The user's own folders for settings, data and state (on Linux the XDG base
+// folders: $XDG_CONFIG_HOME, $XDG_DATA_HOME, $XDG_STATE_HOME, each with its
+// default below the home folder when unset).
+enum class UserFolder { Configuration, Data, State };
+QString userFolder(UserFolder folder);
 }  // namespace KVPath

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <QFile>
+#include <utility>
 
 #include "KVPath.h"
 
@@ -10,6 +11,22 @@ QString KVPath::homeDirectory() {
     if (!home.isEmpty()) return QFile::decodeName(home);
     const passwd *entry = getpwuid(getuid());
     return entry && entry->pw_dir ? QFile::decodeName(entry->pw_dir) : QStringLiteral("/");
+}
+
+QString KVPath::userFolder(UserFolder folder) {
+    const auto [variable, fallback] = [folder]() -> std::pair<const char *, const char *> {
+        switch (folder) {
+            case UserFolder::Configuration:
+                return {"XDG_CONFIG_HOME", "/.config"};
+            case UserFolder::Data:
+                return {"XDG_DATA_HOME", "/.local/share"};
+            case UserFolder::State:
+                return {"XDG_STATE_HOME", "/.local/state"};
+        }
+        return {"XDG_DATA_HOME", "/.local/share"};
+    }();
+    const QString set = QFile::decodeName(qgetenv(variable));
+    return set.isEmpty() ? homeDirectory() + QLatin1String(fallback) : set;
 }
 
 QString KVPath::homeDirectoryForUser(const QString &user) {

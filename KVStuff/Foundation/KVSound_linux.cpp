@@ -3,5 +3,5 @@
 
 QStringList KVSoundPlatform::soundFolders() {
     return {QStringLiteral("/usr/share/sounds"), QStringLiteral("/usr/local/share/sounds"),
-            KVPath::homeDirectory() + QStringLiteral("/.local/share/sounds")};
+            KVPath::userFolder(KVPath::UserFolder::Data) + QStringLiteral("/sounds")};
 }

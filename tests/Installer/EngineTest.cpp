@@ -35,9 +35,7 @@ protected:
         destination = folder + "/Applications/Product.app";
     }
     void TearDown() override {
-        // The launched copy runs in a session of its own: end it by its path.
-        for (const KVProcessRef &process : KVProcess::allProcesses())
-            if (process->path() == destination) kill(process->unixPID(), SIGKILL);
+        TestBundle::stopProcessesAt(destination);
         QProcess::execute("chattr", {"-R", "-i", folder});
         qunsetenv("KV_ELEVATION_COMMAND");
     }
@@ -241,8 +239,7 @@ TEST_F(AsUserEngine, PrivilegedCopyFollowsThePolicy) {
     if (qEnvironmentVariable("KV_ENGINE_EXPECT") == "installed") {
         EXPECT_TRUE(result.isNull()) << qPrintable(capture.text());
         EXPECT_TRUE(capture.messages().contains("successfully copied"));
-        for (const KVProcessRef &process : KVProcess::allProcesses())
-            if (process->path() == destination) kill(process->unixPID(), SIGKILL);
+        TestBundle::stopProcessesAt(destination);
     } else {
         EXPECT_EQ(result, "Authorized copying failed.") << qPrintable(capture.text());
         // pkexec's own complaint follows on standard error.

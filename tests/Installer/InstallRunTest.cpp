@@ -68,8 +68,7 @@ protected:
     void TearDown() override {
         qunsetenv("KV_TEST_DONE_PID");
         qunsetenv("KV_ELEVATION_COMMAND");
-        for (const KVProcessRef &process : KVProcess::allProcesses())
-            if (process->path().startsWith(folder)) kill(process->unixPID(), SIGKILL);
+        TestBundle::stopProcessesAt(folder);
         QProcess::execute("chattr", {"-R", "-i", folder});
         QProcess::execute("chattr", {"-i", qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files"});
         controller.reset();
@@ -262,8 +261,7 @@ TEST_F(InstallRunTest, QuitDelayOfZeroOrTextNeverQuits) {
         EXPECT_TRUE(log.contains("quit delay: 0.0")) << qPrintable(log.join('\n'));
         QTest::qWait(300);
         EXPECT_EQ(quits->count(), 0);
-        for (const KVProcessRef &process : KVProcess::allProcesses())
-            if (process->path() == destination) kill(process->unixPID(), SIGKILL);
+        TestBundle::stopProcessesAt(destination);
     }
 }
 
@@ -302,8 +300,7 @@ protected:
         clickInstallAndWait();
         EXPECT_TRUE(controller->isFinished());
         const QVector<float> samples = server->stopCapture(SoundServer::kSinkName, 1500);
-        for (const KVProcessRef &process : KVProcess::allProcesses())
-            if (process->path() == destination) kill(process->unixPID(), SIGKILL);
+        TestBundle::stopProcessesAt(destination);
         return samples;
     }
     SoundServer *server = nullptr;

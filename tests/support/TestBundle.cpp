@@ -11,6 +11,8 @@
 #include <csignal>
 #include <vector>
 
+#include "KVProcess.h"
+
 extern char **environ;
 
 QString TestBundle::make(const QString &folder, const QString &name, QVariantMap info,
@@ -66,6 +68,11 @@ pid_t TestBundle::start(const QString &program, const QStringList &arguments) {
         return -1;
     }
     return pid;
+}
+
+void TestBundle::stopProcessesAt(const QString &path) {
+    for (const KVProcessRef &process : KVProcess::allProcesses())
+        if (process->path().startsWith(path)) kill(process->unixPID(), SIGKILL);
 }
 
 void TestBundle::stop(pid_t pid) {

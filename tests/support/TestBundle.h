@@ -23,4 +23,7 @@ QString executableOf(const QString &bundlePath);
 pid_t start(const QString &program, const QStringList &arguments = {});
 // Sends SIGKILL and reaps the child.
 void stop(pid_t pid);
+// Ends every process of the user whose bundle (or executable) lies at or
+// below the path: launched copies run in sessions of their own, found by path.
+void stopProcessesAt(const QString &path);
 }  // namespace TestBundle
