@@ -50,6 +50,7 @@ public:
                                                          QProcessEnvironment::systemEnvironment()) {
         m_process.setProcessEnvironment(environment);
         m_process.start(KV_TEST_EVENT_RECEIVER, arguments);
+        m_read = 1;
         return waitForLine(0) ? m_lines.value(0) : QString();
     }
 
@@ -68,8 +69,9 @@ public:
         return m_lines.size() > count;
     }
 
-    // Waits for the line that the child prints after the ones seen so far.
-    QString nextLine() { return waitForLine(m_lines.size()) ? m_lines.last() : QString(); }
+    // The next line not yet handed out; lines that arrived together with an
+    // earlier one are not skipped.
+    QString nextLine() { return waitForLine(m_read) ? m_lines.value(m_read++) : QString(); }
 
     bool exitedCleanly(int milliseconds) {
         return m_process.waitForFinished(milliseconds) &&
@@ -83,6 +85,7 @@ private:
     QProcess m_process;
     QByteArray m_pending;
     QStringList m_lines;
+    qsizetype m_read = 0;
 };
 
 class KVAppleEventToReceiverTest : public testing::Test {
