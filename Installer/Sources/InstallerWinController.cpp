@@ -42,6 +42,17 @@ QString localized(const QString &key) { return KVLocalization::localizedString(k
 // Messages separate their lines with carriage returns; labels break on
 // line feeds.
 QString forDisplay(QString text) { return text.replace(QLatin1Char('\r'), QLatin1Char('\n')); }
+
+// Reads an image by its name's format first: the content detection asks every
+// image plugin, loading each, which costs more than a start-up's whole window.
+// A name that lies about its format still reads, through that detection.
+QImage readImage(const QString &path) {
+    QImageReader reader(path, QFileInfo(path).suffix().toLatin1());
+    reader.setAutoDetectImageFormat(false);
+    QImage image = reader.read();
+    return image.isNull() ? QImageReader(path).read() : image;
+}
+
 }  // namespace
 
 InstallerWinController::InstallerWinController(const QStringList &argv,
@@ -56,6 +67,15 @@ InstallerWinController::InstallerWinController(const QStringList &argv,
     m_explanationTemplate = m_ui.explanationField->text();
     // Shown only while a run animates it, as a stopped spinner is not drawn.
     m_ui.progressIndicator->hide();
+    // The name has a document's main-heading type, twice the text size and
+    // bold, as a read-me's own heading has: one font for both, loaded once.
+    QFont nameFont = m_ui.nameField->font();
+    if (nameFont.pointSizeF() > 0)
+        nameFont.setPointSizeF(nameFont.pointSizeF() * 2);
+    else
+        nameFont.setPixelSize(nameFont.pixelSize() * 2);
+    nameFont.setBold(true);
+    m_ui.nameField->setFont(nameFont);
 
     connect(m_ui.installButton, &QPushButton::clicked, this, &InstallerWinController::install);
     connect(m_ui.cancelButton, &QPushButton::clicked, this, &InstallerWinController::cancel);
@@ -84,12 +104,15 @@ bool InstallerWinController::awakeFromNib() {
 
 bool InstallerWinController::setUp() {
     m_ui.nameField->setText(QString());
+    // Showing the install page now would lay it out around its templates, and
+    // again once the texts are in; it waits until the window shows.
+    m_ui.installLayout->setEnabled(false);
     selectTab(1);
     extractArguments();
     if (!completeSourcePath() || !completeProductName()) return false;
     m_window->setWindowTitle(kvFormat(m_titleTemplate, productName()));
     readSourceInfo();
-    showIcon();
+    readIcon();
     completeVersions();
     completeDestination();
     m_ui.pathField->setText(
@@ -114,16 +137,28 @@ QString InstallerWinController::productName() const {
     return m_arguments.value(KVInstallerKeyProductName).toString();
 }
 
-void InstallerWinController::showIcon() {
-    QImage image;
+void InstallerWinController::readIcon() {
     const QString iconPath = m_arguments.value(KVInstallerKeyIconPath).toString();
-    if (!iconPath.isEmpty()) image = QImageReader(iconPath).read();
     const auto source =
         KVBundle::bundleWithPath(m_arguments.value(KVInstallerKeySourcePath).toString());
     // CFBundleIconFile names an .icns file, or carries its own extension.
-    if (image.isNull() && source && !source->iconFilePath().isNull())
-        image = QImageReader(source->iconFilePath()).read();
-    QPixmap pixmap = image.isNull() ? QPixmap() : QPixmap::fromImage(image);
+    const QString bundleIconPath = source ? source->iconFilePath() : QString();
+    // Decoding is a good part of the start-up; it runs beside the rest of the
+    // set-up and is collected when the window first shows.
+    m_iconReading = std::async(std::launch::async, [iconPath, bundleIconPath] {
+        QImage image;
+        if (!iconPath.isEmpty()) image = readImage(iconPath);
+        if (image.isNull() && !bundleIconPath.isNull()) image = readImage(bundleIconPath);
+        // The screen's format, so that making the pixmap is a plain copy.
+        return image.convertToFormat(image.hasAlphaChannel() ? QImage::Format_ARGB32_Premultiplied
+                                                             : QImage::Format_RGB32);
+    });
+}
+
+void InstallerWinController::showIcon() {
+    if (!m_iconReading.valid()) return;
+    const QImage image = m_iconReading.get();
+    QPixmap pixmap = image.isNull() ? QPixmap() : QPixmap::fromImage(image, Qt::NoOpaqueDetection);
     if (pixmap.isNull()) {
         const QIcon icon =
             KVWorkspace::iconForFile(m_arguments.value(KVInstallerKeySourcePath).toString());
@@ -159,7 +194,13 @@ int InstallerWinController::loadReadMe() {
     return 0;
 }
 
+void InstallerWinController::completeWindow() {
+    showIcon();
+    m_ui.installLayout->setEnabled(true);
+}
+
 void InstallerWinController::showWindow() {
+    completeWindow();
     m_window->adjustSize();
     if (const QScreen *screen = m_window->screen()) {
         QRect frame = m_window->frameGeometry();
@@ -497,6 +538,7 @@ bool InstallerWinController::completeCodes() {
 void InstallerWinController::showSetupError(const QString &message) {
     kvLog("%@", message);
     showFinalMessage(message);
+    completeWindow();
     // The window is on screen as loaded, so the message can be read; the
     // set-up ends before it would centre it and bring it forward.
     m_window->show();

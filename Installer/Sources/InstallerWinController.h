@@ -4,10 +4,12 @@
 // asks running copies to quit.
 #pragma once
 
+#include <QImage>
 #include <QObject>
 #include <QString>
 #include <QStringList>
 #include <QVariantMap>
+#include <future>
 #include <memory>
 
 #include "KVCompatibility.h"
@@ -123,7 +125,12 @@ private:
     void completeVersions();
     void completeDestination();
     bool completeCodes();
+    // The product icon: read on another thread, shown when the window shows.
+    void readIcon();
     void showIcon();
+    // What the set-up left for the window's first showing: the icon, and the
+    // install page's layout.
+    void completeWindow();
     void showTexts();
     int loadReadMe();
     void showWindow();
@@ -146,6 +153,7 @@ private:
     QString m_version;
     QString m_minSystemVersion;
     bool m_systemAcceptable = true;
+    std::future<QImage> m_iconReading;
     bool m_finished = false;
     bool m_optionKeyDown = false;
     bool m_receivesDoneEvents = false;

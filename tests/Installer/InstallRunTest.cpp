@@ -169,6 +169,8 @@ TEST_F(InstallRunTest, RunningVersionOneIsReplacedByALaunchedVersionTwo) {
 
     EXPECT_EQ(ui().introField->text(), "Product was successfully installed.");
     EXPECT_FALSE(ui().checkmarkField->isHidden());
+    // The mark stands under the text, where the progress bar was.
+    EXPECT_EQ(ui().checkmarkField->x(), ui().introField->x());
     EXPECT_TRUE(ui().cancelButton->isHidden());
     EXPECT_EQ(ui().installButton->text(), "OK");
     QTest::mouseClick(ui().installButton, Qt::LeftButton);

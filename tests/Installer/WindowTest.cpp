@@ -5,8 +5,10 @@
 #include <QApplication>
 #include <QDesktopServices>
 #include <QDir>
+#include <QFile>
 #include <QImage>
 #include <QImageWriter>
+#include <QLabel>
 #include <QMessageBox>
 #include <QPainter>
 #include <QPushButton>
@@ -90,6 +92,26 @@ protected:
         shot.save(dir + "/" + name + ".png");
     }
 
+    // Whether every text shown on the install page spans the page's text
+    // column, to its right edge, with room for its whole text at that width.
+    bool installPageLaidOut() const {
+        const QWidget *page = ui().installPage;
+        for (const QLabel *label : page->findChildren<QLabel *>()) {
+            if (!label->isVisibleTo(page) || label->text().isEmpty()) continue;
+            const int needed = label->hasHeightForWidth() ? label->heightForWidth(label->width())
+                                                          : label->sizeHint().height();
+            if (!page->rect().contains(label->geometry()) || label->height() < needed ||
+                label->x() != ui().nameField->x() ||
+                label->geometry().right() != page->rect().right()) {
+                ADD_FAILURE() << qPrintable(label->objectName()) << " at "
+                              << qPrintable(QDebug::toString(label->geometry())) << " needs "
+                              << needed;
+                return false;
+            }
+        }
+        return true;
+    }
+
     QString folder, product;
     OpenedUrls opened;
     std::unique_ptr<InstallerWinController> controller;
@@ -110,6 +132,7 @@ TEST_F(WindowTest, WithoutReadMeTheInstallPageComesFirstAndCancelQuits) {
     EXPECT_TRUE(ui().messageField->isHidden());
     EXPECT_TRUE(ui().checkmarkField->isHidden());
     EXPECT_TRUE(ui().helpButton->isHidden());
+    EXPECT_TRUE(installPageLaidOut());
     screenshot("install-page");
     QTest::mouseClick(ui().cancelButton, Qt::LeftButton);
     EXPECT_EQ(quits->count(), 1);
@@ -127,6 +150,7 @@ TEST_F(WindowTest, ReadMeComesFirstAndTheButtonsWalkBetweenThePages) {
     EXPECT_EQ(page(), 1);
     EXPECT_EQ(ui().installButton->text(), "Install");
     EXPECT_EQ(ui().cancelButton->text(), "Go Back");
+    EXPECT_TRUE(installPageLaidOut());
     QTest::mouseClick(ui().cancelButton, Qt::LeftButton);
     EXPECT_EQ(page(), 0);
     EXPECT_EQ(quits->count(), 0);
@@ -204,6 +228,17 @@ TEST_F(WindowTest, IconComesFromTheIconPathThenTheBundleIconFile) {
     ASSERT_TRUE(setUp(productWords()));
     EXPECT_EQ(ui().iconField->pixmap().toImage().pixelColor(5, 5), QColor(Qt::blue));
     EXPECT_FALSE(QApplication::windowIcon().isNull());
+
+    // A name that lies about the format: the content decides.
+    QFile::remove(product + "/Contents/Resources/Product.icns");
+    ASSERT_TRUE(QFile::copy(png, product + "/Contents/Resources/Product.icns"));
+    ASSERT_TRUE(setUp(productWords()));
+    EXPECT_EQ(ui().iconField->pixmap().toImage().pixelColor(5, 5), QColor(Qt::red));
+
+    // A set-up that fails after reading the icon still shows it.
+    const QString unsigned_ = TestBundle::make(folder, "Unsigned", {});
+    ASSERT_FALSE(setUp({"-sourcePath", unsigned_, "-iconPath", png}));
+    EXPECT_EQ(ui().iconField->pixmap().toImage().pixelColor(5, 5), QColor(Qt::red));
 }
 
 TEST_F(WindowTest, SetupErrorsShowTheirMessageAndOKQuits) {
@@ -218,6 +253,7 @@ TEST_F(WindowTest, SetupErrorsShowTheirMessageAndOKQuits) {
     EXPECT_TRUE(controller->window()->isVisible());
     // The title template was never filled: blanked rather than showing "%@".
     EXPECT_EQ(controller->window()->windowTitle(), "");
+    EXPECT_TRUE(installPageLaidOut());
     screenshot("setup-error");
     QTest::mouseClick(ui().installButton, Qt::LeftButton);
     EXPECT_EQ(quits->count(), 1);
