@@ -107,7 +107,7 @@ int main(int argc, char **argv) {
     QCoreApplication app(argc, argv);
     QTemporaryDir folder;
     makeProduct(folder.path());
-    const int runs = argc > 1 ? std::atoi(argv[1]) : 15;
+    const int runs = argc > 1 ? std::atoi(argv[1]) : 21;
     std::vector<double> bare, installer;
     long bareMemory = 0, installerMemory = 0;
     for (int i = 0; i < runs; ++i) {
