@@ -1,13 +1,18 @@
+// Read-me documents from real files: the format by extension or content, the
+// text encoding, rich text as word processors (or hostile hands) write it, and
+// files that cannot be read.
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
 
 #include <QFile>
 #include <QStringEncoder>
+#include <QTextBlock>
 #include <QTextDocument>
-#include <QTextTable>
+#include <random>
 
 #include "KVDocumentReader.h"
+#include "KVRTFReader.h"
 #include "Relaunch.h"
 #include "TestEnvironment.h"
 
@@ -21,112 +26,159 @@ protected:
         EXPECT_TRUE(KVDocumentReader::read(path, &document)) << qPrintable(name);
         return document.toPlainText();
     }
-    bool isBold(const QString &word) {
-        return document.find(word).charFormat().fontWeight() == QFont::Bold;
-    }
     QString folder = TestEnvironment::makeTempDir("document");
     QTextDocument document;
 };
-using KVDocumentReaderFormatTest = KVDocumentReaderTest;
-using KVDocumentReaderDecodingTest = KVDocumentReaderTest;
-using KVDocumentReaderFailureTest = KVDocumentReaderTest;
 }  // namespace
 
-TEST_F(KVDocumentReaderFormatTest, HtmlIsRenderedWhateverTheExtensionsCase) {
-    for (const char *name : {"a.html", "b.HTM", "c.xhtml"}) {
-        EXPECT_EQ(readAs(name, "<html><body><p>Hello <b>bold</b></p></body></html>"), "Hello bold");
-        EXPECT_TRUE(isBold("bold")) << name;
-    }
+// A read-me must show its text, never its markup or code, and never mojibake.
+TEST_F(KVDocumentReaderTest, RendersEachFormatAndEncodingAsItsText) {
+    const QString greeting = QString::fromUtf8("Grüße €");
+    const QByteArray western("Gr\xFC\xDF\x65 \x80");  // the greeting in Windows-1252
+    const struct {
+        const char *name;
+        QByteArray bytes;
+        QString text;
+    } cases[] = {
+        // The extension decides, whatever its case; Markdown is GitHub's (tables).
+        {"a.HTM", "<html><body><p>Hello <b>bold</b></p></body></html>", "Hello bold"},
+        {"ReadMe.md", "# *Grüße*\n\n| a | b |\n|---|---|\n", QString::fromUtf8("Grüße\na\nb\n")},
+        {"ReadMe.RTF", "{\\rtf1\\ansi Caf\\'e9 {\\b bold}\\par}", QString::fromUtf8("Café bold\n")},
+        {"ReadMe.txt", "<html>{\\rtf1 **x**", "<html>{\\rtf1 **x**"},
+        // Without a known extension the start of the content does.
+        {"README", "{\\rtf1 rich}", "rich"},
+        {"ReadMe.doc", "\xEF\xBB\xBF \n<!DOCTYPE html><p>web</p>", "web"},
+        {"ReadMe", "<HTML><body>upper</body></HTML>", "upper"},
+        {"ReadMe.1", "plain <b>text</b>", "plain <b>text</b>"},
+        // A byte-order mark chooses the encoding and is not shown; text that
+        // is no UTF-8 is Windows-1252; HTML honours its declared charset.
+        {"be",
+         QStringEncoder(QStringConverter::Utf16BE, QStringConverter::Flag::WriteBom)(greeting),
+         greeting},
+        {"utf8.txt", "\xEF\xBB\xBF" + greeting.toUtf8(), greeting},
+        {"latin1.txt", western, greeting},
+        {"w.html", "<html><head><meta charset=\"windows-1252\"></head><body>" + western, greeting},
+        {"u.html", "<html><body>" + greeting.toUtf8(), greeting},
+        // An empty file is an empty document, not a failure.
+        {"e.rtf", "", ""}};
+    for (const auto &c : cases) EXPECT_EQ(readAs(c.name, c.bytes), c.text) << c.name;
 }
 
-TEST_F(KVDocumentReaderFormatTest, MarkdownIsRenderedInTheGitHubDialect) {
-    EXPECT_EQ(readAs("ReadMe.md", "# Title\n\nSome **strong** text.\n\n| a | b |\n|---|---|\n"),
-              "Title\nSome strong text.\na\nb\n");
-    EXPECT_TRUE(isBold("strong"));
-    EXPECT_EQ(document.firstBlock().blockFormat().headingLevel(), 1);
-    const QList<QTextFrame *> frames = document.rootFrame()->childFrames();
-    EXPECT_TRUE(frames.size() == 1 && qobject_cast<QTextTable *>(frames[0]));
-    EXPECT_EQ(readAs("ReadMe.markdown", "*x*"), "x");
-}
-
-TEST_F(KVDocumentReaderFormatTest, RtfShowsItsTextNeverItsCode) {
-    EXPECT_EQ(readAs("ReadMe.RTF",
-                     "{\\rtf1\\ansi{\\fonttbl\\f0 Helvetica;}\\f0 Caf\\'e9 "
-                     "{\\b bold}\\par}"),
-              QString::fromUtf8("Café bold\n"));
-    EXPECT_TRUE(isBold("bold"));
-}
-
-TEST_F(KVDocumentReaderFormatTest, WithoutAKnownExtensionTheContentDecides) {
-    EXPECT_EQ(readAs("README", "{\\rtf1 rich}"), "rich");
-    EXPECT_EQ(readAs("ReadMe.doc", "\xEF\xBB\xBF \n<!DOCTYPE html><p>web</p>"), "web");
-    EXPECT_EQ(readAs("ReadMe", "<HTML><body>upper</body></HTML>"), "upper");
-    EXPECT_EQ(readAs("ReadMe.1", "plain <b>text</b>"), "plain <b>text</b>");
-    EXPECT_EQ(readAs("ReadMe.txt", "<html>{\\rtf1 **x**"), "<html>{\\rtf1 **x**");
-}
-
-TEST_F(KVDocumentReaderDecodingTest, ByteOrderMarksChooseTheEncodingAndAreNotShown) {
-    const QString text = QString::fromUtf8("Grüße €");
-    const auto withBom = [&](QStringConverter::Encoding encoding) {
-        return QByteArray(QStringEncoder(encoding, QStringConverter::Flag::WriteBom)(text));
-    };
-    EXPECT_EQ(readAs("le.txt", withBom(QStringConverter::Utf16LE)), text);
-    EXPECT_EQ(readAs("be", withBom(QStringConverter::Utf16BE)), text);
-    EXPECT_EQ(readAs("utf8.txt", withBom(QStringConverter::Utf8)), text);
-}
-
-TEST_F(KVDocumentReaderDecodingTest, InvalidUtf8FallsBackToAWesternCodePage) {
-    EXPECT_EQ(readAs("valid.txt", QString::fromUtf8("Grüße").toUtf8()), QString::fromUtf8("Grüße"));
-    EXPECT_EQ(readAs("latin1.txt",
-                     "Gr\xFC\xDF"
-                     "e caf\xE9"),
-              QString::fromUtf8("Grüße café"));
-    EXPECT_EQ(readAs("latin1.md", "caf\xE9"), QString::fromUtf8("café"));
-}
-
-TEST_F(KVDocumentReaderDecodingTest, HtmlHonoursItsDeclaredCharset) {
-    EXPECT_EQ(readAs("w.html",
-                     "<html><head><meta charset=\"windows-1252\"></head>"
-                     "<body>\x80 caf\xE9</body></html>"),
-              QString::fromUtf8("€ café"));
-    EXPECT_EQ(readAs("u.html", "<html><body>" + QString::fromUtf8("€ café").toUtf8()),
-              QString::fromUtf8("€ café"));
-}
-
-TEST_F(KVDocumentReaderFailureTest, WhatCannotBeReadGivesFalseAndAnEmptyDocument) {
+// What cannot be read gives false and an empty document: nothing there, a
+// FIFO (never waited on), a file too large, or one the user may not read. Root
+// reads anything, so as root the test runs again as the unprivileged user.
+TEST_F(KVDocumentReaderTest, WhatCannotBeReadGivesFalseAndAnEmptyDocument) {
     TestEnvironment::writeFile(folder + "/huge.txt", "");
     QFile(folder + "/huge.txt").resize(KVDocumentReader::kMaximumFileSize + 1);
     mkfifo(QFile::encodeName(folder + "/fifo").constData(), 0600);
-    for (const char *name : {"missing.txt", "", "huge.txt", "fifo"}) {
-        document.setPlainText("previous");
-        EXPECT_FALSE(KVDocumentReader::read(folder + "/" + name, &document)) << name;
-        EXPECT_TRUE(document.isEmpty()) << name;
-    }
-    EXPECT_FALSE(KVDocumentReader::read(folder, nullptr));
-}
-
-TEST_F(KVDocumentReaderFailureTest, AnEmptyFileIsAnEmptyDocument) {
-    for (const char *name : {"e.txt", "e.rtf", "e.html", "e.md", "e"}) {
-        document.setPlainText("previous");
-        EXPECT_EQ(readAs(name, ""), "");
-    }
-}
-
-TEST_F(KVDocumentReaderFailureTest, AFileTheUserMayNotReadIsRefused) {
-    if (Relaunch::isRoot()) {
-        // Root reads anything; the case is seen as an unprivileged user.
-        if (Relaunch::isCopy() || !getpwnam(qPrintable(Relaunch::unprivilegedUser())))
-            GTEST_SKIP() << "needs the unprivileged test user";
-        QString output;
-        const int status = Relaunch::runCopy(
-            folder + "/bin/tests", "KVDocumentReaderFailureTest.AFileTheUserMayNotReadIsRefused",
-            Relaunch::unprivilegedUser(), &output);
-        EXPECT_EQ(status, 0) << qPrintable(output);
-        EXPECT_TRUE(output.contains("[  PASSED  ] 1 test")) << qPrintable(output);
-        return;
-    }
     TestEnvironment::writeFile(folder + "/secret.txt", "secret");
     QFile::setPermissions(folder + "/secret.txt", QFileDevice::Permissions());
-    EXPECT_FALSE(KVDocumentReader::read(folder + "/secret.txt", &document));
-    EXPECT_TRUE(document.isEmpty());
+    QStringList names{"missing.txt", "", "huge.txt", "fifo"};
+    if (!Relaunch::isRoot()) names << "secret.txt";
+    for (const QString &name : names) {
+        document.setPlainText("previous");
+        EXPECT_FALSE(KVDocumentReader::read(folder + "/" + name, &document)) << qPrintable(name);
+        EXPECT_TRUE(document.isEmpty()) << qPrintable(name);
+    }
+    EXPECT_FALSE(KVDocumentReader::read(folder, nullptr));
+    if (!Relaunch::isRoot() || Relaunch::isCopy()) return;
+    if (!getpwnam(qPrintable(Relaunch::unprivilegedUser())))
+        GTEST_SKIP() << "needs the unprivileged test user";
+    QString output;
+    const int status = Relaunch::runCopy(
+        folder + "/bin/tests", "KVDocumentReaderTest.WhatCannotBeReadGivesFalseAndAnEmptyDocument",
+        Relaunch::unprivilegedUser(), &output);
+    EXPECT_EQ(status, 0) << qPrintable(output);
+    EXPECT_TRUE(output.contains("[  PASSED  ] 1 test")) << qPrintable(output);
+}
+
+// A read-me must show exactly its text: no code, fallback, hidden or
+// non-text destination may leak into it, and malformed input gives what text
+// it can.
+TEST(KVRTFReaderTest, ShowsExactlyTheDocumentsText) {
+    const char *cases[][2] = {
+        // A word processor's shape: tables, styles, generator and info before
+        // the body, CR LF line ends, accents as hex bytes.
+        {"{\\rtf1\\ansi\\ansicpg1252\\deff0\\nouicompat\\deflang1031{\\fonttbl{\\f0\\fnil"
+         "\\fcharset0 Calibri;}{\\f1\\froman\\fprq2\\fcharset0 Times New Roman{\\*\\panose "
+         "02020603050405020304};}}\r\n{\\colortbl ;\\red255\\green0\\blue0;}\r\n{\\stylesheet"
+         "{\\s0 Normal;}}{\\info{\\author Someone}{\\title Read Me}}\r\n{\\*\\generator Editor "
+         "1.0}\\viewkind4\\uc1 \r\n\\pard\\sa200\\sl276\\slmult1\\f0\\fs22\\lang7 Caf\\'e9 costs "
+         "5 \\u8364?.\\par\r\n\\b Bold\\b0  and \\i italic\\i0  text.\\par\r\n}\r\n",
+         "Café costs 5 €.\nBold and italic text.\n"},
+        {"{\\rtf1 a\\\\b\\{c\\}d\\~e\\-f\\_g\\tab h\\line i\\\nj}",
+         "a\\b{c}d\u00A0e\u00ADf\u2011g\th\ni\nj"},
+        {"{\\rtf1 \\bullet\\endash\\emdash\\lquote\\rquote\\ldblquote\\rdblquote}", "•–—‘’“”"},
+        {"{\\rtf1 x\\fs24y\\unknown-12 z 1\\cell 2\\cell\\row 3}", "xyz 1\t2\t\n3"},
+        // \uN skips as many fallback characters as \ucN says, scoped by groups.
+        {"{\\rtf1 \\u8364?\\uc2\\u8364\\'80\\'81x\\uc0\\u8364 y}", "€€x€y"},
+        {"{\\rtf1 {\\uc0\\u8364}\\u8364?{\\uc3\\u8364 a}b\\u-10179?\\u-8704?}", "€€€b😀"},
+        // Hex bytes are in the document's code page, or the font's.
+        {"{\\rtf1\\ansi \\'e9\\'80}", "é€"},
+        {"{\\rtf1\\mac \\'8e}", "é"},
+        {"{\\rtf1{\\fonttbl{\\f0 A;}{\\f1\\fcharset204 B;}}\\'e9{\\f1 \\'e9}\\'e9}", "éйé"},
+        {"{\\rtf1\\ansi\\ansicpg932 \\'82\\'a0}", "あ"},
+        {"{\\rtf1 {\\field{\\*\\fldinst HYPERLINK \"http://x\"}{\\fldrslt link}}}", "link"},
+        {"{\\rtf1 {\\header H}{\\footer F}a{\\footnote N}b{\\v hidden}c}", "abc"},
+        {"{\\rtf1 {\\pict\\pngblip 89504e47}{\\*\\unknowndest z}c\\bin4 {}\\\\d}", "cd"},
+        // Unbalanced braces, truncated escapes and wild parameters.
+        {"{\\rtf1 {\\b open", "open"},
+        {"{\\rtf1 a}}}b", "a"},
+        {"}}{\\rtf1 c}", "c"},
+        {"{\\rtf1 x\\", "x"},
+        {"{\\rtf1 x\\'4", "x4"},
+        {"{\\rtf1 x\\u-", "x-"},
+        {"{\\rtf1 x\\bin99999", "x"},
+        {"{\\rtf1 x\\bin-3 y\\uc-5\\u65 z", "xyAz"},
+        {"{\\rtf1 x\\u99999999999999999999?", "x\uFFFF"}};
+    for (const auto &[rtf, text] : cases)
+        EXPECT_EQ(KVRTFReader::toPlainText(rtf), QString::fromUtf8(text)) << rtf;
+}
+
+// Formatting covers exactly its range and ends with its group, \b0, \ulnone
+// or \plain; \par starts a block with its own alignment, \line breaks inside.
+TEST(KVRTFReaderTest, FormatsRangesAndParagraphs) {
+    QTextDocument document;
+    KVRTFReader::read(
+        "{\\rtf1 plain {\\b bold} {\\i italic} {\\ul under\\ulnone  none} "
+        "\\b\\i both\\b0  italic2\\plain  reset}",
+        &document);
+    EXPECT_EQ(document.toPlainText(), "plain bold italic under none both italic2 reset");
+    const std::tuple<const char *, bool, bool, bool> words[] = {
+        {"bold", true, false, false},    {"under", false, false, true},
+        {"none", false, false, false},   {"both", true, true, false},
+        {"italic2", false, true, false}, {"reset", false, false, false}};
+    for (const auto &[word, bold, italic, underline] : words) {
+        const QTextCharFormat f = document.find(word).charFormat();
+        EXPECT_EQ(std::tuple(f.fontWeight() == QFont::Bold, f.fontItalic(), f.fontUnderline()),
+                  std::tuple(bold, italic, underline))
+            << word;
+    }
+
+    KVRTFReader::read("{\\rtf1 \\qc centred\\par\\pard left\\line next\\par}", &document);
+    ASSERT_EQ(document.blockCount(), 3);
+    EXPECT_EQ(document.firstBlock().blockFormat().alignment(), Qt::AlignHCenter);
+    const QTextBlock second = document.firstBlock().next();
+    EXPECT_EQ(second.text(), QString("left") + QChar::LineSeparator + "next");
+    EXPECT_EQ(second.blockFormat().alignment(), Qt::AlignLeft);
+}
+
+// Hostile input must neither exhaust the stack nor crash: deep groups are cut
+// off without losing the text around them, and random bytes are survived.
+TEST(KVRTFReaderTest, SurvivesDeepNestingAndRandomBytes) {
+    const QByteArray deep =
+        "{\\rtf1 before " + QByteArray(100000, '{') + "deep" + QByteArray(100000, '}') + " after}";
+    EXPECT_EQ(KVRTFReader::toPlainText(deep), "before  after");
+    QTextDocument document;
+    KVRTFReader::read("{\\rtf1 x" + QByteArray(100000, '{') + "\\b y", &document);
+    EXPECT_EQ(document.toPlainText(), "x");
+
+    std::mt19937 random(20261121);
+    const char alphabet[] = "{}\\'*-0123456789abfuclinprtvx \xe9\n";
+    for (int i = 0; i < 3000; ++i) {
+        QByteArray rtf = "{\\rtf1 ";
+        for (int n = random() % 200; n > 0; --n) rtf += alphabet[random() % (sizeof alphabet - 1)];
+        KVRTFReader::toPlainText(rtf);
+        if (i % 10 == 0) KVRTFReader::read(rtf, &document);
+    }
 }

@@ -1,94 +1,66 @@
+// The program's texts: format strings, log lines and translations. Texts and
+// log lines are compared byte for byte, so each must come out exactly.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <QDir>
-#include <QFile>
+#include <QCoreApplication>
 #include <QProcess>
-#include <QVariantMap>
+#include <QRegularExpression>
+#include <QTranslator>
 #include <clocale>
 #include <cstdint>
+#include <thread>
 
+#include "KVBundle.h"
 #include "KVFormat.h"
+#include "KVLocalization.h"
+#include "KVLog.h"
 #include "KVPropertyList.h"
 #include "KVUserDefaults.h"
+#include "LogCapture.h"
 #include "TestEnvironment.h"
 
-TEST(KVFormatTest, FillsObjectsInOrderAndByPosition) {
-    EXPECT_EQ(kvFormat("Installing %@…", QString("P")), "Installing P…");
-    EXPECT_EQ(kvFormat("%2$@ %1$@, %1$@", QString("a"), QString("b")), "b a, a");
-    // Top-level strings print as they are, never quoted.
-    EXPECT_EQ(kvFormat("[%@]", QString("say \"hi\" ü")), "[say \"hi\" ü]");
-}
-
-TEST(KVFormatTest, PrintsNullForANullStringOrAMissingArgument) {
-    EXPECT_EQ(kvFormat("%@", QString()), "(null)");
-    EXPECT_EQ(kvFormat("%s", static_cast<const char *>(nullptr)), "(null)");
-    EXPECT_EQ(kvFormat("%@ %@ %d|%3$@", QString("one")), "one (null) 0|(null)");
-}
-
-TEST(KVFormatTest, FillsNumbersAndCStringsLikeC) {
+TEST(KVFormatTest, FillsEachConversionAsThePlatformDoes) {
     const QString cases[][2] = {
-        {kvFormat("%d|%d", 42, -7), "42|-7"},
-        {kvFormat("%ld", qint64(5000000000LL)), "5000000000"},
-        {kvFormat("%ld", INT64_MIN), "-9223372036854775808"},
-        {kvFormat("%s!", "hello"), "hello!"},
-        {kvFormat("%X|%X", 255, 0xBEEFu), "FF|BEEF"},
-        {kvFormat("%02X|%02X", 5, 0xAB), "05|AB"},
+        // Top-level strings print as they are, never quoted.
+        {kvFormat("%2$@ %1$@, %1$@ [%@]", QString("a"), QString("b \"c\" ü")),
+         "b \"c\" ü a, a [a]"},
+        // Null strings and missing arguments print "(null)" or 0, never crash.
+        {kvFormat("%@|%s|%@ %d|%4$@", QString(), static_cast<const char *>(nullptr)),
+         "(null)|(null)|(null) 0|(null)"},
+        {kvFormat("%d|%ld|%ld|%s", -7, qint64(5000000000LL), INT64_MIN, "c"),
+         "-7|5000000000|-9223372036854775808|c"},
         // "%X" takes a 32-bit int, as in C: a sign-extended char shows 32 bits.
-        {kvFormat("%02X", int(int8_t(0xE9))), "FFFFFFE9"},
-        {kvFormat("%1.1f|%1.1f", 2.5, 10.0), "2.5|10.0"},
-        {kvFormat("%1.3f|%1.3f", 0.1234, 1.5), "0.123|1.500"},
-        {kvFormat("%d%% of %@", 50, QString("x")), "50% of x"},
-        // An incomplete specification at the end prints as it stands.
+        {kvFormat("%X|%02X|%02X|%02X", 0xBEEFu, 5, 0xAB, int(int8_t(0xE9))), "BEEF|05|AB|FFFFFFE9"},
+        {kvFormat("%1.1f|%1.1f|%1.3f|%1.3f", 2.5, 10.0, 0.1234, 1.5), "2.5|10.0|0.123|1.500"},
+        // An incomplete conversion at the end prints as it stands.
+        {kvFormat("%d%% of %@ at 50%l", 50, QString("x")), "50% of x at 50%l"},
         {kvFormat("100%"), "100%"},
-        {kvFormat("%@ at 50%l", QString("x")), "x at 50%l"}};
+        // Collections print the platform's description: sorted keys, four-space
+        // indents, quotes and escapes for every string that is no plain word.
+        {kvFormat("<%@>", QStringList{}), "<(\n)>"},
+        {kvFormat("%@", QVariantMap{{"b", 2}, {"a", true}, {"C", "c"}, {"", QStringList{"AB"}}}),
+         "{\n    \"\" =     (\n        AB\n    );\n    C = c;\n    a = 1;\n    b = 2;\n}"},
+        {kvFormat("%@", QStringList{"Plain_Word$9", "", "a-b", "say \"hi\"", "C:\\dir",
+                                    "two\nlines", "Grüße €"}),
+         "(\n    Plain_Word$9,\n    \"\",\n    \"a-b\",\n    \"say \\\"hi\\\"\",\n    "
+         "\"C:\\\\dir\",\n    \"two\\nlines\",\n    \"Gr\\U00fc\\U00dfe \\U20ac\"\n)"}};
     for (const auto &c : cases) EXPECT_EQ(c[0], c[1]);
 }
 
-TEST(KVFormatTest, DescribesListsAndSortedDictionariesLikeThePlatform) {
-    EXPECT_EQ(kvFormat("%@", QStringList{"a", "b c"}), "(\n    a,\n    \"b c\"\n)");
-    EXPECT_EQ(kvFormat("<%@>", QStringList{}), "<(\n)>");
-    const QVariantMap map{{"productCode", QStringList{"ABCD"}}, {"", "/x"}};
-    EXPECT_EQ(kvFormat("%@", map),
-              "{\n    \"\" = \"/x\";\n    productCode =     (\n        ABCD\n    );\n}");
-    const QVariantMap scalars{{"b", 2}, {"a", true}, {"C", QString("c")}};
-    EXPECT_EQ(kvFormat("%@", scalars), "{\n    C = c;\n    a = 1;\n    b = 2;\n}");
-}
-
-TEST(KVFormatTest, QuotesAndEscapesStringsThatAreNoPlainWords) {
-    const QString cases[][2] = {{"Plain_Word$9", "Plain_Word$9"},
-                                {"", "\"\""},
-                                {"a.b", "\"a.b\""},
-                                {"a-b", "\"a-b\""},
-                                {"say \"hi\"", "\"say \\\"hi\\\"\""},
-                                {"C:\\dir", "\"C:\\\\dir\""},
-                                {"two\nlines", "\"two\\nlines\""},
-                                {"Grüße €", "\"Gr\\U00fc\\U00dfe \\U20ac\""}};
-    for (const auto &c : cases)
-        EXPECT_EQ(kvFormat("%@", QStringList{c[0]}), "(\n    " + c[1] + "\n)")
-            << c[0].toStdString();
-}
-
-namespace {
-// Switches LC_NUMERIC to German, building the locale into the private test
-// folder when the system has none installed.
-bool useGermanNumbers() {
-    if (std::setlocale(LC_NUMERIC, "de_DE.UTF-8")) return true;
-    const QString folder = TestEnvironment::root() + "/locales";
-    QDir().mkpath(folder);
-    QProcess localedef;
-    localedef.start("localedef", {"-i", "de_DE", "-f", "UTF-8", folder + "/de_DE.UTF-8"});
-    localedef.waitForFinished(60000);
-    qputenv("LOCPATH", QFile::encodeName(folder));
-    return std::setlocale(LC_NUMERIC, "de_DE.UTF-8") != nullptr;
-}
-}  // namespace
-
 // The application object adopts the user's locale, in which C writes and reads
-// "2,5"; texts, defaults and property lists keep the point all the same.
+// "2,5"; texts, defaults and property lists keep the point all the same. The
+// locale is built into the private test folder when the system has none.
 TEST(KVFormatTest, WritesAndReadsRealsWithAPointUnderAGermanLocale) {
     const QByteArray savedLocale = std::setlocale(LC_NUMERIC, nullptr);
     const QByteArray savedPath = qgetenv("LOCPATH");
-    const bool german = useGermanNumbers();
+    bool german = std::setlocale(LC_NUMERIC, "de_DE.UTF-8");
+    if (!german) {
+        const QString folder = TestEnvironment::makeTempDir("locales");
+        QProcess::execute("localedef", {"-i", "de_DE", "-f", "UTF-8", folder + "/de_DE.UTF-8"});
+        qputenv("LOCPATH", QFile::encodeName(folder));
+        german = std::setlocale(LC_NUMERIC, "de_DE.UTF-8");
+    }
     const QString text = kvFormat("%1.1f %1.3f", 2.5, 1.0 / 3);
     const double value = KVUserDefaults::doubleValue("0.35");
     const QByteArray xml = KVPropertyList::toData(QVariantList{2.5}, KVPropertyList::Format::Xml);
@@ -100,4 +72,67 @@ TEST(KVFormatTest, WritesAndReadsRealsWithAPointUnderAGermanLocale) {
     EXPECT_DOUBLE_EQ(value, 0.35);
     EXPECT_TRUE(xml.contains("<real>2.5</real>")) << xml.constData();
     EXPECT_EQ(read, QVariant(QVariantList{2.5}));
+}
+
+// Each line is "2026-11-21 09:15:02.123 FoundationTests[pid:tid] message" and
+// exactly one newline, even when the message brings its own. Two threads'
+// long lines (likely to be split if written in pieces) arrive whole.
+TEST(KVLogTest, WritesWholeLinesInThePlatformFormatFromAnyThread) {
+    const auto isLogLine = [](const QString &line, long thread, const QString &message) {
+        return QRegularExpression(
+                   QString(
+                       R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} FoundationTests\[%1:%2\] %3\z)")
+                       .arg(getpid())
+                       .arg(thread)
+                       .arg(QRegularExpression::escape(message)))
+            .match(line)
+            .hasMatch();
+    };
+    LogCapture log;
+    kvLog("Installed %@ (%d)", QString("P"), 3);
+    KVLog::writeLine("done\n");
+    const QString fill(2000, QLatin1Char('x'));
+    long threads[2] = {};
+    const auto writer = [&](int n) {
+        threads[n] = gettid();
+        for (int i = 0; i < 200; ++i) kvLog("thread %d line %d %@", n, i, fill);
+    };
+    std::thread first(writer, 0), second(writer, 1);
+    first.join();
+    second.join();
+
+    const QStringList lines = log.text().split('\n');
+    ASSERT_EQ(lines.size(), 2 + 400 + 1);
+    EXPECT_TRUE(isLogLine(lines[0], gettid(), "Installed P (3)")) << qPrintable(lines[0]);
+    EXPECT_TRUE(isLogLine(lines[1], gettid(), "done")) << qPrintable(lines[1]);
+    int seen[2] = {};
+    for (qsizetype i = 2; i + 1 < lines.size(); ++i) {
+        const int n = lines[i].contains("] thread 1 ") ? 1 : 0;
+        const QString message = QString("thread %1 line %2 %3").arg(n).arg(seen[n]++).arg(fill);
+        ASSERT_TRUE(isLogLine(lines[i], threads[n], message)) << qPrintable(lines[i].left(120));
+    }
+}
+
+// A key without translation shows itself (a null key stays null), a missing
+// table is reported, and the compiled KVLocalizationTest_de.qm beside the test
+// program (the main bundle's resources) translates keys, format strings too.
+TEST(KVLocalizationTest, TranslatesInstalledKeysAndShowsEveryOtherKeyItself) {
+    const QList<QTranslator *> before = qApp->findChildren<QTranslator *>();
+    const KVBundle bundle = KVBundle::mainBundle();
+    const QLocale german(QLocale::German, QLocale::Germany);
+    EXPECT_TRUE(KVLocalization::localizedString(QString()).isNull());
+    EXPECT_FALSE(KVLocalization::installTranslations(bundle, "NoSuchTable", german));
+    EXPECT_EQ(KVLocalization::localizedString("Install"), "Install");
+    EXPECT_TRUE(KVLocalization::installTranslations(bundle, "KVLocalizationTest", german));
+    EXPECT_EQ(KVLocalization::localizedString("Install"), "Installieren");
+    EXPECT_EQ(
+        kvFormat(KVLocalization::localizedString("%@ was successfully installed."), QString("P")),
+        "P wurde erfolgreich installiert.");
+    EXPECT_EQ(KVLocalization::localizedString("Grüße, %@"), "Grüße, %@");
+    // The translation must not reach later tests.
+    for (QTranslator *translator : qApp->findChildren<QTranslator *>()) {
+        if (before.contains(translator)) continue;
+        QCoreApplication::removeTranslator(translator);
+        delete translator;
+    }
 }

@@ -1,35 +1,43 @@
-// Registering real bundles with the desktop: the entry written, its icon,
-// and that the desktop's own validator accepts it.
+// What the program keeps in, and reads from, the user's own folders (the
+// test's private XDG folders): desktop entries for registered bundles, the
+// autostart entries of login items, and user defaults.
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFile>
 #include <QImage>
 #include <QImageWriter>
 #include <QProcess>
 #include <QStandardPaths>
+#include <limits>
 
 #include "KVLaunchServices.h"
-#include "KVPropertyList.h"
+#include "KVLoginItems.h"
+#include "KVUserDefaults.h"
 #include "TestBundle.h"
 #include "TestEnvironment.h"
 
 namespace {
+QString read(const QString &path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
 
 class KVLaunchServicesTest : public testing::Test {
 protected:
-    void SetUp() override { folder = TestEnvironment::makeTempDir("register"); }
     static QString entryPath(const QString &identifier) {
         return qEnvironmentVariable("XDG_DATA_HOME") + "/applications/" + identifier + ".desktop";
     }
-    static QString read(const QString &path) {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-    }
-    QString folder;
+    const QString folder = TestEnvironment::makeTempDir("register");
 };
+}  // namespace
 
+// The entry must pass the desktop's own validator, show the icon converted to
+// a PNG, and start the executable whatever the path holds: inside the quotes
+// ", `, $ and \ are escaped and % doubles, then the whole value escapes its
+// backslashes once more.
 TEST_F(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) {
-    const QString bundle = TestBundle::make(folder + "/with \"quotes\" $and %percent", "Shown App",
+    const QString bundle = TestBundle::make(folder + "/a \"b\" $c `d` %e", "Shown App",
                                             {{"CFBundleIdentifier", "org.velmora.test.shown"},
                                              {"CFBundleName", "Shown App"},
                                              {"CFBundleIconFile", "Shown"}});
@@ -39,8 +47,10 @@ TEST_F(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) 
 
     EXPECT_EQ(KVLaunchServices::registerURL(bundle, true), KVLaunchServices::noErr);
     const QString entry = read(entryPath("org.velmora.test.shown"));
-    EXPECT_TRUE(entry.startsWith("[Desktop Entry]\nType=Application\n")) << qPrintable(entry);
-    EXPECT_TRUE(entry.contains("\nName=Shown App\n"));
+    const QString exec =
+        "\nExec=\"%1/a \\\\\"b\\\\\" \\\\$c \\\\`d\\\\` %%e"
+        "/Shown App.app/Contents/MacOS/Shown App\"\n";
+    EXPECT_TRUE(entry.contains(exec.arg(folder))) << qPrintable(entry);
     const QString png = qEnvironmentVariable("XDG_DATA_HOME") +
                         "/icons/hicolor/256x256/apps/org.velmora.test.shown.png";
     EXPECT_TRUE(entry.contains("\nIcon=" + png + "\n"));
@@ -48,40 +58,23 @@ TEST_F(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) 
 
     const QString validator = QStandardPaths::findExecutable("desktop-file-validate");
     ASSERT_FALSE(validator.isEmpty()) << "scripts/install-deps installs desktop-file-utils";
-    QProcess validate;
-    validate.setProcessChannelMode(QProcess::MergedChannels);
-    validate.start(validator, {entryPath("org.velmora.test.shown")});
-    ASSERT_TRUE(validate.waitForFinished(10000));
-    EXPECT_EQ(validate.exitCode(), 0) << validate.readAll().toStdString();
+    // What it objects to appears in the test's output.
+    EXPECT_EQ(QProcess::execute(validator, {entryPath("org.velmora.test.shown")}), 0);
 }
 
-TEST_F(KVLaunchServicesTest, ExecLineStartsTheBundleExecutableWhateverItsPathHolds) {
-    const QString bundle = TestBundle::make(folder + "/a \"b\" $c `d` %e", "P",
-                                            {{"CFBundleIdentifier", "org.velmora.test.p"}});
-    const QString entry = KVLaunchServices::desktopEntryFor(bundle, QString());
-    // Inside the quotes ", `, $ and \ are escaped; % doubles; then the whole
-    // value escapes its backslashes once more.
-    const QString expected =
-        QString("Exec=\"%1/a \\\\\"b\\\\\" \\\\$c \\\\`d\\\\` %%e/P.app/Contents/MacOS/P\"")
-            .arg(folder);
-    EXPECT_TRUE(entry.contains(expected + "\n")) << qPrintable(entry);
-    EXPECT_FALSE(entry.contains("Icon="));
-}
+// No application bundle, no identifier, or one that would write outside the
+// applications folder is refused; a registration is replaced only on update.
+TEST_F(KVLaunchServicesTest, RefusesWhatIsNoBundleAndKeepsARegistrationUnlessUpdating) {
+    TestEnvironment::writeFile(folder + "/file.txt", "x");
+    const std::pair<QString, int> refused[] = {
+        {folder + "/missing.app", KVLaunchServices::fnfErr},
+        {folder + "/file.txt", KVLaunchServices::fnfErr},
+        {TestBundle::make(folder, "Anonymous", {}), KVLaunchServices::paramErr},
+        {TestBundle::make(folder, "Escaping", {{"CFBundleIdentifier", "../../evil"}}),
+         KVLaunchServices::paramErr}};
+    for (const auto &[path, status] : refused)
+        EXPECT_EQ(KVLaunchServices::registerURL(path, true), status) << qPrintable(path);
 
-TEST_F(KVLaunchServicesTest, WhatIsNoApplicationBundleIsRefused) {
-    EXPECT_EQ(KVLaunchServices::registerURL(folder + "/missing.app", true),
-              KVLaunchServices::fnfErr);
-    const QString plain = folder + "/file.txt";
-    TestEnvironment::writeFile(plain, "x");
-    EXPECT_EQ(KVLaunchServices::registerURL(plain, true), KVLaunchServices::fnfErr);
-    const QString anonymous = TestBundle::make(folder, "Anonymous", {});
-    EXPECT_EQ(KVLaunchServices::registerURL(anonymous, true), KVLaunchServices::paramErr);
-    const QString escaping =
-        TestBundle::make(folder, "Escaping", {{"CFBundleIdentifier", "../../evil"}});
-    EXPECT_EQ(KVLaunchServices::registerURL(escaping, true), KVLaunchServices::paramErr);
-}
-
-TEST_F(KVLaunchServicesTest, WithoutUpdateAnExistingRegistrationIsKept) {
     const QString bundle =
         TestBundle::make(folder, "Kept", {{"CFBundleIdentifier", "org.velmora.test.kept"}});
     TestEnvironment::writeFile(entryPath("org.velmora.test.kept"), "earlier");
@@ -91,4 +84,91 @@ TEST_F(KVLaunchServicesTest, WithoutUpdateAnExistingRegistrationIsKept) {
     EXPECT_NE(read(entryPath("org.velmora.test.kept")), "earlier");
 }
 
-}  // namespace
+// Each entry alone resolves to its bundle or program, or is left out when it
+// is hidden, has no program that exists, or keeps its Exec outside the
+// [Desktop Entry] group. Only *.desktop files count, in file-name order.
+TEST(KVLoginItemsTest, ResolvesEntriesToTheirBundleOrProgram) {
+    const QString autostart = qEnvironmentVariable("XDG_CONFIG_HOME") + "/autostart";
+    const QString folder = TestEnvironment::makeTempDir("loginitems");
+    const QString app = TestBundle::make(folder + "/path with space", "P");
+    const QString tool = folder + "/kv-login-tool";
+    ASSERT_TRUE(QFile::copy(KV_TEST_CHILD, tool));
+    QFile::setPermissions(tool, QFile::permissions(KV_TEST_CHILD));
+    const QString quoted = "\"" + TestBundle::executableOf(app) + "\" --flag \"an argument\"";
+    const QByteArray savedPath = qgetenv("PATH");
+    qputenv("PATH", QFile::encodeName(folder) + ":" + savedPath);
+    const auto write = [&](const QString &name, const QString &body) {
+        EXPECT_TRUE(TestEnvironment::writeFile(autostart + "/" + name, body.toUtf8()));
+    };
+    const QString group = "[Desktop Entry]\n";
+    const std::pair<QString, QString> cases[] = {
+        {group + "Exec=" + tool + " %U\nHidden=false", tool},
+        {group + "Exec=" + quoted, app},
+        {group + "Exec=kv-login-tool --start", tool},
+        {group + "Exec=" + tool + "\nHidden=true", {}},
+        {group + "Hidden = true\nExec=" + tool, {}},
+        {group + "Exec=" + folder + "/missing", {}},
+        {group + "Exec=kv-no-such-program-anywhere", {}},
+        {group + "Name=No Exec", {}},
+        {group + "Exec=" + tool + "\n[Desktop Action x]\nExec=" + app + "\nHidden=true", tool},
+        {"[Other Group]\nExec=" + tool, {}}};
+    for (const auto &[body, resolved] : cases) {
+        QDir(autostart).removeRecursively();
+        write("entry.desktop", body + "\n");
+        EXPECT_EQ(KVLoginItems::resolvedPaths(),
+                  resolved.isNull() ? QStringList() : QStringList{resolved})
+            << qPrintable(body);
+    }
+    QDir(autostart).removeRecursively();
+    write("b.desktop", group + "Exec=" + tool + "\n");
+    write("a.desktop", group + "Exec=" + quoted + "\n");
+    write("c.desktop.bak", group + "Exec=" + tool + "\n");
+    EXPECT_EQ(KVLoginItems::resolvedPaths(), (QStringList{app, tool}));
+    QDir(autostart).removeRecursively();
+    qputenv("PATH", savedPath);
+}
+
+// "-key value" pairs of the command line override stored values; a dashed
+// word is never taken as a value.
+TEST(KVUserDefaultsTest, ArgumentsOverrideStoredValues) {
+    KVUserDefaults defaults("org.example.arguments");
+    defaults.setObject(3, "volume");
+    EXPECT_EQ(defaults.integerForKey("volume"), 3);
+    KVUserDefaults::setArgumentDomain({"prog", "-volume", "7", "-a", "-b", "YES", "c", "-d"});
+    EXPECT_EQ(defaults.integerForKey("volume"), 7);
+    EXPECT_TRUE(defaults.boolForKey("b"));
+    EXPECT_EQ(KVUserDefaults::argumentDomain(), (QVariantMap{{"volume", "7"}, {"b", "YES"}}));
+    KVUserDefaults::setArgumentDomain({});
+}
+
+// The application domain is named after the program when it has no bundle
+// identifier; each domain is a file of its own in the private config folder.
+TEST(KVUserDefaultsTest, KeepsEachDomainInItsOwnFileInTheConfigFolder) {
+    KVUserDefaults &standard = KVUserDefaults::standardUserDefaults();
+    ASSERT_EQ(standard.domain(), "FoundationTests");
+    standard.setObject("kept", "appKey");
+    standard.synchronize();
+    EXPECT_FALSE(KVUserDefaults("org.example.suite").objectForKey("appKey").isValid());
+    const QString config = qEnvironmentVariable("XDG_CONFIG_HOME");
+    ASSERT_TRUE(config.startsWith(TestEnvironment::root()));
+    EXPECT_TRUE(read(config + "/FoundationTests.conf").contains("appKey=kept"));
+}
+
+// Stored texts read as the platform reads them: the first significant
+// character decides a boolean; leading digits give a number, an integer
+// saturating rather than wrapping.
+TEST(KVUserDefaultsTest, ReadsTextsByTheirLeadingCharacters) {
+    for (const char *text : {"YES", "true", " 07", "-1", "+9x"})
+        EXPECT_TRUE(KVUserDefaults::boolValue(text)) << text;
+    for (const char *text : {"00", "NO", "  ", "maybe"})
+        EXPECT_FALSE(KVUserDefaults::boolValue(text)) << text;
+    const std::pair<const char *, qint64> integers[] = {
+        {"  -12abc", -12},
+        {"abc", 0},
+        {"99999999999999999999", std::numeric_limits<qint64>::max()},
+        {"-99999999999999999999", std::numeric_limits<qint64>::min()}};
+    for (const auto &[text, value] : integers)
+        EXPECT_EQ(KVUserDefaults::integerValue(text), value) << text;
+    for (const auto &[text, value] : {std::pair{"  -2.25xyz", -2.25}, {"1e3", 1000.0}, {"x", 0.0}})
+        EXPECT_DOUBLE_EQ(KVUserDefaults::doubleValue(text), value) << text;
+}

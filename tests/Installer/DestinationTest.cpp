@@ -1,14 +1,15 @@
-// Choosing the destination and deciding whether it is writable, with real
-// login items, real running copies and real folders.
+// Choosing the destination, deciding whether it is writable and asking the
+// running copies to quit, with real login items, processes and folders.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <QDir>
 #include <QFile>
+#include <QRegularExpression>
 
 #include "InstallerWinController.h"
-#include "KVFourCharCode.h"
 #include "KVPath.h"
+#include "KVProcess.h"
 #include "LogCapture.h"
 #include "Relaunch.h"
 #include "TestBundle.h"
@@ -24,23 +25,25 @@ protected:
         QDir(autostart()).removeRecursively();
     }
 
-    // A controller whose description names these product codes.
-    InstallerWinController &controllerWithCodes(const QStringList &codes) {
+    // A controller set up for a product signed "Srce", with the extra words.
+    InstallerWinController &controllerWith(const QStringList &words) {
         const QString product = TestBundle::make(folder, "Source", {{"CFBundleSignature", "Srce"}});
-        QStringList argv{"/x/Installer", "-sourcePath", product, "-destinationPath", "/opt/S.app"};
-        if (!codes.isEmpty()) argv << "-productCode" << codes;
-        controller = std::make_unique<InstallerWinController>(argv, "/opt/Installer.app");
+        controller = std::make_unique<InstallerWinController>(
+            QStringList{"/x/Installer", "-sourcePath", product, "-destinationPath", "/opt/S.app"} +
+                words,
+            "/opt/Installer.app");
         LogCapture quiet;
         controller->setUp();
         return *controller;
     }
+    // Starts a copy signed with the code; returns its bundle.
     QString runCopy(const QString &where, const QString &name, const QString &code) {
         const QString bundle = TestBundle::make(where, name, {{"CFBundleSignature", code}});
-        const pid_t pid = TestBundle::start(TestBundle::executableOf(bundle));
-        EXPECT_GT(pid, 0);
-        children << pid;
+        children << TestBundle::start(TestBundle::executableOf(bundle));
+        EXPECT_GT(children.last(), 0);
         return bundle;
     }
+    bool stillRunning(pid_t pid) const { return KVProcess::processWithPID(pid)->isStillRunning(); }
     static QString autostart() { return qEnvironmentVariable("XDG_CONFIG_HOME") + "/autostart"; }
     static void addLoginItem(const QString &file, const QString &exec, bool hidden = false) {
         TestEnvironment::writeFile(autostart() + "/" + file,
@@ -52,7 +55,30 @@ protected:
     QList<pid_t> children;
     std::unique_ptr<InstallerWinController> controller;
 };
+using QuitProcessesTest = DestinationTest;
 
+// The copy to replace: one with the main code wins over one with an
+// alternative code (which counts only with more than one code), and a copy
+// in the trash or the build's test area is never chosen.
+TEST_F(DestinationTest, RunningCopyToReplace) {
+    const QString alternative = runCopy(folder + "/a", "Alt", "Kv2b");
+    const QString main = runCopy(folder + "/b", "Main", "Kv2a");
+    auto &c = controllerWith({"-productCode", "Kv2a", "Kv2b"});
+    EXPECT_EQ(c.pathToProcessToReplace(), main);
+    TestBundle::stop(children.takeLast());
+    EXPECT_EQ(c.pathToProcessToReplace(), alternative);
+    EXPECT_TRUE(controllerWith({"-productCode", "Kv2a"}).pathToProcessToReplace().isNull());
+
+    runCopy(folder + "/home/.Trash", "Name", "Kv3a");
+    EXPECT_TRUE(controllerWith({"-productCode", "Kv3a"}).pathToProcessToReplace().isNull());
+    runCopy(folder + "/build/tov", "Name", "Kv3a");
+    EXPECT_TRUE(controllerWith({"-productCode", "Kv3a"}).pathToProcessToReplace().isNull());
+    const QString good = runCopy(folder + "/build/ok", "Name", "Kv3a");
+    EXPECT_EQ(controllerWith({"-productCode", "Kv3a"}).pathToProcessToReplace(), good);
+}
+
+// Each rule to the letter: a prefix is not a substring, a name needs its
+// neighbour ("/build" with "/tov/", "/Volumes/" with "-Install").
 TEST_F(DestinationTest, UnsupportedFoldersFollowTheirExactRules) {
     InstallerWinController c({"/x"}, "/opt/I.app");
     const std::pair<const char *, bool> cases[] = {
@@ -72,90 +98,39 @@ TEST_F(DestinationTest, UnsupportedFoldersFollowTheirExactRules) {
     EXPECT_FALSE(c.isInUnsupportedFolder(QString()));
 }
 
-TEST_F(DestinationTest, SignatureIsFoundInACodeListByValue) {
-    const OSType abcd = KVFourCharCode::fromString("ABCD");
-    EXPECT_TRUE(InstallerWinController::signature(abcd, QStringList{"WXYZ", "ABCD"}));
-    EXPECT_FALSE(InstallerWinController::signature(abcd, QStringList{"ABC", "ABCDE"}));
-    EXPECT_FALSE(InstallerWinController::signature(abcd, QStringList{}));
-    EXPECT_FALSE(InstallerWinController::signature(abcd, QVariant()));
-}
-
-TEST_F(DestinationTest, RunningCopyWithTheMainCodeWinsOverAnAlternativeCode) {
-    const QString alternative = runCopy(folder + "/a", "Alt", "Kv2b");
-    const QString main = runCopy(folder + "/b", "Main", "Kv2a");
-    auto &c = controllerWithCodes({"Kv2a", "Kv2b"});
-    EXPECT_EQ(c.pathToProcessToReplace(), main);
-    TestBundle::stop(children.takeLast());
-    EXPECT_EQ(c.pathToProcessToReplace(), alternative);
-    // Alternative codes count only when there is more than one code.
-    EXPECT_TRUE(controllerWithCodes({"Kv2a"}).pathToProcessToReplace().isNull());
-    EXPECT_TRUE(controllerWithCodes({}).pathToProcessToReplace().isNull());
-}
-
-TEST_F(DestinationTest, RunningCopiesInUnsupportedFoldersAreNeverChosen) {
-    runCopy(folder + "/home/.Trash", "Name", "Kv3a");
-    EXPECT_TRUE(controllerWithCodes({"Kv3a"}).pathToProcessToReplace().isNull());
-    const QString good = runCopy(folder + "/build/ok", "Name", "Kv3a");
-    EXPECT_EQ(controllerWithCodes({"Kv3a"}).pathToProcessToReplace(), good);
-}
-
-TEST_F(DestinationTest, LoginItemWhoseNameStartsWithTheProductNameIsPreferred) {
-    const QString other = TestBundle::make(folder, "Other", {});
+// A login item whose name starts with the product's (case counts) is where
+// the user keeps it; a hidden one, or one on an install image, is passed
+// over for the running copy.
+TEST_F(DestinationTest, LoginItemIsPreferredOverTheRunningCopy) {
     const QString product = TestBundle::make(folder, "Product Pro", {});
-    addLoginItem("a.desktop", TestBundle::executableOf(other));
+    addLoginItem("a.desktop", TestBundle::executableOf(TestBundle::make(folder, "Other", {})));
     addLoginItem("b.desktop", "\"" + TestBundle::executableOf(product) + "\" --hidden");
-    auto &c = controllerWithCodes({"Kv4a"});
-    EXPECT_EQ(c.autoLaunchPathFor("Product"), product);
+    auto &c = controllerWith({"-productCode", "Kv4a"});
     EXPECT_TRUE(c.autoLaunchPathFor("product").isNull());
-    LogCapture capture;
     EXPECT_EQ(c.findPreferredDestinationFor("Product"), product);
-    EXPECT_EQ(capture.messages(), QStringList{"autolaunch = " + product});
-}
+    QDir(autostart()).removeRecursively();
 
-TEST_F(DestinationTest, HiddenOrUnsupportedLoginItemsFallBackToTheRunningCopy) {
-    const QString hidden = TestBundle::make(folder + "/h", "Name", {});
     const QString image = TestBundle::make(folder + "/Volumes/Name-Install", "Name", {});
-    addLoginItem("1.desktop", TestBundle::executableOf(hidden), true);
+    addLoginItem("1.desktop", TestBundle::executableOf(TestBundle::make(folder, "Name", {})), true);
     addLoginItem("2.desktop", TestBundle::executableOf(image));
     const QString running = runCopy(folder + "/run", "Name", "Kv5a");
-    auto &c = controllerWithCodes({"Kv5a"});
+    auto &d = controllerWith({"-productCode", "Kv5a"});
     LogCapture capture;
-    EXPECT_EQ(c.findPreferredDestinationFor("Name"), running);
-    EXPECT_EQ(capture.messages().value(0), "autolaunch = " + image);
+    EXPECT_EQ(d.findPreferredDestinationFor("Name"), running);
     QDir(autostart()).removeRecursively();
-    LogCapture none;
-    c.findPreferredDestinationFor("Name");
-    EXPECT_EQ(none.messages().value(0), "autolaunch = (null)");
+    d.findPreferredDestinationFor("Name");
+    EXPECT_EQ(capture.messages().filter("autolaunch"),
+              (QStringList{"autolaunch = " + image, "autolaunch = (null)"}));
 }
 
-TEST_F(DestinationTest, LocalizedPathAbbreviatesHomeAndHidesBundleExtension) {
-    InstallerWinController c({"/x"}, "/opt/I.app");
-    const QString home = KVPath::homeDirectory();
-    QDir().mkpath(home + "/Applications/Name.app");
-    EXPECT_EQ(c.localizedPath(home + "/Applications/Name.app"), "~/Applications/Name");
-    EXPECT_EQ(c.recursiveLocalizedPath("~"), "~");
-    EXPECT_EQ(c.recursiveLocalizedPath("~/Applications"), "~/Applications");
-    EXPECT_EQ(c.localizedPath("/"), "/");
-    EXPECT_EQ(c.localizedPath("/opt/Missing.app"), "/opt/Missing.app");
-}
-
-TEST_F(DestinationTest, ProbesLeaveNothingBehind) {
-    InstallerWinController c({"/x"}, "/opt/I.app");
-    EXPECT_TRUE(c.canWriteToDirectory(folder));
-    EXPECT_TRUE(QDir(folder).isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden));
-    EXPECT_FALSE(c.canWriteToDirectory(folder + "/missing"));
-    EXPECT_FALSE(c.canWriteToFile(folder + "/missing"));
-    TestEnvironment::writeFile(folder + "/f", "x");
-    EXPECT_TRUE(c.canWriteToFile(folder + "/f"));
-}
-
+// Root may write anywhere: the refusals are seen from the unprivileged user.
 TEST_F(DestinationTest, UnwritablePlacesAreReportedForAnUnprivilegedUser) {
     if (!Relaunch::isRoot()) GTEST_SKIP() << "runs the user's half itself";
     QString output;
     const int status = Relaunch::runCopy(folder + "/bin/tests", "AsUserDestination.*",
                                          Relaunch::unprivilegedUser(), &output);
     EXPECT_EQ(status, 0) << qPrintable(output);
-    EXPECT_TRUE(output.contains("[  PASSED  ] 4 tests")) << qPrintable(output);
+    EXPECT_TRUE(output.contains("[  PASSED  ] 2 tests")) << qPrintable(output);
 }
 
 // Run only as the unprivileged user, through the test above.
@@ -167,47 +142,86 @@ protected:
     }
 };
 
-TEST_F(AsUserDestination, ApplicationsFolderIsTheLocalOneWhenNeitherIsWritable) {
+// The local folder when neither is writable (the run then asks for rights),
+// the user's own when it is.
+TEST_F(AsUserDestination, ApplicationsFolderIsTheLocalOneUnlessTheUsersOwnIsWritable) {
     InstallerWinController c({"/x"}, "/opt/I.app");
+    const QString own = KVPath::homeDirectory() + "/Applications";
     LogCapture capture;
     EXPECT_EQ(c.applicationsDirectory(), "/opt");
-    EXPECT_EQ(
-        capture.messages(),
-        (QStringList{"Can't write to /Applications, checking ~/Applications",
-                     "User applicationsDirectory: " + KVPath::homeDirectory() + "/Applications"}));
+    EXPECT_EQ(capture.messages(),
+              (QStringList{"Can't write to /Applications, checking ~/Applications",
+                           "User applicationsDirectory: " + own}));
+    QDir().mkpath(own);
+    EXPECT_EQ(c.applicationsDirectory(), own);
+    QDir(own).removeRecursively();
 }
 
-TEST_F(AsUserDestination, ApplicationsFolderIsTheUsersOwnWhenItIsWritable) {
-    QDir().mkpath(KVPath::homeDirectory() + "/Applications");
-    InstallerWinController c({"/x"}, "/opt/I.app");
-    LogCapture quiet;
-    EXPECT_EQ(c.applicationsDirectory(), KVPath::homeDirectory() + "/Applications");
-    QDir(KVPath::homeDirectory() + "/Applications").removeRecursively();
-}
-
+// An existing item is judged itself; a new one by its nearest existing folder.
 TEST_F(AsUserDestination, WritabilityIsDecidedOnTheItemAndTheNearestExistingFolder) {
     InstallerWinController c({"/x"}, "/opt/I.app");
-    LogCapture capture;
-    EXPECT_FALSE(c.canWriteToPath("/opt/Sub/Deeper/Name.app"));
-    EXPECT_TRUE(c.canWriteToPath(folder + "/Sub/Name.app"));
     const QString locked = folder + "/Locked.app";
     TestEnvironment::writeFile(locked, "x");
     chmod(QFile::encodeName(locked).constData(), 0444);
+    LogCapture capture;
+    EXPECT_FALSE(c.canWriteToPath("/opt/Sub/Deeper/Name.app"));
+    EXPECT_TRUE(c.canWriteToPath(folder + "/Sub/Name.app"));
     EXPECT_FALSE(c.canWriteToPath(locked));
     EXPECT_EQ(capture.messages(),
               (QStringList{"Cannot write to folder /opt", "Cannot write to item " + locked}));
 }
 
-TEST_F(AsUserDestination, FileAndFolderProbesFailWhereTheUserMayNotWrite) {
-    InstallerWinController c({"/x"}, "/opt/I.app");
-    const QString readOnly = folder + "/ro";
-    TestEnvironment::writeFile(readOnly, "x");
-    chmod(QFile::encodeName(readOnly).constData(), 0444);
-    EXPECT_FALSE(c.canWriteToFile(readOnly));
-    EXPECT_FALSE(c.canWriteToDirectory("/opt"));
-    chmod(QFile::encodeName(folder).constData(), 0555);
-    EXPECT_FALSE(c.canWriteToDirectory(folder));
-    chmod(QFile::encodeName(folder).constData(), 0755);
+// Every copy with a quit code is asked, in process-list order; the first
+// still running is named. Codes match whole: the bystander's is only a
+// prefix of one and begins with another.
+TEST_F(QuitProcessesTest, EveryMatchingCopyIsAskedInListOrder) {
+    runCopy(folder + "/1", "First", "Kq2a");
+    runCopy(folder + "/2", "Second", "Kq2b");
+    runCopy(folder + "/3", "Bystander", "Kq2c");
+    auto &c = controllerWith({"-productCode", "Srce", "-quitCode", "Kq2a", "Kq2", "Kq2cX", "Kq2b"});
+    LogCapture capture;
+    EXPECT_EQ(c.processToQuitStillRunning(), "First");
+    c.quitProcesses();
+    EXPECT_TRUE(c.processToQuitStillRunning().isNull());
+    EXPECT_EQ(capture.messages().filter(QRegularExpression("^(Still running|Quitting) ")),
+              (QStringList{"Still running 'Kq2a': First", "Quitting 'Kq2a': First",
+                           "Quitting 'Kq2b': Second"}));
+    EXPECT_TRUE(stillRunning(children.last()));
+}
+
+// The installer may carry the product's code itself: it must ask the other
+// copies to quit and replace them, never itself. Seen from a copy of this
+// test inside such a bundle.
+TEST_F(QuitProcessesTest, InstallerIsNeverAskedToQuitNorReported) {
+    if (Relaunch::isCopy()) GTEST_SKIP() << "runs in the normal test run only";
+    const QString bundle =
+        TestBundle::make(folder, "SelfTest", {{"CFBundleSignature", "Kq4s"}}, false);
+    QString output;
+    const int status = Relaunch::runCopy(bundle + "/Contents/MacOS/SelfTest",
+                                         "InBundleQuitProcesses.*", QString(), &output);
+    EXPECT_EQ(status, 0) << qPrintable(output);
+    EXPECT_TRUE(output.contains("[  PASSED  ] 1 test")) << qPrintable(output);
+}
+
+class InBundleQuitProcesses : public DestinationTest {
+protected:
+    void SetUp() override {
+        if (!Relaunch::isCopy()) GTEST_SKIP() << "runs in a copy inside a bundle";
+        DestinationTest::SetUp();
+    }
+};
+
+TEST_F(InBundleQuitProcesses, OtherCopiesQuitWhileTheInstallerItselfStays) {
+    ASSERT_EQ(KVProcess::currentProcess()->signatureString(), "Kq4s");
+    const QString other = runCopy(folder, "Other", "Kq4s");
+    auto &c = controllerWith({"-productCode", "Kq4s"});
+    EXPECT_EQ(c.pathToProcessToReplace(), other);
+    LogCapture capture;
+    c.quitProcesses();
+    EXPECT_TRUE(c.processToQuitStillRunning().isNull());
+    EXPECT_TRUE(c.pathToProcessToReplace().isNull());
+    EXPECT_EQ(capture.messages().filter("Kq4s"), QStringList{"Quitting 'Kq4s': Other"});
+    EXPECT_FALSE(capture.messages().join('\n').contains("SelfTest"));
 }
 
 }  // namespace

@@ -1,350 +1,286 @@
+// KVProcess against real child processes: copies of the child program, most
+// of them inside bundles with a chosen Info.plist.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <algorithm>
 #include <csignal>
 #include <functional>
-#include <utility>
-#include <vector>
 
-#include "KVFourCharCode.h"
 #include "KVProcess.h"
+#include "LogCapture.h"
 #include "TestBundle.h"
 #include "TestEnvironment.h"
 
 namespace {
 
-// Codes and identifiers of this test process only, so that test programs
-// running side by side never find each other's children.
-QString uniqueSignature() {
-    static uint32_t counter = 0;
-    uint32_t n = uint32_t(getpid()) * 64 + counter++;
-    QString code;
-    for (int i = 0; i < 4; ++i, n /= 26) code.prepend(QChar('A' + n % 26));
-    return code;
-}
-
-QString uniqueIdentifier() { return "org.velmora.proctest." + uniqueSignature(); }
-
 QString canonical(const QString &path) { return QFileInfo(path).canonicalFilePath(); }
 
-// Starts real child processes and reaps every one of them.
-class ChildProcessTest : public testing::Test {
+// Whether the child was ended by SIGKILL; reaps it.
+bool wasKilled(pid_t pid) {
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+class KVProcessTest : public testing::Test {
 protected:
     void TearDown() override {
-        for (pid_t pid : m_children) TestBundle::stop(pid);
+        for (pid_t pid : children) TestBundle::stop(pid);
     }
-
-    pid_t start(const QString &program) {
-        const pid_t pid = TestBundle::start(program);
-        if (pid > 0) m_children.push_back(pid);
-        return pid;
-    }
-
-    void stop(pid_t pid) {
-        TestBundle::stop(pid);
-        m_children.erase(std::remove(m_children.begin(), m_children.end(), pid), m_children.end());
-    }
-
-    KVProcessRef launch(const QString &program) {
-        const pid_t pid = start(program);
-        EXPECT_GT(pid, 0) << program.toStdString();
+    KVProcessRef launch(const QString &program, const QStringList &arguments = {}) {
+        const pid_t pid = TestBundle::start(program, arguments);
+        if (pid > 0) children << pid;
         return pid > 0 ? KVProcess::processWithPID(pid) : nullptr;
     }
-
-    // A copy of the child program running inside a new bundle Name.app.
-    KVProcessRef launchBundle(const QString &name, const QVariantMap &info = {}) {
-        m_bundle = TestBundle::make(TestEnvironment::makeTempDir(name), name, info);
-        return launch(TestBundle::executableOf(m_bundle));
+    // The child program running as Name.app with the info dictionary.
+    KVProcessRef launchBundle(const QString &name, const QVariantMap &info = {},
+                              const QStringList &arguments = {}) {
+        bundle = TestBundle::make(TestEnvironment::makeTempDir(name), name, info);
+        return launch(TestBundle::executableOf(bundle), arguments);
     }
 
-    QString m_bundle;  // of the last launchBundle
-    std::vector<pid_t> m_children;
+    QString bundle;  // of the last launchBundle
+    QList<pid_t> children;
 };
 
-class KVProcessLookupTest : public ChildProcessTest {};
-class KVProcessBundleTest : public ChildProcessTest {};
-
-TEST_F(KVProcessLookupTest, LookingUpARecordAgainGivesTheIdenticalObjectAtTheCacheFront) {
-    const QString code = uniqueSignature();
-    const QString identifier = uniqueIdentifier();
+// Every lookup gives the one shared record and moves it to the cache front.
+// The code is this program's own, so test programs running side by side never
+// find each other's children.
+TEST_F(KVProcessTest, LookupsShareOneRecordAndMoveItToTheCacheFront) {
+    const QString code = QString::number(getpid() % 10000).rightJustified(4, '0');
+    const QString identifier = "org.velmora.proctest." + code;
     const KVProcessRef process =
         launchBundle("Twice", {{"CFBundleSignature", code}, {"CFBundleIdentifier", identifier}});
     ASSERT_TRUE(process);
-
-    const std::vector<std::pair<const char *, std::function<KVProcessRef()>>> lookups{
-        {"serial number",
-         [&] { return KVProcess::processWithSerialNumber(process->serialNumber()); }},
-        {"pid", [&] { return KVProcess::processWithPID(process->unixPID()); }},
-        {"signature",
-         [&] { return KVProcess::processWithSignature(KVFourCharCode::fromString(code)); }},
-        {"signature string", [&] { return KVProcess::processWithSignatureString(code); }},
-    };
-    for (const auto &[how, lookup] : lookups) {
-        SCOPED_TRACE(how);
+    const std::function<KVProcessRef()> lookups[] = {
+        [&] { return KVProcess::processWithSerialNumber(process->serialNumber()); },
+        [&] { return KVProcess::processWithPID(process->unixPID()); },
+        [&] { return KVProcess::processWithSignatureString(code); }};
+    for (const auto &lookup : lookups) {
         KVProcess::processWithPID(getpid());  // puts another record in front
-        ASSERT_NE(KVProcess::cachedProcesses().value(0), process);
-        EXPECT_EQ(lookup(), process);
+        EXPECT_EQ(lookup(), process) << &lookup - lookups;
         EXPECT_EQ(KVProcess::cachedProcesses().value(0), process);
     }
     EXPECT_EQ(KVProcess::processWithIdentifier(identifier), process);
-    EXPECT_EQ(KVProcess::processWithIdentifier(uniqueIdentifier()), nullptr);
     // A code of another length converts to 0, which no process has.
-    EXPECT_EQ(KVProcess::processWithSignatureString(code.left(3)), nullptr);
-    EXPECT_EQ(KVProcess::processWithSignatureString(code + "X"), nullptr);
-}
-
-TEST_F(KVProcessLookupTest, AllProcessesListsOwnProcessesInAscendingPidOrder) {
-    const pid_t outside = start(KV_TEST_CHILD);
-    ASSERT_GT(outside, 0);
-    std::vector<uint32_t> pids;
-    for (const KVProcessRef &process : KVProcess::allProcesses())
-        pids.push_back(process->serialNumber().lowLongOfPSN);
-    EXPECT_TRUE(std::adjacent_find(pids.begin(), pids.end(), std::greater_equal<>()) == pids.end());
-    EXPECT_NE(std::find(pids.begin(), pids.end(), uint32_t(getpid())), pids.end());
-    EXPECT_NE(std::find(pids.begin(), pids.end(), uint32_t(outside)), pids.end());
-}
-
-TEST_F(KVProcessLookupTest, NoRecordForAnUnreapedChildThatExitedOrANonPositivePid) {
-    EXPECT_EQ(KVProcess::processWithPID(0), nullptr);
-    EXPECT_EQ(KVProcess::processWithPID(-1), nullptr);
-    const pid_t pid = start(KV_TEST_CHILD);
-    const KVProcessRef record = KVProcess::processWithPID(pid);
-    ASSERT_TRUE(record);
-    kill(pid, SIGKILL);
-    siginfo_t status{};
-    ASSERT_EQ(waitid(P_PID, id_t(pid), &status, WEXITED | WNOWAIT), 0);  // a zombie now
-
-    EXPECT_EQ(KVProcess::processWithPID(pid), nullptr);
-    EXPECT_FALSE(record->isStillRunning());
-    EXPECT_EQ(record->unixPID(), 0);
-}
-
-TEST_F(KVProcessLookupTest, CurrentProcessIsTheRecordOfTheOwnPid) {
+    EXPECT_FALSE(KVProcess::processWithIdentifier(identifier.chopped(1)) ||
+                 KVProcess::processWithSignatureString(code.left(3)) ||
+                 KVProcess::processWithSignatureString(code + "X") ||
+                 KVProcess::processWithPID(0) || KVProcess::processWithPID(-1));
     const KVProcessRef current = KVProcess::currentProcess();
     ASSERT_TRUE(current);
     EXPECT_EQ(current, KVProcess::processWithPID(getpid()));
-    EXPECT_EQ(current->unixPID(), getpid());
     EXPECT_EQ(current->name(), QFileInfo(QCoreApplication::applicationFilePath()).fileName());
 }
 
-TEST_F(KVProcessLookupTest, ARecordOfAnEndedProcessIsNotRunningAndDiffersFromALaterOne) {
-    const pid_t pid = start(KV_TEST_CHILD);
-    const KVProcessRef ended = KVProcess::processWithPID(pid);
+// Guards pid reuse: a record names a pid and a start time, so an exited (even
+// unreaped) process has no pid, and a later process is never taken for it.
+TEST_F(KVProcessTest, ARecordNeverStandsForAnotherProcess) {
+    const KVProcessRef ended = launch(KV_TEST_CHILD);
     ASSERT_TRUE(ended);
-    stop(pid);
+    const pid_t pid = ended->unixPID();
+    kill(pid, SIGKILL);
+    siginfo_t status{};
+    ASSERT_EQ(waitid(P_PID, id_t(pid), &status, WEXITED | WNOWAIT), 0);  // a zombie now
+    EXPECT_EQ(KVProcess::processWithPID(pid), nullptr);
     EXPECT_FALSE(ended->isStillRunning());
-
+    EXPECT_EQ(ended->unixPID(), 0);
     const KVProcessRef later = launch(KV_TEST_CHILD);
     ASSERT_TRUE(later);
-    EXPECT_NE(later, ended);
-    EXPECT_FALSE(ended->isEqual(later));
-}
-
-TEST_F(KVProcessLookupTest, TheSamePidWithAnotherStartTimeIsAnotherProcess) {
+    EXPECT_FALSE(later == ended || ended->isEqual(later));
     const KVProcessRef self = KVProcess::processWithPID(getpid());
-    ASSERT_TRUE(self);
     ProcessSerialNumber reused = self->serialNumber();
     reused.highLongOfPSN += 1;
-
     const KVProcessRef other = KVProcess::processWithSerialNumber(reused);
     ASSERT_TRUE(other);
-    EXPECT_NE(other, self);
-    EXPECT_FALSE(self->isEqual(other));
-    EXPECT_FALSE(other->isStillRunning());
+    EXPECT_FALSE(other == self || self->isEqual(other) || other->isStillRunning());
     EXPECT_EQ(other->signatureString(), "");
-    EXPECT_EQ(other->hash(), self->hash() + 1);
-}
 
-TEST_F(KVProcessLookupTest, CleanupCacheRemovesOnlyRecordsOfEndedProcesses) {
-    const KVProcessRef current = KVProcess::currentProcess();
-    const pid_t survivor = start(KV_TEST_CHILD);
-    const pid_t first = start(KV_TEST_CHILD);
-    const pid_t second = start(KV_TEST_CHILD);
-    const KVProcessRef survivorRecord = KVProcess::processWithPID(survivor);
     // Two dead records side by side: removing one must not skip the next.
-    const KVProcessRef firstRecord = KVProcess::processWithPID(first);
-    const KVProcessRef secondRecord = KVProcess::processWithPID(second);
-    ASSERT_TRUE(survivorRecord && firstRecord && secondRecord);
-    stop(first);
-    stop(second);
-
+    const KVProcessRef dead = launch(KV_TEST_CHILD);
+    ASSERT_TRUE(dead);
+    TestBundle::stop(children.takeLast());
     KVProcess::cleanupCache();
     const QList<KVProcessRef> cached = KVProcess::cachedProcesses();
-    EXPECT_FALSE(cached.contains(firstRecord));
-    EXPECT_FALSE(cached.contains(secondRecord));
-    EXPECT_TRUE(cached.contains(survivorRecord));
-    EXPECT_TRUE(cached.contains(current));
+    EXPECT_FALSE(cached.contains(ended) || cached.contains(dead) || cached.contains(other));
+    EXPECT_TRUE(cached.contains(later) && cached.contains(self));
+
+    // Outside a bundle the executable names the process; the list is the
+    // user's processes in ascending pid order.
+    EXPECT_EQ(later->name(), "kvtest_child");
+    EXPECT_EQ(later->path(), canonical(KV_TEST_CHILD));
+    std::vector<pid_t> pids;
+    for (const KVProcessRef &listed : KVProcess::allProcesses())
+        pids.push_back(pid_t(listed->serialNumber().lowLongOfPSN));
+    EXPECT_EQ(std::adjacent_find(pids.begin(), pids.end(), std::greater_equal<>()), pids.end());
+    EXPECT_NE(std::find(pids.begin(), pids.end(), later->unixPID()), pids.end());
 }
 
-TEST_F(KVProcessBundleTest, NameSignatureAndIdentifierComeFromTheInfoPlist) {
-    const QString code = uniqueSignature();
-    const KVProcessRef process =
+// Names and codes come from the Info.plist; without them, or with a broken
+// one, the executable names the process and the code is unknown.
+TEST_F(KVProcessTest, NamesAndCodesComeFromTheInfoPlistElseFromTheExecutable) {
+    const KVProcessRef writer =
         launchBundle("Writer", {{"CFBundleName", "Velmora Writer"},
                                 {"CFBundleDisplayName", "Writer Pro"},
-                                {"CFBundleSignature", code},
-                                {"CFBundleIdentifier", "org.velmora.writer"}});
-    ASSERT_TRUE(process);
-    EXPECT_EQ(process->name(), "Velmora Writer");
-    EXPECT_EQ(process->displayName(), "Writer Pro");
-    EXPECT_EQ(process->signature(), KVFourCharCode::fromString(code));
-    EXPECT_EQ(process->signatureString(), code);
-    EXPECT_EQ(process->identifier(), "org.velmora.writer");
-    EXPECT_EQ(process->path(), canonical(m_bundle));
-    EXPECT_EQ(process->appName(), "Writer.app");
+                                {"CFBundleSignature", "WrTr"},
+                                {"CFBundleIdentifier", "org.velmora.hashcheck"},
+                                {"CFBundleShortVersionString", "1.2"}});
+    ASSERT_TRUE(writer);
+    EXPECT_EQ(writer->displayName(), "Writer Pro");
+    EXPECT_EQ(writer->appName(), "Writer.app");
+    EXPECT_EQ(writer->hashString(), "4fc2a1c6fd0284bcf31d202eb0b99860");  // id:org.velmora...
+    EXPECT_EQ(writer->description(), "Process \"Velmora Writer\" (WrTr) 1.2");
+    EXPECT_EQ(writer->detailedDescription(), "Velmora Writer V1.2 (WrTr/org.velmora.hashcheck)");
 
-    const QVariantMap info = process->infoDictionary();
-    EXPECT_EQ(info.value("pid").toInt(), process->unixPID());
-    EXPECT_EQ(info.value("BundlePath").toString(), canonical(m_bundle));
-}
-
-TEST_F(KVProcessBundleTest, WithoutBundleNameOrSignatureTheExecutableNamesTheProcess) {
-    const KVProcessRef process =
+    const KVProcessRef tool =
         launchBundle("Tool", {{"CFBundleExecutable", "tool-bin"}, {"CFBundleSignature", "TOOLS"}});
-    ASSERT_TRUE(process);
-    EXPECT_EQ(process->name(), "tool-bin");
-    EXPECT_EQ(process->displayName(), "tool-bin");
-    EXPECT_EQ(process->signature(), 0x3F3F3F3Fu);
-    EXPECT_EQ(process->signatureString(), "????");
-    EXPECT_EQ(process->identifier(), "");
-}
+    ASSERT_TRUE(tool);
+    EXPECT_EQ(tool->displayName(), "tool-bin");
+    EXPECT_EQ(tool->hashStringSource(), "name:tool-bin");
+    EXPECT_EQ(tool->detailedDescription(), "tool-bin V1.0 (?\?\?\?/)");
+    // Bytes from 0x80 up print sign-extended, as readers of the text expect.
+    const KVProcessRef high = launchBundle("High", {{"CFBundleSignature", "AB\u00e9D"}});
+    ASSERT_TRUE(high);
+    EXPECT_EQ(high->signatureHexString(), "4142FFFFFFE944");
+    EXPECT_EQ(high->hashStringSource(), "sig:AB\u00e9D");
 
-TEST_F(KVProcessBundleTest, MalformedInfoPlistFallsBackToTheExecutableName) {
-    const QString folder = TestEnvironment::makeTempDir("broken");
-    const QString bundle = TestBundle::make(folder, "Broken");
-    ASSERT_TRUE(TestEnvironment::writeFile(bundle + "/Contents/Info.plist", "\x89garbage<plist"));
-    const KVProcessRef process = launch(bundle + "/Contents/MacOS/Broken");
+    const QString broken = TestBundle::make(TestEnvironment::makeTempDir("broken"), "Broken");
+    ASSERT_TRUE(TestEnvironment::writeFile(broken + "/Contents/Info.plist", "\x89garbage<plist"));
+    const KVProcessRef process = launch(broken + "/Contents/MacOS/Broken");
     ASSERT_TRUE(process);
     EXPECT_EQ(process->name(), "Broken");
-    EXPECT_EQ(process->path(), canonical(bundle));
+    EXPECT_EQ(process->path(), canonical(broken));
     EXPECT_EQ(process->signatureString(), "????");
-    EXPECT_EQ(process->version(), "1.0");
     EXPECT_FALSE(process->isCocoa());
+    // The system then shows the executable's path with " (deleted)".
+    const KVProcessRef replaced = launchBundle("Replaced");
+    ASSERT_TRUE(replaced && QFile::remove(TestBundle::executableOf(bundle)));
+    EXPECT_EQ(replaced->name(), "Replaced");
+    EXPECT_EQ(replaced->path(), canonical(bundle));
 }
 
-TEST_F(KVProcessBundleTest, AProcessWhoseExecutableWasReplacedKeepsItsNameAndBundle) {
-    const KVProcessRef process = launchBundle("Replaced");
-    ASSERT_TRUE(process);
-    ASSERT_TRUE(QFile::remove(TestBundle::executableOf(m_bundle)));
-    EXPECT_EQ(process->name(), "Replaced");
-    EXPECT_EQ(process->path(), canonical(m_bundle));
-}
-
-TEST_F(KVProcessBundleTest, AProcessOutsideABundleIsKnownByItsExecutable) {
-    const KVProcessRef process = launch(KV_TEST_CHILD);
-    ASSERT_TRUE(process);
-    EXPECT_EQ(process->name(), "kvtest_child");
-    EXPECT_EQ(process->path(), canonical(KV_TEST_CHILD));
-    EXPECT_EQ(process->version(), "1.0");
-    EXPECT_TRUE(process->carbonVersion().isNull());
-    EXPECT_TRUE(KVProcess::allProcesses().contains(process));
-
-    const QVariantMap info = process->infoDictionary();
-    EXPECT_EQ(info.value("CFBundleName").toString(), "kvtest_child");
-    EXPECT_EQ(info.value("CFBundleExecutablePath").toString(), canonical(KV_TEST_CHILD));
-}
-
-TEST_F(KVProcessBundleTest, VersionPrefersADottedShortVersionThenBundleVersionThenOnePointZero) {
-    const std::vector<std::pair<QVariantMap, QString>> cases{
-        {{{"CFBundleShortVersionString", "2.5.1"}, {"CFBundleVersion", "412"}}, "2.5.1"},
-        {{{"CFBundleVersion", "412"}}, "412"},
-        {{{"CFBundleShortVersionString", "2"}, {"CFBundleVersion", "412"}}, "412"},
-        {{{"CFBundleShortVersionString", "2"}}, "1.0"},
-        {{{"CFBundleVersion", 412}}, "1.0"},
-        {{}, "1.0"},
-    };
-    for (const auto &[info, expected] : cases) {
-        const KVProcessRef process = launchBundle("Versioned", info);
+// A short version without a dot is taken for a build number. Cocoa needs a
+// principal class that is a string; booleans may be booleans, numbers or texts.
+TEST_F(KVProcessTest, VersionPlatformAndBackgroundComeFromTheInfoPlist) {
+    // clang-format off
+    const std::tuple<QString, QString, bool, QVariantMap> rows[] = {
+        {"2.5.1", "Carbon", false, {{"CFBundleShortVersionString", "2.5.1"},
+                                    {"CFBundleVersion", "412"}}},
+        {"412",   "Carbon", false, {{"CFBundleShortVersionString", "2"},
+                                    {"CFBundleVersion", "412"}}},
+        {"1.0",   "Cocoa",  true,  {{"CFBundleShortVersionString", "2"},
+                                    {"NSPrincipalClass", "NSApplication"}, {"LSUIElement", "YES"}}},
+        {"1.0",   "Carbon", true,  {{"CFBundleVersion", 412}, {"NSPrincipalClass", 7},
+                                    {"LSBackgroundOnly", false}, {"LSUIElement", 1}}},
+        {"1.0",   "Java",   true,  {{"CFBundleIdentifier", "org.velmora.java.Run"},
+                                    {"LSBackgroundOnly", true}}},
+        {"1.0",   "Carbon", false, {{"LSBackgroundOnly", "0"}, {"LSUIElement", 0}}}};
+    // clang-format on
+    for (const auto &[version, platform, backgroundOnly, info] : rows) {
+        const KVProcessRef process = launchBundle("Probe", info);
         ASSERT_TRUE(process);
-        EXPECT_EQ(process->version(), expected) << expected.toStdString();
+        EXPECT_EQ(process->version(), version);
+        EXPECT_EQ(process->platform(), platform);
+        EXPECT_EQ(process->isBackgroundOnly(), backgroundOnly) << qPrintable(platform);
     }
-}
+    // Components compare as integers; missing ones count as 0.
+    const KVProcessRef process =
+        launchBundle("Versioned", {{"CFBundleShortVersionString", "2.10.0"}});
+    ASSERT_TRUE(process);
+    for (const char *older : {"2.9", "2.10", "2.10.0.0"})
+        EXPECT_TRUE(process->isAtLeastVersion(older)) << older;
+    for (const char *newer : {"2.10.1", "2.11", "10"})
+        EXPECT_FALSE(process->isAtLeastVersion(newer)) << newer;
+    EXPECT_EQ(process->majorVersionNumber(), 2);
 
-TEST_F(KVProcessBundleTest, IsAtLeastVersionComparesComponentsAsIntegers) {
-    const KVProcessRef threePart = launchBundle("Three", {{"CFBundleShortVersionString", "2.1.0"}});
-    const KVProcessRef twoTen = launchBundle("TwoTen", {{"CFBundleShortVersionString", "2.10"}});
-    ASSERT_TRUE(threePart && twoTen);
-
-    EXPECT_TRUE(threePart->isAtLeastVersion("2.1"));
-    EXPECT_TRUE(threePart->isAtLeastVersion("2.1.0.0"));
-    EXPECT_FALSE(threePart->isAtLeastVersion("2.1.1"));
-    EXPECT_TRUE(twoTen->isAtLeastVersion("2.9"));
-    EXPECT_FALSE(twoTen->isAtLeastVersion("2.11"));
-    EXPECT_FALSE(twoTen->isAtLeastVersion("10"));
-    EXPECT_EQ(twoTen->majorVersionNumber(), 2);
-}
-
-TEST_F(KVProcessBundleTest, HashStringSourcePrefersIdentifierThenSignatureThenName) {
-    const QString code = uniqueSignature();
-    const KVProcessRef withIdentifier = launchBundle(
-        "Hashed", {{"CFBundleIdentifier", "org.velmora.hashcheck"}, {"CFBundleSignature", code}});
-    const KVProcessRef withSignature = launchBundle("Signed", {{"CFBundleSignature", code}});
-    const KVProcessRef nameOnly = launchBundle("Nameless", {{"CFBundleName", "Velmora Notes"}});
-    ASSERT_TRUE(withIdentifier && withSignature && nameOnly);
-
-    EXPECT_EQ(withIdentifier->hashStringSource(), "id:org.velmora.hashcheck");
-    EXPECT_EQ(withIdentifier->hashString(), "4fc2a1c6fd0284bcf31d202eb0b99860");
-    EXPECT_EQ(withSignature->hashStringSource(), "sig:" + code);
-    EXPECT_EQ(nameOnly->hashStringSource(), "name:Velmora Notes");
-}
-
-TEST_F(KVProcessBundleTest, SignatureHexStringSignExtendsBytesFrom0x80Up) {
-    const KVProcessRef plain = launchBundle("Hex", {{"CFBundleSignature", "ABCD"}});
-    const KVProcessRef high = launchBundle("HighHex", {{"CFBundleSignature", "AB\u00e9D"}});
-    ASSERT_TRUE(plain && high);
-    EXPECT_EQ(plain->signatureHexString(), "41424344");
-
-    const int third = int((high->signature() >> 8) & 0xFF);
-    ASSERT_GE(third, 0x80);
-    EXPECT_EQ(high->signatureHexString(),
-              "4142FFFFFF" + QString::number(third, 16).toUpper() + "44");
-}
-
-// Cocoa needs a principal class that is a string; booleans may be stored as
-// booleans, numbers or texts.
-TEST_F(KVProcessBundleTest, PlatformAndBackgroundOnlyComeFromTheInfoPlist) {
-    struct Case {
-        QVariantMap info;
-        QString platform;
-        bool backgroundOnly;
-    };
-    const std::vector<Case> cases{
-        {{{"NSPrincipalClass", "NSApplication"}, {"LSUIElement", "YES"}}, "Cocoa", true},
-        {{{"NSPrincipalClass", 7}, {"LSBackgroundOnly", false}, {"LSUIElement", 1}},
-         "Carbon",
-         true},
-        {{{"CFBundleIdentifier", "org.velmora.java.Run"}, {"LSBackgroundOnly", true}},
-         "Java",
-         true},
-        {{{"LSBackgroundOnly", "0"}, {"LSUIElement", 0}}, "Carbon", false},
-    };
-    for (const Case &c : cases) {
-        const KVProcessRef process = launchBundle("Flagged", c.info);
-        ASSERT_TRUE(process);
-        EXPECT_EQ(process->platform(), c.platform);
-        EXPECT_EQ(process->isBackgroundOnly(), c.backgroundOnly) << c.platform.toStdString();
-    }
-}
-
-TEST(KVProcessVersResourceTest, DecodesFromTheFarEndWithStageLetterAndRevision) {
-    const auto decode = [](int revision, int stage, int minorAndBug, int major) {
-        QByteArray bytes;
-        for (int byte : {revision, stage, minorAndBug, major}) bytes.append(char(byte));
-        return KVProcess::versionFromVersResource(bytes + "\xff");
-    };
-    EXPECT_EQ(decode(0, 0x80, 0x10, 0x01), "1.1");
-    EXPECT_EQ(decode(0, 0x80, 0x25, 0x12), "12.2.5");
-    EXPECT_EQ(decode(17, 0x20, 0x00, 0x09), "9.0d17");
-    EXPECT_EQ(decode(2, 0x40, 0x30, 0x01), "1.3a2");
-    EXPECT_EQ(decode(3, 0x60, 0x25, 0x12), "12.2.5b3");
-    // Final and unknown stages have no letter: the number follows directly.
-    EXPECT_EQ(decode(7, 0x80, 0x10, 0x01), "1.17");
-    EXPECT_EQ(decode(5, 0x41, 0x10, 0x01), "1.15");
+    // Read from the far end: revision, stage, minor and bug-fix, major. Final
+    // and unknown stages have no letter before the revision.
+    const std::pair<const char *, const char *> resources[] = {{"00801001", "1.1"},
+                                                               {"03602512", "12.2.5b3"},
+                                                               {"11200009", "9.0d17"},
+                                                               {"07801001", "1.17"},
+                                                               {"05411001", "1.15"}};
+    for (const auto &[hex, expected] : resources)
+        EXPECT_EQ(KVProcess::versionFromVersResource(QByteArray::fromHex(hex) + '\xff'), expected);
     EXPECT_TRUE(KVProcess::versionFromVersResource("\x01\x02\x03").isNull());
+}
+
+// SIGTERM every millisecond until the time-out, then SIGKILL. The log lines
+// are fixed byte for byte but for the time and count.
+TEST_F(KVProcessTest, QuitTerminatesFirstAndKillsAfterTheTimeout) {
+    const KVProcessRef polite = launchBundle("Polite");
+    const KVProcessRef stubborn = launchBundle("Stubborn", {}, {"--ignore-term"});
+    ASSERT_TRUE(polite && stubborn);
+    LogCapture log;
+    polite->quit();  // no fallback event after a success
+    EXPECT_TRUE(stubborn->quitRunningApplicationWithTimeout(0.2f));
+    static const QRegularExpression numbers("\\d+\\.\\d{3}s \\(\\d+ attempts\\)");
+    EXPECT_EQ(log.messages().replaceInStrings(numbers, "Ts (N attempts)"),
+              (QStringList{"quit Polite: terminated after Ts (N attempts)",
+                           "force-quit Stubborn: terminated after Ts (N attempts)"}));
+    EXPECT_FALSE(polite->isStillRunning());
+    EXPECT_TRUE(wasKilled(children.takeLast()));
+}
+
+// A zero time-out sends nothing; an ended process has no pid, and the
+// fallback event to it fails with a logged code, as do events to a process
+// without receiver. forceQuit kills at once.
+TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
+    const KVProcessRef untouched = launchBundle("Untouched", {}, {"--ignore-term"});
+    const KVProcessRef gone = launchBundle("Gone");
+    ASSERT_TRUE(untouched && gone && !gone->name().isEmpty());  // fetched while it runs
+    TestBundle::stop(children.takeLast());
+    LogCapture log;
+    EXPECT_FALSE(untouched->quitRunningApplicationWithTimeout(0.0f));
+    EXPECT_TRUE(untouched->isStillRunning());
+    EXPECT_FALSE(gone->quitRunningApplicationWithTimeout(1.0f));
+    gone->quit();
+    // An ended process's launch date is the time of the call.
+    EXPECT_LE(qAbs(gone->launchDate().msecsTo(QDateTime::currentDateTime())), 2000);
+    EXPECT_EQ(gone->cpuTime(), 0.0);
+    untouched->sendAppleEventClass(0x54455354, 0x45636866);
+    untouched->sendAppleEventClass(0x54455354, 0x45636866, 0.5f);
+    untouched->sendAppleEventClass(0x54455354, 0x45636866, QString("text"));  // unreported
+    EXPECT_EQ(log.messages(), (QStringList{"quitting Untouched failed", "cannot quit Gone: no pid",
+                                           "cannot quit Gone: no pid",
+                                           "quitting Gone failed (-600; could not send event)",
+                                           "*** Cannot get launch date for Gone",
+                                           "*** event error: -600", "*** event error: -600"}));
+    untouched->forceQuit();
+    EXPECT_TRUE(wasKilled(children.takeLast()));
+    gone->forceQuit();  // pid 0: nothing is run
+}
+
+TEST_F(KVProcessTest, TimesComeFromTheSystemAndTheDiagnosticsListIsSorted) {
+    const QDateTime before = QDateTime::currentDateTime().addSecs(-2);
+    const KVProcessRef late = launchBundle("Late");
+    ASSERT_TRUE(late);
+    EXPECT_GE(late->launchDate(), before);
+    EXPECT_LE(late->launchDate(), QDateTime::currentDateTime().addSecs(1));
+    const double cpu = proc_cpu_time(getpid());
+    for (const QDateTime until = QDateTime::currentDateTime().addMSecs(300);
+         QDateTime::currentDateTime() < until;) {
+    }
+    EXPECT_GT(proc_cpu_time(getpid()), cpu);
+    EXPECT_EQ(proc_cpu_time(999999999) + proc_start_time(999999999), 0.0);
+
+    // Foreground and background apart, each sorted without regard to case.
+    launchBundle("zeta fore");
+    launchBundle("Alpha fore");
+    launchBundle("Agent", {{"LSUIElement", true}});
+    const QString report = KVProcess::processListForDiagnosticsReport();
+    const qsizetype background = report.indexOf("\n\nBackground processes:\n");
+    EXPECT_TRUE(report.startsWith("Foreground processes:\n") && report.endsWith('\n'));
+    const qsizetype alpha = report.indexOf("Alpha fore V1.0");
+    const qsizetype zeta = report.indexOf("zeta fore V1.0");
+    EXPECT_TRUE(alpha > 0 && alpha < zeta && zeta < background) << qPrintable(report);
+    EXPECT_GT(report.indexOf("Agent V1.0"), background);
 }
 
 }  // namespace

@@ -1,7 +1,12 @@
+// InstallApplication against real files and the real trash, called directly
+// and through the tool "train" run as a real program. The product goes from a
+// "volume" folder into an "Applications" folder below the test's private root;
+// the trash is the private home's, emptied before each test.
 #include <gtest/gtest.h>
 
 #include <QDir>
 #include <QFileInfo>
+#include <QProcess>
 
 #include "InstallFunction.h"
 #include "LogCapture.h"
@@ -9,116 +14,113 @@
 #include "TestFiles.h"
 
 namespace {
-// A product on a "volume" folder installed into an "Applications" folder, all
-// below the test's private root; the trash is the private home's, emptied
-// before each test.
-class InstallApplicationTest : public testing::Test {
+
+// The product comes inside a wrapper folder with auxiliary items and a
+// product of its own (marked "wrapper's"); the source beside it is newer. The
+// non-ASCII name checks that paths travel unchanged, through the tool too.
+class InstallTest : public testing::Test {
 protected:
     void SetUp() override {
         QDir(trash).removeRecursively();
         ASSERT_FALSE(TestFiles::makeProduct(source, "new").isNull());
+        ASSERT_FALSE(TestFiles::makeProduct(wrapper + "/" + name, "wrapper's").isNull());
+        ASSERT_TRUE(TestFiles::makeFile(wrapper + "/Read Me.txt", "new read me", 0644));
+        ASSERT_TRUE(TestFiles::makeFile(wrapper + "/bin/tool", "#!/bin/sh\n", 0755));
+        ASSERT_TRUE(TestFiles::makeFile(wrapper + "/.hidden", "h", 0600));
         QDir().mkpath(applications);
     }
 
     QStringList trashed() const {
         return QDir(trash + "/files").entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
     }
-
-    const QString trash = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash";
-    const QString folder = TestEnvironment::makeTempDir("install");
-    const QString volume = folder + "/Volume";
-    const QString source = volume + "/Product.app";
-    const QString applications = folder + "/Applications";
-    const QString destination = applications + "/Product.app";
-    TestFiles::ImmutableItems locks;
-};
-
-TEST_F(InstallApplicationTest, InstallsAnIdenticalCopyWhenNothingIsThere) {
-    const QString rich = TestFiles::makeRichBundle(volume, "Rich");
-    ASSERT_FALSE(rich.isNull());
-    const QStringList before = TestFiles::snapshot(rich);
-    LogCapture log;
-
-    EXPECT_EQ(InstallApplication(rich, applications + "/Rich.app", QString()), 0);
-    EXPECT_EQ(TestFiles::snapshot(applications + "/Rich.app"), before);
-    EXPECT_TRUE(log.messages().isEmpty()) << qPrintable(log.text());
-    EXPECT_TRUE(trashed().isEmpty());
-}
-
-TEST_F(InstallApplicationTest, MovesAnExistingCopyToTheTrashAndCopiesTheProduct) {
-    TestFiles::makeProduct(destination, "old");
-    const QStringList product = TestFiles::snapshot(source);
-    LogCapture log;
-
-    EXPECT_EQ(InstallApplication(source, destination, QString()), 0);
-    EXPECT_EQ(TestFiles::snapshot(destination), product);
-    EXPECT_EQ(trashed(), QStringList{"Product.app"});
-    EXPECT_EQ(TestFiles::markerOf(trash + "/files/Product.app"), "old");
-    EXPECT_TRUE(log.messages().isEmpty()) << qPrintable(log.text());
-}
-
-TEST_F(InstallApplicationTest, AnExistingCopyThatCannotBeTrashedIsLoggedTwiceAndNothingIsCopied) {
-    TestFiles::makeProduct(destination, "old");
-    if (!locks.lock(destination)) GTEST_SKIP() << "chattr +i needs root";
-    LogCapture log;
-
-    EXPECT_EQ(InstallApplication(source, destination, QString()), 1);
-    EXPECT_EQ(log.messages(), (QStringList{"ERROR -- Could not trash '" + destination + "'",
-                                           "ERROR -- Could not trash existing " + destination}));
-    EXPECT_EQ(TestFiles::markerOf(destination), "old");
-    EXPECT_TRUE(trashed().isEmpty());
-}
-
-TEST_F(InstallApplicationTest, AFailedCopyLeavesTheOldCopyInTheTrashAndNothingInPlace) {
-    TestFiles::makeProduct(destination, "old");
-    LogCapture log;
-
-    EXPECT_EQ(InstallApplication(volume + "/Missing.app", destination, QString()), 2);
-    EXPECT_EQ(log.messages(), QStringList{"ERROR -- Could not copy myself to " + destination});
-    EXPECT_FALSE(QFileInfo::exists(destination));
-    EXPECT_EQ(TestFiles::markerOf(trash + "/files/Product.app"), "old");
-}
-
-// The product comes inside a wrapper folder with auxiliary items and a
-// product of its own (marked "wrapper's"); the source beside it is newer.
-class WrapperInstallTest : public InstallApplicationTest {
-protected:
-    void SetUp() override {
-        InstallApplicationTest::SetUp();
-        ASSERT_FALSE(TestFiles::makeProduct(wrapper + "/Product.app", "wrapper's").isNull());
-        ASSERT_TRUE(TestFiles::makeFile(wrapper + "/Read Me.txt", "new read me", 0644));
-        ASSERT_TRUE(TestFiles::makeFile(wrapper + "/bin/tool", "#!/bin/sh\n", 0755));
-        ASSERT_TRUE(TestFiles::makeFile(wrapper + "/.hidden", "h", 0600));
-    }
-
+    QByteArray trashedMarker() const { return TestFiles::markerOf(trash + "/files/" + name); }
     // The auxiliary items below the folder. Taken of the wrapper before the
     // install, as copying changes the originals' access times.
     static QStringList auxiliaryItems(const QString &folder) {
         QStringList lines;
-        for (const QString name : {"Read Me.txt", "bin", ".hidden"})
-            lines << name << TestFiles::snapshot(folder + "/" + name);
+        for (const QString item : {"Read Me.txt", "bin", ".hidden"})
+            lines << item << TestFiles::snapshot(folder + "/" + item);
         return lines;
     }
 
-    const QString wrapper = volume + "/Product Folder";
+    struct Run {
+        int status = -1;  // -1: it did not end normally
+        QString errors;
+    };
+    // The tool, with the test's private home in its environment.
+    Run train(const QStringList &arguments) const {
+        QProcess process;
+        process.setWorkingDirectory(folder);  // where relative paths would land
+        process.start(KV_TRAIN_TOOL, arguments);
+        Run result;
+        if (process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit)
+            result.status = process.exitCode();
+        result.errors = QString::fromUtf8(process.readAllStandardError());
+        return result;
+    }
+
+    const QString trash = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash";
+    const QString name = "Prodüct 2.app";
+    const QString folder = TestEnvironment::makeTempDir("install");
+    const QString source = folder + "/Volume/" + name;
+    const QString wrapper = folder + "/Volume/Product Folder";
+    const QString applications = folder + "/Applications";
+    const QString destination = applications + "/" + name;
     const QString installed = applications + "/Product Folder";
-    const QString wrappedDestination = installed + "/Product.app";
+    const QString wrappedDestination = installed + "/" + name;
+    TestFiles::ImmutableItems locks;
 };
 
-TEST_F(WrapperInstallTest, ANewWrapperIsCopiedWholeAndItsProductReplacedFromTheSource) {
-    const QStringList auxiliary = auxiliaryItems(wrapper);
-    const QStringList product = TestFiles::snapshot(source);
-    LogCapture log;
-
-    EXPECT_EQ(InstallApplication(source, wrappedDestination, wrapper), 0);
-    EXPECT_EQ(auxiliaryItems(installed), auxiliary);
-    EXPECT_EQ(TestFiles::snapshot(wrappedDestination), product);
-    EXPECT_EQ(trashed(), QStringList{"Product.app"});
-    EXPECT_EQ(TestFiles::markerOf(trash + "/files/Product.app"), "wrapper's");
-    EXPECT_TRUE(log.messages().isEmpty()) << qPrintable(log.text());
+// Links, permissions, times with nanoseconds and extended attributes survive;
+// the copy that was there goes to the trash.
+TEST_F(InstallTest, TrainInstallsAnIdenticalCopyAndTrashesTheOldOne) {
+    const QString rich = TestFiles::makeRichBundle(folder + "/Volume", "Rich");
+    ASSERT_FALSE(rich.isNull());
+    const QString target = applications + "/Rich.app";
+    TestFiles::makeProduct(target, "old");
+    const QStringList before = TestFiles::snapshot(rich);
+    const Run result = train({rich, target});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(TestFiles::snapshot(target), before);
+    EXPECT_EQ(trashed(), QStringList{"Rich.app"});
+    EXPECT_EQ(TestFiles::markerOf(trash + "/files/Rich.app"), "old");
 }
 
-TEST_F(WrapperInstallTest, AnInstalledWrappersItemsAreDeletedAndCopiedAnew) {
+// Running as root, the tool takes two or three absolute paths and nothing else.
+TEST_F(InstallTest, TrainRejectsWrongArgumentsWithUsageAndTouchesNothing) {
+    const QStringList before = TestFiles::snapshot(folder);
+    const QList<QStringList> vectors = {{},
+                                        {source},
+                                        {source, destination, wrapper, folder + "/extra"},
+                                        {"Volume/" + name, destination},
+                                        {source, "Applications/" + name},
+                                        {"", destination},
+                                        {source, destination, ""}};
+    for (const QStringList &arguments : vectors) {
+        const Run result = train(arguments);
+        EXPECT_EQ(result.status, 64) << qPrintable(arguments.join(" | "));
+        EXPECT_EQ(result.errors, "usage: train source-path destination-path [wrapper-path]\n");
+    }
+    EXPECT_EQ(TestFiles::snapshot(folder), before);
+}
+
+// The wrapper's own product is copied with it, then trashed for the source.
+TEST_F(InstallTest, TrainCopiesANewWrapperWholeAndReplacesItsProduct) {
+    const QStringList auxiliary = auxiliaryItems(wrapper);
+    const QStringList product = TestFiles::snapshot(source);
+    const Run result = train({source, wrappedDestination, wrapper});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(auxiliaryItems(installed), auxiliary);
+    EXPECT_EQ(TestFiles::snapshot(wrappedDestination), product);
+    EXPECT_EQ(trashed(), QStringList{name});
+    EXPECT_EQ(trashedMarker(), "wrapper's");
+}
+
+// Installed auxiliary items are deleted, not trashed; items the wrapper does
+// not have stay.
+TEST_F(InstallTest, AnInstalledWrappersItemsAreDeletedAndCopiedAnew) {
     TestFiles::makeFile(installed + "/Read Me.txt", "old read me", 0644);
     TestFiles::makeFile(installed + "/bin/stale-tool", "old", 0755);
     TestFiles::makeFile(installed + "/Not In Wrapper", "kept", 0644);
@@ -126,38 +128,44 @@ TEST_F(WrapperInstallTest, AnInstalledWrappersItemsAreDeletedAndCopiedAnew) {
     const QStringList auxiliary = auxiliaryItems(wrapper);
     const QStringList product = TestFiles::snapshot(source);
     LogCapture log;
-
     EXPECT_EQ(InstallApplication(source, wrappedDestination, wrapper), 0);
     EXPECT_EQ(auxiliaryItems(installed), auxiliary);
     EXPECT_TRUE(QFileInfo::exists(installed + "/Not In Wrapper"));
     EXPECT_EQ(TestFiles::snapshot(wrappedDestination), product);
-    // The installed product was deleted with the auxiliary items; only the
-    // wrapper's product, copied in its place, went to the trash.
-    EXPECT_EQ(trashed(), QStringList{"Product.app"});
-    EXPECT_EQ(TestFiles::markerOf(trash + "/files/Product.app"), "wrapper's");
+    EXPECT_EQ(trashed(), QStringList{name});
+    EXPECT_EQ(trashedMarker(), "wrapper's");
     EXPECT_TRUE(log.messages().isEmpty()) << qPrintable(log.text());
 }
 
-TEST_F(WrapperInstallTest, AnAuxiliaryItemThatCannotBeDeletedIsLoggedAndItsCopyEndsTheRun) {
+// A failed copy ends the run with its own line; what was trashed stays there.
+// An item that can be neither trashed nor deleted (immutable) ends it too;
+// the trash failure is written twice, in this order, and nothing is copied.
+TEST_F(InstallTest, ACopyThatFailsEndsTheRunWithItsLogLines) {
+    TestFiles::makeProduct(destination, "old");
+    const QString missing = folder + "/Missing/Product Folder";
+    {
+        LogCapture log;
+        EXPECT_EQ(InstallApplication(folder + "/Volume/Missing.app", destination, QString()), 2);
+        EXPECT_EQ(InstallApplication(source, missing + "/" + name, wrapper), 2);
+        EXPECT_EQ(log.messages(), (QStringList{"ERROR -- Could not copy myself to " + destination,
+                                               "ERROR -- Could not copy wrapper to " + missing}));
+        EXPECT_FALSE(QFileInfo::exists(destination) || QFileInfo::exists(missing));
+        EXPECT_EQ(trashedMarker(), "old");
+    }
     const QString target = installed + "/Read Me.txt";
     TestFiles::makeFile(target, "old read me", 0644);
     TestFiles::makeProduct(wrappedDestination, "installed");
-    if (!locks.lock(target)) GTEST_SKIP() << "chattr +i needs root";
+    TestFiles::makeProduct(destination, "locked");
+    if (!locks.lock(target) || !locks.lock(destination)) GTEST_SKIP() << "chattr +i needs root";
     LogCapture log;
-
     EXPECT_EQ(InstallApplication(source, wrappedDestination, wrapper), 2);
+    EXPECT_EQ(InstallApplication(source, destination, QString()), 1);
     EXPECT_EQ(log.messages(), (QStringList{"ERROR -- Could not delete " + target,
-                                           "ERROR -- Could not copy auxiliary item to " + target}));
+                                           "ERROR -- Could not copy auxiliary item to " + target,
+                                           "ERROR -- Could not trash '" + destination + "'",
+                                           "ERROR -- Could not trash existing " + destination}));
     EXPECT_NE(TestFiles::markerOf(wrappedDestination), "new");
+    EXPECT_EQ(TestFiles::markerOf(destination), "locked");
 }
 
-TEST_F(WrapperInstallTest, AWrapperThatCannotBeCopiedEndsTheRun) {
-    const QString missing = folder + "/Missing";
-    LogCapture log;
-
-    EXPECT_EQ(InstallApplication(source, missing + "/Product Folder/Product.app", wrapper), 2);
-    EXPECT_EQ(log.messages(),
-              QStringList{"ERROR -- Could not copy wrapper to " + missing + "/Product Folder"});
-    EXPECT_FALSE(QFileInfo::exists(missing));
-}
 }  // namespace
