@@ -319,13 +319,6 @@ double SoundServer::peak(const QVector<float> &samples) {
     return loudest;
 }
 
-double SoundServer::rms(const QVector<float> &samples) {
-    if (samples.isEmpty()) return 0.0;
-    double sum = 0.0;
-    for (float sample : samples) sum += double(sample) * sample;
-    return std::sqrt(sum / samples.size());
-}
-
 int SoundServer::countSounds(const QVector<float> &samples, double threshold,
                              double minimumGapSeconds) {
     const qsizetype minimumGap = qsizetype(minimumGapSeconds * kSampleRate);

@@ -45,7 +45,6 @@ public:
     QVector<float> stopCapture(const QString &sink = kSinkName, int settleMilliseconds = 500);
 
     static double peak(const QVector<float> &samples);
-    static double rms(const QVector<float> &samples);
     // Separate sounds: stretches louder than the threshold, apart by at least
     // minimumGapSeconds of quieter samples.
     static int countSounds(const QVector<float> &samples, double threshold = 0.01,
