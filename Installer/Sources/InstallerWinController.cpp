@@ -87,7 +87,8 @@ InstallerWinController::InstallerWinController(const QStringList &argv,
 }
 
 InstallerWinController::~InstallerWinController() {
-    // The event handler calls back into this object.
+    // The event handler calls back into this object: installed, then removed.
+    if (m_eventsInstalling.valid()) m_eventsInstalling.wait();
     if (m_receivesDoneEvents)
         KVAppleEventManager::sharedManager().removeEventHandler(KVFourCharCode::fromString("SinS"),
                                                                 KVFourCharCode::fromString("Done"));
@@ -195,6 +196,7 @@ int InstallerWinController::loadReadMe() {
 }
 
 void InstallerWinController::completeWindow() {
+    if (m_eventsInstalling.valid()) m_eventsInstalling.get();
     showIcon();
     m_ui.installLayout->setEnabled(true);
 }
@@ -357,9 +359,13 @@ void InstallerWinController::installationFinished(const QString &message) {
 }
 
 void InstallerWinController::installAppleEvents() {
-    KVAppleEventManager::sharedManager().setEventHandler(
-        KVFourCharCode::fromString("SinS"), KVFourCharCode::fromString("Done"),
-        [this](const QString &text) { installationDone(text); });
+    // Taking the name on the session bus waits on the bus more than once; it
+    // runs beside the set-up and is awaited before the window shows.
+    m_eventsInstalling = std::async(std::launch::async, [this] {
+        KVAppleEventManager::sharedManager().setEventHandler(
+            KVFourCharCode::fromString("SinS"), KVFourCharCode::fromString("Done"),
+            [this](const QString &text) { installationDone(text); });
+    });
     m_receivesDoneEvents = true;
     kvLog("AppleEvents installed");
 }

@@ -128,8 +128,8 @@ private:
     // The product icon: read on another thread, shown when the window shows.
     void readIcon();
     void showIcon();
-    // What the set-up left for the window's first showing: the icon, and the
-    // install page's layout.
+    // What the set-up left for the window's first showing: the event handler,
+    // the icon, and the install page's layout.
     void completeWindow();
     void showTexts();
     int loadReadMe();
@@ -154,6 +154,7 @@ private:
     QString m_minSystemVersion;
     bool m_systemAcceptable = true;
     std::future<QImage> m_iconReading;
+    std::future<void> m_eventsInstalling;
     bool m_finished = false;
     bool m_optionKeyDown = false;
     bool m_receivesDoneEvents = false;
