@@ -150,16 +150,19 @@ void InstallerWinController::readIcon() {
         QImage image;
         if (!iconPath.isEmpty()) image = readImage(iconPath);
         if (image.isNull() && !bundleIconPath.isNull()) image = readImage(bundleIconPath);
-        // The screen's format, so that making the pixmap is a plain copy.
-        return image.convertToFormat(image.hasAlphaChannel() ? QImage::Format_ARGB32_Premultiplied
-                                                             : QImage::Format_RGB32);
+        // The screen's format, converted in place, so that the pixmap can
+        // take the pixels over as they are.
+        image.convertTo(image.hasAlphaChannel() ? QImage::Format_ARGB32_Premultiplied
+                                                : QImage::Format_RGB32);
+        return image;
     });
 }
 
 void InstallerWinController::showIcon() {
     if (!m_iconReading.valid()) return;
-    const QImage image = m_iconReading.get();
-    QPixmap pixmap = image.isNull() ? QPixmap() : QPixmap::fromImage(image, Qt::NoOpaqueDetection);
+    QImage image = m_iconReading.get();
+    QPixmap pixmap =
+        image.isNull() ? QPixmap() : QPixmap::fromImage(std::move(image), Qt::NoOpaqueDetection);
     if (pixmap.isNull()) {
         const QIcon icon =
             KVWorkspace::iconForFile(m_arguments.value(KVInstallerKeySourcePath).toString());
