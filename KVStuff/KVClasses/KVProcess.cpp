@@ -4,11 +4,9 @@
 #include <QElapsedTimer>
 #include <QStringList>
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <thread>
 
 #include "KVAppleEvent.h"
 #include "KVFileManager.h"
@@ -483,9 +481,9 @@ bool KVProcess::quitRunningApplicationWithTimeout(float timeout) {
                 kvLog(QLatin1String(stoppedLine), processName, elapsed(), attempts + 1);
                 return true;
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            const bool exited = handle.waitForExit(1);
             ++attempts;
-            if (handle.hasExited()) {
+            if (exited) {
                 kvLog(QLatin1String(terminatedLine), processName, elapsed(), attempts);
                 return true;
             }

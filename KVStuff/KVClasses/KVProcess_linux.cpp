@@ -11,10 +11,12 @@
 #include <QFileInfo>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "KVBundle.h"
@@ -295,12 +297,16 @@ bool KVProcessPrivate::QuitHandle::terminate() { return signal(SIGTERM); }
 
 bool KVProcessPrivate::QuitHandle::forceTerminate() { return signal(SIGKILL); }
 
-bool KVProcessPrivate::QuitHandle::hasExited() const {
+bool KVProcessPrivate::QuitHandle::waitForExit(int milliseconds) const {
     if (m_pid <= 0) return true;
-    if (m_fd < 0) return runningPID(m_psn) == 0;
-    // A pidfd becomes readable when its process has exited.
+    if (m_fd < 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+        return runningPID(m_psn) == 0;
+    }
+    // A pidfd becomes readable when its process has exited: one call both
+    // waits and tells, and wakes the moment the process ends.
     pollfd watch{m_fd, POLLIN, 0};
-    return poll(&watch, 1, 0) == 1;
+    return poll(&watch, 1, milliseconds) == 1;
 }
 
 void KVProcessPrivate::wakeUp(pid_t pid) {

@@ -58,8 +58,9 @@ public:
     // delivered: the process is taken to be gone.
     bool terminate();
     bool forceTerminate();
-    // Ended, an unreaped zombie included.
-    bool hasExited() const;
+    // Waits up to the time for the process to end, an unreaped zombie
+    // included; whether it has.
+    bool waitForExit(int milliseconds) const;
 
 private:
     bool signal(int number);
