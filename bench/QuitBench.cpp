@@ -16,17 +16,12 @@
 #include <ctime>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "KVProcess.h"
 
 extern char **environ;
 
 namespace {
-
-int64_t nanoseconds(clockid_t clock) {
-    timespec t;
-    clock_gettime(clock, &t);
-    return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec;
-}
 
 // Starts the child and waits for its "ready".
 pid_t startChild(bool ignoreTerm, int exitFd) {

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "InstallerWinController.h"
 #include "KVFileManager.h"
 #include "KVPropertyList.h"
@@ -37,11 +38,6 @@ QString makeProduct(const QString &folder) {
     icon.fill(Qt::darkBlue);
     icon.save(bundle + "/Contents/Resources/Product.png");
     return bundle;
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
 }
 
 }  // namespace

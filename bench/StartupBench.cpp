@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "BareWindow.h"
+#include "BenchSupport.h"
 #include "InstallerWinController.h"
 #include "InstallerWindow.h"
 #include "KVBundle.h"
@@ -29,12 +30,6 @@
 
 namespace {
 
-qint64 monotonicNanoseconds() {
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return qint64(t.tv_sec) * 1000000000 + t.tv_nsec;
-}
-
 // The parent's pipe, kept aside: the installer sends both standard streams
 // to its log file when it starts with arguments.
 int reportChannel = -1;
@@ -42,8 +37,7 @@ int reportChannel = -1;
 void report() {
     rusage usage;
     getrusage(RUSAGE_SELF, &usage);
-    dprintf(reportChannel, "%lld %ld\n", static_cast<long long>(monotonicNanoseconds()),
-            usage.ru_maxrss);
+    dprintf(reportChannel, "%lld %ld\n", static_cast<long long>(nanoseconds()), usage.ru_maxrss);
     std::_Exit(0);
 }
 
@@ -94,17 +88,12 @@ struct Sample {
 
 Sample measure(const QString &mode, const QString &folder) {
     QProcess process;
-    const qint64 start = monotonicNanoseconds();
+    const qint64 start = nanoseconds();
     process.start(QCoreApplication::applicationFilePath(), {"--child", mode, folder});
     process.waitForFinished(30000);
     const QList<QByteArray> words = process.readAllStandardOutput().trimmed().split(' ');
     if (words.size() != 2) return {-1, 0};
     return {double(words[0].toLongLong() - start) / 1e6, words[1].toLong()};
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
 }
 
 }  // namespace
