@@ -9,20 +9,12 @@
 #include <memory>
 
 #include "DateExtensions_p.h"
+#include "KVICU_p.h"
 
 namespace {
 
 QDateTime inZone(const QDateTime &date, const QTimeZone &zone) {
     return zone.isValid() ? date.toTimeZone(zone) : date.toLocalTime();
-}
-
-icu::UnicodeString toUnicodeString(const QString &text) {
-    return icu::UnicodeString(reinterpret_cast<const char16_t *>(text.utf16()),
-                              int32_t(text.size()));
-}
-
-QString fromUnicodeString(const icu::UnicodeString &text) {
-    return QString(reinterpret_cast<const QChar *>(text.getBuffer()), text.length());
 }
 
 icu::Locale icuLocale(const QLocale &locale) {

@@ -53,15 +53,12 @@ std::optional<float> floatValue(const QVariant &object) {
 
 void SoundExtensions::playAsSoundEffect(KVSound &sound) {
     const bool log = KVUserDefaults::standardUserDefaults().boolForKey(QStringLiteral("soundLog"));
-    QString uid;
     if (log) {
         kvLog(QStringLiteral("playAsSoundEffect: %@"), sound.description());
         listAudioDevices();
-        uid = systemAudioDeviceID();
-        kvLog(QStringLiteral("+SL: soundEffectID=%@"), uid);
-    } else {
-        uid = systemAudioDeviceID();
     }
+    const QString uid = systemAudioDeviceID();
+    if (log) kvLog(QStringLiteral("+SL: soundEffectID=%@"), uid);
     if (!uid.isNull()) {
         if (log) kvLog(QStringLiteral("+SL: setPlaybackDeviceIdentifier:%@"), uid);
         QString error;
@@ -162,16 +159,12 @@ void SoundExtensions::prepareForSound() {
 }
 
 void SoundExtensions::playSilentSoundThread() {
-    static std::mutex classLock;
-    // Never released: it lives as long as the process.
-    static auto *silentSound = new std::shared_ptr<KVSound>;
-    std::lock_guard guard(classLock);
-    if (!*silentSound) {
-        *silentSound = KVSound::soundNamed(QStringLiteral("SoundOfSilence"));
-        if (*silentSound) (*silentSound)->setVolume(0.01f);
-    }
-    // A missing sound is looked for again on the next call.
-    if (*silentSound) playAsSoundEffect(**silentSound);
+    // The named sound is kept for the process's life; a missing one is
+    // looked for again on the next call.
+    const std::shared_ptr<KVSound> silence = KVSound::soundNamed(QStringLiteral("SoundOfSilence"));
+    if (!silence) return;
+    silence->setVolume(0.01f);
+    playAsSoundEffect(*silence);
 }
 
 // ---- Test seams ----

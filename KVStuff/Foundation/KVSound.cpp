@@ -12,8 +12,10 @@
 #include <QMediaDevices>
 #include <QThread>
 #include <QTimer>
+#include <QtEndian>
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <optional>
 
@@ -27,12 +29,6 @@
 // keeps the device it loaded for. A WAV file is small enough to hold whole.
 
 namespace {
-
-quint32 littleEndian(const char *bytes, int count) {
-    quint32 value = 0;
-    for (int i = count - 1; i >= 0; --i) value = (value << 8) | static_cast<quint8>(bytes[i]);
-    return value;
-}
 
 struct Wave {
     QAudioFormat format;
@@ -52,17 +48,17 @@ std::optional<Wave> readWave(const QString &path) {
     int bits = 0;
     for (qsizetype at = 12; at + 8 <= bytes.size();) {
         const QByteArray id = bytes.mid(at, 4);
-        const qint64 size = littleEndian(bytes.constData() + at + 4, 4);
+        const qint64 size = qFromLittleEndian<quint32>(bytes.constData() + at + 4);
         const qsizetype body = at + 8;
         if (id == "fmt ") {
             if (size < 16 || body + 16 > bytes.size()) return std::nullopt;
             const char *format = bytes.constData() + body;
-            quint32 tag = littleEndian(format, 2);
+            quint32 tag = qFromLittleEndian<quint16>(format);
             if (tag == 0xfffe && size >= 40 && body + 40 <= bytes.size())
-                tag = littleEndian(format + 24, 2);  // the sub-format's first field
-            const int channels = int(littleEndian(format + 2, 2));
-            const int rate = int(littleEndian(format + 4, 4));
-            bits = int(littleEndian(format + 14, 2));
+                tag = qFromLittleEndian<quint16>(format + 24);  // the sub-format's first field
+            const int channels = int(qFromLittleEndian<quint16>(format + 2));
+            const int rate = int(qFromLittleEndian<quint32>(format + 4));
+            bits = int(qFromLittleEndian<quint16>(format + 14));
             const bool isFloat = tag == 3;
             if ((tag != 1 && tag != 3) || channels < 1 || rate < 1) return std::nullopt;
             if (isFloat ? bits != 32 : (bits != 8 && bits != 16 && bits != 32)) return std::nullopt;
@@ -87,14 +83,14 @@ std::optional<Wave> readWave(const QString &path) {
     return std::nullopt;
 }
 
-bool isWaveFile(const QString &path) { return readWave(path).has_value(); }
-
-QString pathOfSound(const QString &name) {
+// Offers the files that may hold the named sound, in order, until one is
+// taken: the taker reads it, so that each candidate is read once.
+void findSound(const QString &name, const std::function<bool(const QString &)> &take) {
     const KVBundle bundle = KVBundle::mainBundle();
     const QString resource = bundle.pathForResource(name, QStringLiteral("wav"));
-    if (!resource.isNull() && isWaveFile(resource)) return resource;
+    if (!resource.isNull() && take(resource)) return;
     for (const QString &path : bundle.pathsForResourcesOfType(QString())) {
-        if (QFileInfo(path).completeBaseName() == name && isWaveFile(path)) return path;
+        if (QFileInfo(path).completeBaseName() == name && take(path)) return;
     }
     const QString fileName = name + QStringLiteral(".wav");
     for (const QString &folder : KVSoundPlatform::soundFolders()) {
@@ -111,10 +107,9 @@ QString pathOfSound(const QString &name) {
             return depthA != depthB ? depthA < depthB : a < b;
         });
         for (const QString &path : found) {
-            if (isWaveFile(path)) return path;
+            if (take(path)) return;
         }
     }
-    return QString();
 }
 
 QThread *mainThread() {
@@ -237,9 +232,14 @@ std::shared_ptr<KVSound> KVSound::soundNamed(const QString &name) {
     if (name.isEmpty()) return nullptr;
     std::lock_guard guard(cacheLock);
     if (const auto it = cache->constFind(name); it != cache->cend()) return *it;
-    const QString path = pathOfSound(name);
-    if (path.isNull()) return nullptr;
-    auto sound = std::make_shared<KVSound>(path);
+    std::shared_ptr<KVSound> sound;
+    findSound(name, [&sound](const QString &path) {
+        auto candidate = std::make_shared<KVSound>(path);
+        if (!candidate->m_readable) return false;
+        sound = std::move(candidate);
+        return true;
+    });
+    if (!sound) return nullptr;
     sound->m_name = name;
     cache->insert(name, sound);
     return sound;
@@ -293,7 +293,10 @@ bool KVSound::setPlaybackDeviceIdentifier(const QString &identifier, QString *er
     if (!identifier.isEmpty()) {
         const QByteArray id = identifier.toUtf8();
         for (const QAudioDevice &device : QMediaDevices::audioOutputs()) {
-            if (device.id() == id) chosen = device;
+            if (device.id() == id) {
+                chosen = device;
+                break;
+            }
         }
         if (chosen.isNull()) {
             if (error)

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "KVBundle.h"
+#include "KVICU_p.h"
 #include "KVLog.h"
 #include "KVUserDefaults.h"
 #include "KVUtilities_p.h"
@@ -23,15 +24,6 @@ std::atomic<int> s_decimalSystemVersion{0};
 constexpr uint32_t kPackedResourceType = 0x010806CB;
 
 bool isAsciiDigit(QChar c) { return c >= u'0' && c <= u'9'; }
-
-icu::UnicodeString toUnicodeString(const QString &text) {
-    return icu::UnicodeString(reinterpret_cast<const char16_t *>(text.utf16()),
-                              int32_t(text.size()));
-}
-
-QString fromUnicodeString(const icu::UnicodeString &text) {
-    return QString(reinterpret_cast<const QChar *>(text.getBuffer()), text.length());
-}
 
 struct VersionParts {
     QStringView number;
