@@ -25,7 +25,7 @@ bool AuthorizationCreate(AuthorizationRef *reference) {
 pid_t AuthorizedExecutePrivate::start(const QString &command, const QString &toolPath,
                                       const QStringList &arguments) {
     std::vector<QByteArray> words{QFile::encodeName(command), QFile::encodeName(toolPath)};
-    for (const QString &argument : arguments) words.push_back(argument.toUtf8());
+    for (const QString &argument : arguments) words.push_back(QFile::encodeName(argument));
     std::vector<char *> argv;
     for (QByteArray &word : words) argv.push_back(word.data());
     argv.push_back(nullptr);

@@ -2,7 +2,6 @@
 
 #include <QApplication>
 #include <QFileInfo>
-#include <QImageReader>
 #include <QMessageBox>
 #include <QScreen>
 #include <QShortcut>
@@ -42,16 +41,6 @@ QString localized(const QString &key) { return KVLocalization::localizedString(k
 // Messages separate their lines with carriage returns; labels break on
 // line feeds.
 QString forDisplay(QString text) { return text.replace(QLatin1Char('\r'), QLatin1Char('\n')); }
-
-// Reads an image by its name's format first: the content detection asks every
-// image plugin, loading each, which costs more than a start-up's whole window.
-// A name that lies about its format still reads, through that detection.
-QImage readImage(const QString &path) {
-    QImageReader reader(path, QFileInfo(path).suffix().toLatin1());
-    reader.setAutoDetectImageFormat(false);
-    QImage image = reader.read();
-    return image.isNull() ? QImageReader(path).read() : image;
-}
 
 }  // namespace
 
@@ -140,16 +129,15 @@ QString InstallerWinController::productName() const {
 
 void InstallerWinController::readIcon() {
     const QString iconPath = m_arguments.value(KVInstallerKeyIconPath).toString();
-    const auto source =
-        KVBundle::bundleWithPath(m_arguments.value(KVInstallerKeySourcePath).toString());
     // CFBundleIconFile names an .icns file, or carries its own extension.
-    const QString bundleIconPath = source ? source->iconFilePath() : QString();
+    const QString bundleIconPath = m_source ? m_source->iconFilePath() : QString();
     // Decoding is a good part of the start-up; it runs beside the rest of the
     // set-up and is collected when the window first shows.
     m_iconReading = std::async(std::launch::async, [iconPath, bundleIconPath] {
         QImage image;
-        if (!iconPath.isEmpty()) image = readImage(iconPath);
-        if (image.isNull() && !bundleIconPath.isNull()) image = readImage(bundleIconPath);
+        if (!iconPath.isEmpty()) image = KVWorkspace::imageAtPath(iconPath);
+        if (image.isNull() && !bundleIconPath.isNull())
+            image = KVWorkspace::imageAtPath(bundleIconPath);
         // The screen's format, converted in place, so that the pixmap can
         // take the pixels over as they are.
         image.convertTo(image.hasAlphaChannel() ? QImage::Format_ARGB32_Premultiplied
@@ -468,9 +456,8 @@ bool InstallerWinController::completeProductName() {
 }
 
 void InstallerWinController::readSourceInfo() {
-    const auto bundle =
-        KVBundle::bundleWithPath(m_arguments.value(KVInstallerKeySourcePath).toString());
-    m_sourceInfo = bundle ? bundle->infoDictionary() : QVariantMap();
+    m_source = KVBundle::bundleWithPath(m_arguments.value(KVInstallerKeySourcePath).toString());
+    m_sourceInfo = m_source ? m_source->infoDictionary() : QVariantMap();
 }
 
 void InstallerWinController::completeVersions() {

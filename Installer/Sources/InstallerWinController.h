@@ -11,7 +11,9 @@
 #include <QVariantMap>
 #include <future>
 #include <memory>
+#include <optional>
 
+#include "KVBundle.h"
 #include "KVCompatibility.h"
 #include "ui_InstallerWindow.h"
 
@@ -149,6 +151,8 @@ private:
 
     QVariantMap m_arguments;
     bool m_argumentsExtracted = false;
+    // The source bundle, read once by the set-up, and its information dictionary.
+    std::optional<KVBundle> m_source;
     QVariantMap m_sourceInfo;
     QString m_version;
     QString m_minSystemVersion;

@@ -81,6 +81,8 @@ std::optional<std::vector<char>> readSized(Query query) {
     for (;;) {
         const ssize_t size = query(nullptr, 0);
         if (size < 0) return std::nullopt;
+        // Most items have no attributes: one call tells.
+        if (size == 0) return std::vector<char>();
         std::vector<char> buffer(size_t(size) + 1);
         const ssize_t read = query(buffer.data(), size_t(size));
         if (read >= 0) {

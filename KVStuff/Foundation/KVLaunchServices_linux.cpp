@@ -1,7 +1,6 @@
 #include <QDir>
 #include <QFile>
 #include <QImage>
-#include <QImageReader>
 #include <QProcess>
 #include <QSaveFile>
 #include <QStandardPaths>
@@ -9,6 +8,7 @@
 #include "KVBundle.h"
 #include "KVLaunchServices.h"
 #include "KVPath.h"
+#include "KVWorkspace.h"
 
 int KVLaunchServices::registerURL(const QString &path, bool update) {
     const auto bundle =
@@ -17,7 +17,8 @@ int KVLaunchServices::registerURL(const QString &path, bool update) {
     const QString identifier = bundle->bundleIdentifier();
     if (identifier.isEmpty() || identifier.contains('/')) return paramErr;
 
-    const QString applications = KVPath::userFolder(KVPath::UserFolder::Data) + "/applications";
+    const QString data = KVPath::userFolder(KVPath::UserFolder::Data);
+    const QString applications = data + "/applications";
     const QString entryPath = applications + "/" + identifier + ".desktop";
     // Registered already and no update asked for: nothing to do.
     if (!update && QFile::exists(entryPath)) return noErr;
@@ -26,10 +27,9 @@ int KVLaunchServices::registerURL(const QString &path, bool update) {
     // converted. Images, not pixmaps: this may run on a worker thread.
     QString iconPath;
     const QString iconFile = bundle->iconFilePath();
-    const QImage icon = iconFile.isNull() ? QImage() : QImageReader(iconFile).read();
+    const QImage icon = iconFile.isNull() ? QImage() : KVWorkspace::imageAtPath(iconFile);
     if (!icon.isNull()) {
-        const QString icons =
-            KVPath::userFolder(KVPath::UserFolder::Data) + "/icons/hicolor/256x256/apps";
+        const QString icons = data + "/icons/hicolor/256x256/apps";
         QDir().mkpath(icons);
         iconPath = icons + "/" + identifier + ".png";
         const QImage scaled = icon.width() > 256 ? icon.scaled(256, 256, Qt::KeepAspectRatio,

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <QFile>
-#include <utility>
 
 #include "KVPath.h"
 
@@ -14,17 +13,11 @@ QString KVPath::homeDirectory() {
 }
 
 QString KVPath::userFolder(UserFolder folder) {
-    const auto [variable, fallback] = [folder]() -> std::pair<const char *, const char *> {
-        switch (folder) {
-            case UserFolder::Configuration:
-                return {"XDG_CONFIG_HOME", "/.config"};
-            case UserFolder::Data:
-                return {"XDG_DATA_HOME", "/.local/share"};
-            case UserFolder::State:
-                return {"XDG_STATE_HOME", "/.local/state"};
-        }
-        return {"XDG_DATA_HOME", "/.local/share"};
-    }();
+    // In the order of UserFolder: the variable and the fallback under home.
+    static constexpr const char *folders[][2] = {{"XDG_CONFIG_HOME", "/.config"},
+                                                 {"XDG_DATA_HOME", "/.local/share"},
+                                                 {"XDG_STATE_HOME", "/.local/state"}};
+    const auto &[variable, fallback] = folders[int(folder)];
     const QString set = QFile::decodeName(qgetenv(variable));
     return set.isEmpty() ? homeDirectory() + QLatin1String(fallback) : set;
 }

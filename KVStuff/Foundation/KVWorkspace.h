@@ -3,6 +3,7 @@
 #pragma once
 
 #include <QIcon>
+#include <QImage>
 #include <QString>
 #include <QUrl>
 
@@ -15,6 +16,11 @@ bool openURL(const QUrl &url);
 // The bundle's own icon (CFBundleIconFile) when it has one, else the icon
 // the desktop shows for the file; no item, no icon.
 QIcon iconForFile(const QString &path);
+// The image in the file, read by its name's format first: content detection
+// loads every image plugin to ask it, which costs more than a start-up's
+// whole window. A name that lies about its format still reads, through that
+// detection. A null image when nothing reads. Safe on any thread.
+QImage imageAtPath(const QString &path);
 // Moves the item to the desktop's trash, from where the user can put it back:
 // the freedesktop.org trash of the item's volume ($XDG_DATA_HOME/Trash on
 // the home volume, made with its missing parent folders when needed; else

@@ -462,7 +462,7 @@ bool KVProcess::quitRunningApplicationWithTimeout(float timeout) {
         kvLog("cannot quit %@: no pid", processName);
         return false;
     }
-    OS::QuitHandle handle(m_psn);
+    OS::QuitHandle handle(m_psn, pid);
     if (!handle.isValid()) {
         kvLog("cannot quit %@: no process found", processName);
         return false;

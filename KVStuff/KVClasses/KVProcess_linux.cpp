@@ -58,8 +58,8 @@ struct ProcStat {
 
 std::optional<ProcStat> readStat(pid_t pid) {
     if (pid <= 0) return std::nullopt;
-    // Read into a stack buffer and parsed in place: quitting polls this every
-    // millisecond, so it must cost next to nothing.
+    // Read into a stack buffer and parsed in place: lookups read it often,
+    // and quitting without pidfds polls it every millisecond.
     char path[32];
     std::snprintf(path, sizeof path, "/proc/%d/stat", int(pid));
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
@@ -268,9 +268,8 @@ bool KVProcessPrivate::isApplicationPackage(const QString &path) {
 // Linux files have no resource forks, so there is never a 'vers' resource.
 QByteArray KVProcessPrivate::versionResource(const QString &) { return QByteArray(); }
 
-KVProcessPrivate::QuitHandle::QuitHandle(const ProcessSerialNumber &psn) : m_psn(psn) {
-    const pid_t pid = runningPID(psn);
-    if (pid == 0) return;
+KVProcessPrivate::QuitHandle::QuitHandle(const ProcessSerialNumber &psn, pid_t pid) : m_psn(psn) {
+    if (pid <= 0) return;
     // A pidfd names this very process; it is made first and the identity
     // checked after, so a pid reused in between is never signalled. Kernels
     // without pidfds fall back to the pid.

@@ -43,11 +43,12 @@ bool isApplicationPackage(const QString &path);
 QByteArray versionResource(const QString &path);
 
 // A handle on one running process while it is being quit: requests reach
-// exactly that process (never a later one with its pid), and its end can be
-// polled every millisecond at next to no cost.
+// exactly that process (never a later one with its pid), and its end is
+// waited for on the process itself.
 class QuitHandle {
 public:
-    explicit QuitHandle(const ProcessSerialNumber &psn);
+    // pid: the one the serial number gave a moment ago, checked again here.
+    QuitHandle(const ProcessSerialNumber &psn, pid_t pid);
     ~QuitHandle();
     QuitHandle(const QuitHandle &) = delete;
     QuitHandle &operator=(const QuitHandle &) = delete;
