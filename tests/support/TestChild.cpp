@@ -2,25 +2,81 @@
 // is ready on the descriptor given by --ready-fd, then waits for signals.
 //   --ignore-term   keeps running on SIGTERM (only SIGKILL ends it)
 //   --exit-after S  ends by itself after S seconds
+//   --respawn N     on SIGTERM, first starts a copy of itself with N-1 and
+//                   waits until it is ready, then ends: a copy that comes
+//                   back, with no moment in which none runs
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+
+extern char **environ;
+
+namespace {
+
+void sayReady(int fd) {
+    const char ok = '1';
+    (void)!write(fd, &ok, 1);
+    close(fd);
+}
+
+// Starts this program again, in this process group, and waits for its word.
+void startSuccessor(const char *self, int respawns) {
+    int ready[2];
+    if (pipe(ready) != 0) return;
+    fcntl(ready[0], F_SETFD, FD_CLOEXEC);
+    std::string count = std::to_string(respawns), fd = std::to_string(ready[1]);
+    char *argv[] = {const_cast<char *>(self),
+                    const_cast<char *>("--respawn"),
+                    count.data(),
+                    const_cast<char *>("--ready-fd"),
+                    fd.data(),
+                    nullptr};
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
+    pid_t pid;
+    const int rc = posix_spawn(&pid, self, nullptr, &attr, argv, environ);
+    posix_spawnattr_destroy(&attr);
+    close(ready[1]);
+    char byte;
+    pollfd wait{ready[0], POLLIN, 0};
+    if (rc == 0 && poll(&wait, 1, 10000) == 1) (void)!read(ready[0], &byte, 1);
+    close(ready[0]);
+}
+
+}  // namespace
 
 int main(int argc, char **argv) {
     int readyFd = -1;
     unsigned exitAfter = 0;
+    int respawns = -1;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--ignore-term") == 0) std::signal(SIGTERM, SIG_IGN);
         if (std::strcmp(argv[i], "--ready-fd") == 0 && i + 1 < argc) readyFd = std::atoi(argv[++i]);
         if (std::strcmp(argv[i], "--exit-after") == 0 && i + 1 < argc)
             exitAfter = unsigned(std::atoi(argv[++i]));
+        if (std::strcmp(argv[i], "--respawn") == 0 && i + 1 < argc) respawns = std::atoi(argv[++i]);
     }
-    if (readyFd >= 0) {
-        const char ok = '1';
-        (void)!write(readyFd, &ok, 1);
-        close(readyFd);
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    // Blocked before saying ready, so that no request can come between.
+    if (respawns > 0) sigprocmask(SIG_BLOCK, &term, nullptr);
+    if (readyFd >= 0) sayReady(readyFd);
+    if (respawns > 0) {
+        int signal;
+        sigwait(&term, &signal);
+        startSuccessor(argv[0], respawns - 1);
+        return 0;
     }
     if (exitAfter > 0) {
         sleep(exitAfter);
