@@ -63,17 +63,32 @@ bool InstallerWinController::signature(OSType signature, const QVariant &isInArr
     return false;
 }
 
+namespace {
+// The processes, in list order and the installer excepted, whose signature
+// passes the test. One that ends during the walk has no signature left (0)
+// and matches nothing, even a code that is no four characters (which also
+// converts to 0).
+template <typename Test>
+QList<KVProcessRef> otherProcessesWhose(Test matches) {
+    QList<KVProcessRef> found;
+    const KVProcessRef me = KVProcess::currentProcess();
+    for (const KVProcessRef &process : KVProcess::allProcesses()) {
+        const OSType signature = process->signature();
+        if (signature != 0 && matches(signature) && !process->isEqual(me)) found << process;
+    }
+    return found;
+}
+}  // namespace
+
 QString InstallerWinController::pathToProcessToReplace() const {
     const QVariant codes = m_arguments.value(KVInstallerKeyProductCode);
     if (!codes.isValid()) return QString();
     const QStringList list = codes.toStringList();
     const OSType mainCode = KVFourCharCode::fromString(list.value(0));
-    const KVProcessRef me = KVProcess::currentProcess();
     // A copy with the main code wins over one with an alternative code, even
     // when the latter comes first.
     const auto find = [&](auto matches) -> QString {
-        for (const KVProcessRef &process : KVProcess::allProcesses()) {
-            if (!matches(process->signature()) || process->isEqual(me)) continue;
+        for (const KVProcessRef &process : otherProcessesWhose(matches)) {
             const QString path = process->path();
             if (!isInUnsupportedFolder(path)) return path;
         }
@@ -131,15 +146,9 @@ namespace {
 // The processes whose signature is in the quit codes, the installer excepted,
 // in process-list order.
 QList<KVProcessRef> processesToQuit(const QVariant &quitCodes) {
-    QList<KVProcessRef> matches;
-    if (!quitCodes.isValid()) return matches;
-    const KVProcessRef me = KVProcess::currentProcess();
-    for (const KVProcessRef &process : KVProcess::allProcesses()) {
-        if (InstallerWinController::signature(process->signature(), quitCodes) &&
-            !process->isEqual(me))
-            matches << process;
-    }
-    return matches;
+    if (!quitCodes.isValid()) return {};
+    return otherProcessesWhose(
+        [&](OSType s) { return InstallerWinController::signature(s, quitCodes); });
 }
 }  // namespace
 

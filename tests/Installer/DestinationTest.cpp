@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
+#include <atomic>
+#include <thread>
 
 #include "InstallerWinController.h"
 #include "KVPath.h"
@@ -187,6 +190,25 @@ TEST_F(QuitProcessesTest, EveryMatchingCopyIsAskedInListOrder) {
               (QStringList{"Still running 'Kq2a': First", "Quitting 'Kq2a': First",
                            "Quitting 'Kq2b': Second"}));
     EXPECT_TRUE(stillRunning(children.last()));
+}
+
+// A code that is no four characters matches no process, not even one that
+// ends while the list is walked (and so has no signature left): processes
+// come and go all the time here.
+TEST_F(QuitProcessesTest, CodesOfOtherLengthsMatchNoProcessEvenOneThatEnds) {
+    std::atomic<bool> done{false};
+    std::thread churn([&] {
+        while (!done) TestBundle::stop(TestBundle::start("/bin/true"));
+    });
+    auto &c = controllerWith({"-productCode", "Srce", "Kq5", "-quitCode", "Kq5", "Kq5ab"});
+    LogCapture capture;
+    int found = 0;
+    for (const QDeadlineTimer until(1500); !until.hasExpired();)
+        found += !c.processToQuitStillRunning().isNull() + !c.pathToProcessToReplace().isNull();
+    done = true;
+    churn.join();
+    EXPECT_EQ(found, 0);
+    EXPECT_EQ(capture.text(), "");
 }
 
 // The installer may carry the product's code itself: it must ask the other
