@@ -89,8 +89,9 @@ QString InstallerWinController::pathToProcessToReplace() const {
     // when the latter comes first.
     const auto find = [&](auto matches) -> QString {
         for (const KVProcessRef &process : otherProcessesWhose(matches)) {
+            // A copy that has ended since the walk has no path and is passed over.
             const QString path = process->path();
-            if (!isInUnsupportedFolder(path)) return path;
+            if (!path.isNull() && !isInUnsupportedFolder(path)) return path;
         }
         return QString();
     };
