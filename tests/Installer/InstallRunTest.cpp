@@ -227,9 +227,10 @@ TEST_F(InstallRunTest, CopyThatNeverQuitsFailsTheRunNamingItAndInstallWorksAgain
     setUp({"-quitCode", "KvR9"});
     const QStringList log = clickInstallAndWait(60000);
     // Four attempts: each is followed by a look for a copy still running, and
-    // one more look ends the run.
+    // one more look ends the run. Each attempt asks every copy it finds: one
+    // at least.
     EXPECT_EQ(log.filter("Still running 'KvR9'").size(), 5) << qPrintable(log.join('\n'));
-    EXPECT_EQ(log.filter("Quitting 'KvR9'").size(), 4);
+    EXPECT_GE(log.filter("Quitting 'KvR9'").size(), 4) << qPrintable(log.join('\n'));
     EXPECT_TRUE(log.contains("Helper Tool refused to quit; installation cancelled"));
     EXPECT_FALSE(controller->isFinished());
     EXPECT_EQ(ui().messageField->text(),
