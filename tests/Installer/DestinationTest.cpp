@@ -203,7 +203,7 @@ TEST_F(QuitProcessesTest, CodesOfOtherLengthsMatchNoProcessEvenOneThatEnds) {
     auto &c = controllerWith({"-productCode", "Srce", "Kq5", "-quitCode", "Kq5", "Kq5ab"});
     LogCapture capture;
     int found = 0;
-    for (const QDeadlineTimer until(1500); !until.hasExpired();)
+    for (const QDeadlineTimer until(1000); !until.hasExpired();)
         found += !c.processToQuitStillRunning().isNull() + !c.pathToProcessToReplace().isNull();
     done = true;
     churn.join();
