@@ -1,7 +1,5 @@
 #include "TestBundle.h"
 
-#include <poll.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,8 +10,7 @@
 #include <vector>
 
 #include "KVProcess.h"
-
-extern char **environ;
+#include "ReadySpawn.h"
 
 QString TestBundle::make(const QString &folder, const QString &name, QVariantMap info,
                          bool withExecutable, KVPropertyList::Format format) {
@@ -38,36 +35,12 @@ QString TestBundle::executableOf(const QString &bundlePath) {
 }
 
 pid_t TestBundle::start(const QString &program, const QStringList &arguments) {
-    int ready[2];
-    if (pipe(ready) != 0) return -1;
-    std::vector<QByteArray> words{QFile::encodeName(program)};
-    for (const QString &a : arguments) words.push_back(a.toLocal8Bit());
-    words.push_back("--ready-fd");
-    words.push_back(QByteArray::number(ready[1]));
-    std::vector<char *> argv;
-    for (QByteArray &w : words) argv.push_back(w.data());
-    argv.push_back(nullptr);
-
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
-    pid_t pid = -1;
-    const int rc = posix_spawn(&pid, argv[0], nullptr, &attr, argv.data(), environ);
-    posix_spawnattr_destroy(&attr);
-    close(ready[1]);
-    if (rc != 0) {
-        close(ready[0]);
-        return -1;
-    }
-    pollfd fd{ready[0], POLLIN, 0};
-    char byte = 0;
-    const bool said = poll(&fd, 1, 10000) == 1 && read(ready[0], &byte, 1) == 1;
-    close(ready[0]);
-    if (!said) {
-        stop(pid);
-        return -1;
-    }
-    return pid;
+    std::vector<std::string> words{QFile::encodeName(program).toStdString()};
+    for (const QString &a : arguments) words.push_back(a.toLocal8Bit().toStdString());
+    const ReadySpawn child = spawnReady(std::move(words), true);
+    if (child.ready) return child.pid;
+    stop(child.pid);
+    return -1;
 }
 
 void TestBundle::stopProcessesAt(const QString &path) {

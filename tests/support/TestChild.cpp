@@ -5,9 +5,6 @@
 //   --respawn N     on SIGTERM, first starts a copy of itself with N-1 and
 //                   waits until it is ready, then ends: a copy that comes
 //                   back, with no moment in which none runs
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -15,7 +12,7 @@
 #include <cstring>
 #include <string>
 
-extern char **environ;
+#include "ReadySpawn.h"
 
 namespace {
 
@@ -27,30 +24,7 @@ void sayReady(int fd) {
 
 // Starts this program again, in this process group, and waits for its word.
 void startSuccessor(const char *self, int respawns) {
-    int ready[2];
-    if (pipe(ready) != 0) return;
-    fcntl(ready[0], F_SETFD, FD_CLOEXEC);
-    std::string count = std::to_string(respawns), fd = std::to_string(ready[1]);
-    char *argv[] = {const_cast<char *>(self),
-                    const_cast<char *>("--respawn"),
-                    count.data(),
-                    const_cast<char *>("--ready-fd"),
-                    fd.data(),
-                    nullptr};
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
-    pid_t pid;
-    const int rc = posix_spawn(&pid, self, nullptr, &attr, argv, environ);
-    posix_spawnattr_destroy(&attr);
-    close(ready[1]);
-    char byte;
-    pollfd wait{ready[0], POLLIN, 0};
-    if (rc == 0 && poll(&wait, 1, 10000) == 1) (void)!read(ready[0], &byte, 1);
-    close(ready[0]);
+    spawnReady({self, "--respawn", std::to_string(respawns)}, false);
 }
 
 }  // namespace
