@@ -1,5 +1,6 @@
 #include "SoundExtensions.h"
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <memory>
@@ -7,6 +8,7 @@
 #include <thread>
 
 #include "KVLog.h"
+#include "KVPath.h"
 #include "KVUserDefaults.h"
 #include "SoundExtensions_p.h"
 
@@ -47,7 +49,94 @@ std::optional<float> floatValue(const QVariant &object) {
     }
 }
 
+const QString kSilentSound = QStringLiteral("SoundOfSilence");
+
+// "Glass" for ".../Glass.aiff".
+QString soundName(const QString &path) {
+    return KVPath::stringByDeletingPathExtension(KVPath::lastPathComponent(path));
+}
+
+QStringList soundNames(const QStringList &paths) {
+    QStringList names;
+    for (const QString &path : paths) names << soundName(path);
+    return names;
+}
+
 }  // namespace
+
+// ---- The catalogue ----
+
+const QSet<QString> &SoundExtensions::soundFileExtensions() {
+    // The quoted ones are file-type codes as the platform spells them.
+    static const QSet<QString> extensions{"aiff",   "AIFF", "'AIFF'", "aif",    "AIF", "aifc",
+                                          "AIFC",   "wav",  "WAV",    "'WAVE'", "snd", "SND",
+                                          "au",     "AU",   "'ULAW'", "'ALAW'", "mp3", "MP3",
+                                          "'Mp3 '", "ulw",  "ULW",    "m4p",    "m4a"};
+    return extensions;
+}
+
+bool SoundExtensions::isSoundFileAtPath(const QString &path) {
+    return soundFileExtensions().contains(KVPath::pathExtension(path));
+}
+
+QStringList SoundExtensionsPrivate::applicationSoundFiles(const KVBundle &bundle) {
+    QStringList paths = bundle.pathsForResourcesOfType(QString());
+    paths.removeIf([](const QString &path) { return !SoundExtensions::isSoundFileAtPath(path); });
+    return paths;
+}
+
+QStringList SoundExtensionsPrivate::systemSoundFiles(
+    const QList<SoundExtensionsPlatform::SoundFolder> &folders) {
+    QStringList paths;
+    for (const SoundExtensionsPlatform::SoundFolder &folder : folders) {
+        for (const QString &entry : SoundExtensionsPlatform::folderEntries(folder.path)) {
+            const bool accepted = SoundExtensions::isSoundFileAtPath(entry) ||
+                                  (!folder.alsoAccepted.isEmpty() &&
+                                   KVPath::pathExtension(entry) == folder.alsoAccepted);
+            if (accepted) paths << folder.path + QLatin1Char('/') + entry;
+        }
+    }
+    return paths;
+}
+
+QString SoundExtensionsPrivate::pathOfSound(
+    const QString &name, const KVBundle &bundle,
+    const QList<SoundExtensionsPlatform::SoundFolder> &folders) {
+    // The silent sound is found here too; only the list of names leaves it out.
+    for (const QStringList &paths : {applicationSoundFiles(bundle), systemSoundFiles(folders)}) {
+        for (const QString &path : paths) {
+            if (soundName(path) == name) return path;
+        }
+    }
+    return QString();
+}
+
+QStringList SoundExtensions::applicationSoundFiles() {
+    return SoundExtensionsPrivate::applicationSoundFiles(KVBundle::mainBundle());
+}
+
+QStringList SoundExtensions::applicationSounds() {
+    QStringList names = soundNames(applicationSoundFiles());
+    names.removeAll(kSilentSound);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+QStringList SoundExtensions::systemSoundFiles() {
+    return SoundExtensionsPrivate::systemSoundFiles(SoundExtensionsPlatform::soundFolders());
+}
+
+QStringList SoundExtensions::systemSounds() {
+    QStringList names = soundNames(systemSoundFiles());
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}
+
+QString SoundExtensions::pathOfSound(const QString &name) {
+    return SoundExtensionsPrivate::pathOfSound(name, KVBundle::mainBundle(),
+                                               SoundExtensionsPlatform::soundFolders());
+}
 
 // ---- Playing ----
 
@@ -161,7 +250,7 @@ void SoundExtensions::prepareForSound() {
 void SoundExtensions::playSilentSoundThread() {
     // The named sound is kept for the process's life; a missing one is
     // looked for again on the next call.
-    const std::shared_ptr<KVSound> silence = KVSound::soundNamed(QStringLiteral("SoundOfSilence"));
+    const std::shared_ptr<KVSound> silence = KVSound::soundNamed(kSilentSound);
     if (!silence) return;
     silence->setVolume(0.01f);
     playAsSoundEffect(*silence);

@@ -6,11 +6,38 @@
 #include <QDateTime>
 #include <QList>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 #include <functional>
 #include <optional>
 
+#include "KVBundle.h"
+
+// The operating-system half.
+namespace SoundExtensionsPlatform {
+
+// A sound folder; the desktop's sound theme keeps its sounds in a format
+// beyond the catalogue's extensions, which its folder admits too.
+struct SoundFolder {
+    QString path;
+    QString alsoAccepted;
+};
+// In the order they are searched: the system's, the local and the user's.
+QList<SoundFolder> soundFolders();
+// The names in the folder (not "." and ".."), in the order the system lists
+// them; nothing when it is no folder. Names that are no UTF-8 are left out:
+// no path made from them would find the file again.
+QStringList folderEntries(const QString &folder);
+
+}  // namespace SoundExtensionsPlatform
+
 namespace SoundExtensionsPrivate {
+
+// The catalogue over the given bundle and folders.
+QStringList applicationSoundFiles(const KVBundle &bundle);
+QStringList systemSoundFiles(const QList<SoundExtensionsPlatform::SoundFolder> &folders);
+QString pathOfSound(const QString &name, const KVBundle &bundle,
+                    const QList<SoundExtensionsPlatform::SoundFolder> &folders);
 
 // The alert volume for a stored setting; 1.0 for a value that has no number.
 float alertVolumeForStoredValue(const QVariant &stored);
@@ -35,7 +62,6 @@ void overrideSystemAudioDeviceID(std::optional<QString> identifier);
 
 }  // namespace SoundExtensionsPrivate
 
-// The operating-system half.
 namespace SoundExtensionsPlatform {
 
 struct AudioDevice {

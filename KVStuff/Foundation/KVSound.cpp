@@ -1,5 +1,7 @@
 #include "KVSound.h"
 
+#include <sndfile.h>
+
 #include <QAudioDevice>
 #include <QAudioFormat>
 #include <QAudioSink>
@@ -26,7 +28,8 @@
 // Playback goes through QAudioSink rather than QSoundEffect, whose Qt 6.4
 // version hangs the main thread when an effect is deleted while any sound is
 // still loading, stops reporting the end of a sound after a few plays, and
-// keeps the device it loaded for. A WAV file is small enough to hold whole.
+// keeps the device it loaded for. A sound effect is small enough to hold
+// whole, decoded.
 
 namespace {
 
@@ -36,14 +39,46 @@ struct Wave {
     double duration = 0.0;
 };
 
-// Integer PCM of 8, 16 or 32 bits and 32-bit floats (the sample formats the
-// audio output takes), also in the extensible format.
-std::optional<Wave> readWave(const QString &path) {
+// Longer sounds are no sound effects: about six minutes of stereo at 44.1 kHz.
+constexpr sf_count_t kMaxDecodedSamples = sf_count_t(1) << 25;
+
+// What libsndfile reads besides WAV (Ogg Vorbis above all, the format of the
+// desktop's sound theme), decoded into 32-bit floats.
+std::optional<Wave> decodeWithLibsndfile(QFile &file) {
+    SF_INFO info{};
+    SNDFILE *sound = sf_open_fd(file.handle(), SFM_READ, &info, SF_FALSE);
+    if (!sound) return std::nullopt;
+    std::optional<Wave> wave;
+    if (info.channels >= 1 && info.samplerate >= 1 && info.frames > 0 &&
+        info.frames <= kMaxDecodedSamples / info.channels) {
+        QByteArray samples(qsizetype(info.frames * info.channels * sizeof(float)),
+                           Qt::Uninitialized);
+        // A damaged file gives what could be decoded before the damage.
+        const sf_count_t frames =
+            sf_readf_float(sound, reinterpret_cast<float *>(samples.data()), info.frames);
+        if (frames > 0) {
+            samples.truncate(qsizetype(frames * info.channels * sizeof(float)));
+            wave.emplace();
+            wave->format.setChannelCount(info.channels);
+            wave->format.setSampleRate(info.samplerate);
+            wave->format.setSampleFormat(QAudioFormat::Float);
+            wave->samples = samples;
+            wave->duration = double(frames) / info.samplerate;
+        }
+    }
+    sf_close(sound);
+    return wave;
+}
+
+// WAV files: integer PCM of 8, 16 or 32 bits and 32-bit floats (the sample
+// formats the audio output takes), also in the extensible format. Other
+// formats through libsndfile.
+std::optional<Wave> readSound(const QString &path) {
     QFile file(path);
     if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly)) return std::nullopt;
+    const QByteArray header = file.peek(12);
+    if (!header.startsWith("RIFF") || header.mid(8, 4) != "WAVE") return decodeWithLibsndfile(file);
     const QByteArray bytes = file.readAll();
-    if (bytes.size() < 12 || !bytes.startsWith("RIFF") || bytes.mid(8, 4) != "WAVE")
-        return std::nullopt;
     Wave wave;
     int bits = 0;
     for (qsizetype at = 12; at + 8 <= bytes.size();) {
@@ -246,7 +281,7 @@ std::shared_ptr<KVSound> KVSound::soundNamed(const QString &name) {
 }
 
 KVSound::KVSound(const QString &path) : m_path(path), m_player(std::make_shared<Player>()) {
-    if (std::optional<Wave> wave = readWave(path)) {
+    if (std::optional<Wave> wave = readSound(path)) {
         m_readable = true;
         m_duration = wave->duration;
         m_player->format = wave->format;

@@ -1,8 +1,8 @@
-// A sound from a WAV file, played through Qt Multimedia (QAudioSink) on an
-// audio output device. Any thread may use a sound. Playback itself always runs on the main
-// thread, whose event loop drives the audio: play() from another thread hands
-// the work to the main thread and returns at once. A sound that was started
-// plays to its end even when its last owner lets it go.
+// A sound from a WAV file, or from an Ogg file or another format libsndfile
+// decodes, played through Qt Multimedia (QAudioSink) on an audio output device. Any thread may use
+// a sound. Playback itself always runs on the main thread, whose event loop drives the audio:
+// play() from another thread hands the work to the main thread and returns at once. A sound that
+// was started plays to its end even when its last owner lets it go.
 #pragma once
 
 #include <QString>
@@ -11,12 +11,12 @@
 class KVSound {
 public:
     // The sound of that name: among the main bundle's resources "<name>.wav",
-    // then any WAV file whose name without extension is the name; else
-    // "<name>.wav" in the system's sound folders (on Linux /usr/share/sounds,
-    // /usr/local/share/sounds, ~/.local/share/sounds), subfolders included.
-    // Only WAV files count, the one format the player reads. A found sound is
-    // kept: the same name answers the same object for the life of the
-    // process. nullptr when there is no such sound.
+    // then any readable sound file whose name without extension is the name;
+    // else "<name>.wav" in the system's sound folders (on Linux
+    // /usr/share/sounds, /usr/local/share/sounds, ~/.local/share/sounds),
+    // subfolders included. A found sound is kept: the same name answers the
+    // same object for the life of the process. nullptr when there is no such
+    // sound.
     static std::shared_ptr<KVSound> soundNamed(const QString &name);
 
     // The sound in the file at the path; its name() is null.
@@ -34,11 +34,11 @@ public:
     // sound changes its volume at once.
     void setVolume(float volume);
     float volume() const;
-    // In seconds, from the file's header; 0 when the file is no readable WAV.
+    // In seconds; 0 when the file is no readable sound.
     double duration() const { return m_duration; }
 
     // Starts the sound from its beginning. False when it is already playing,
-    // when the file is no readable WAV, or without an application object
+    // when the file is no readable sound, or without an application object
     // (whose thread plays). Without any output device the sound ends at once.
     bool play();
     // From play() until the sound has ended or failed.

@@ -17,6 +17,8 @@ namespace KVWindowServer {
 bool isAvailable();
 // The process owning the active window; 0 when unknown.
 pid_t frontProcessID();
+// The active window is in the window manager's full-screen state.
+bool isFrontWindowFullScreen();
 // Activates the process's top-most window; unless frontWindowOnly, raises all
 // of its windows first. Minimized windows come back. Returns whether the
 // process has any window.

@@ -25,11 +25,15 @@ enum Atom {
     NetClientListStacking,
     NetClientList,
     WmChangeState,
+    NetWmState,
+    NetWmStateFullScreen,
     AtomCount
 };
-const char *const kAtomNames[AtomCount] = {"_NET_ACTIVE_WINDOW", "_NET_WM_PID",
-                                           "_NET_CLIENT_LIST_STACKING", "_NET_CLIENT_LIST",
-                                           "WM_CHANGE_STATE"};
+const char *const kAtomNames[AtomCount] = {
+    "_NET_ACTIVE_WINDOW", "_NET_WM_PID",   "_NET_CLIENT_LIST_STACKING", "_NET_CLIENT_LIST",
+    "WM_CHANGE_STATE",    "_NET_WM_STATE", "_NET_WM_STATE_FULLSCREEN"};
+// More states than any window manager sets at once.
+constexpr uint32_t kMaxStates = 64;
 
 constexpr uint32_t kIconicState = 3;
 // Requests from a pager or task switcher carry out what the user asked for,
@@ -239,15 +243,30 @@ bool setHidden(bool hidden) {
 
 bool KVWindowServer::isAvailable() { return connection() != nullptr; }
 
+namespace {
+xcb_window_t activeWindow(const Connection &c) {
+    const std::vector<uint32_t> active =
+        propertyValues(c, requestProperty(c, c.root, NetActiveWindow, XCB_ATOM_WINDOW));
+    return active.empty() ? XCB_NONE : active[0];
+}
+}  // namespace
+
 pid_t KVWindowServer::frontProcessID() {
     const ConnectionRef c = connection();
-    if (!c) return 0;
-    const std::vector<uint32_t> active =
-        propertyValues(*c, requestProperty(*c, c->root, NetActiveWindow, XCB_ATOM_WINDOW));
-    if (active.empty() || active[0] == XCB_NONE) return 0;
+    const xcb_window_t active = c ? activeWindow(*c) : XCB_NONE;
+    if (active == XCB_NONE) return 0;
     const std::vector<uint32_t> owner =
-        propertyValues(*c, requestProperty(*c, active[0], NetWmPid, XCB_ATOM_CARDINAL));
+        propertyValues(*c, requestProperty(*c, active, NetWmPid, XCB_ATOM_CARDINAL));
     return owner.empty() ? 0 : pid_t(owner[0]);
+}
+
+bool KVWindowServer::isFrontWindowFullScreen() {
+    const ConnectionRef c = connection();
+    const xcb_window_t active = c ? activeWindow(*c) : XCB_NONE;
+    if (active == XCB_NONE) return false;
+    const std::vector<uint32_t> states =
+        propertyValues(*c, requestProperty(*c, active, NetWmState, XCB_ATOM_ATOM, kMaxStates));
+    return std::find(states.begin(), states.end(), c->atoms[NetWmStateFullScreen]) != states.end();
 }
 
 bool KVWindowServer::bringProcessToFront(pid_t pid, bool frontWindowOnly) {

@@ -5,14 +5,20 @@
 #include <unicode/timezone.h>
 
 #include <QLocale>
+#include <chrono>
 #include <cmath>
 #include <memory>
+#include <thread>
 
 #include "KVBundle.h"
+#include "KVFileManager.h"
 #include "KVICU_p.h"
 #include "KVLog.h"
+#include "KVPath.h"
+#include "KVProcess.h"
 #include "KVUserDefaults.h"
 #include "KVUtilities_p.h"
+#include "KVWindowServer.h"
 
 namespace {
 
@@ -274,3 +280,197 @@ bool KVUtilities::catalinaOrNewer() { return catalinaOrNewer(kitVersionNumber())
 bool KVUtilities::bigSurOrNewer() { return bigSurOrNewer(kitVersionNumber()); }
 bool KVUtilities::montereyOrNewer() { return montereyOrNewer(kitVersionNumber()); }
 bool KVUtilities::venturaOrNewer() { return venturaOrNewer(kitVersionNumber()); }
+
+// ---- Running programs ----
+
+namespace {
+
+// Every wait of this unit polls at this interval.
+void sleepOnePoll() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+
+// How much of the bytes ends with whole characters: a trailing lead byte
+// still missing its continuation bytes is held back.
+qsizetype wholeCharacters(QByteArrayView bytes) {
+    for (qsizetype i = bytes.size() - 1; i >= 0 && i >= bytes.size() - 3; --i) {
+        const uchar byte = uchar(bytes[i]);
+        if ((byte & 0xC0) == 0x80) continue;
+        const qsizetype length = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : byte >= 0xC0 ? 2 : 1;
+        return bytes.size() - i < length ? i : bytes.size();
+    }
+    return bytes.size();
+}
+
+}  // namespace
+
+void KVUtilitiesPrivate::Utf8Text::reserve(qint64 bytes) {
+    // A byte of UTF-8 never gives more than one UTF-16 code unit; the slack
+    // covers what the decoder asks beyond that.
+    if (m_length + bytes > m_text.size()) m_text.resize(qsizetype(m_length + bytes + 16));
+}
+
+void KVUtilitiesPrivate::Utf8Text::decode(QByteArrayView bytes) {
+    reserve(m_decoder.requiredSpace(bytes.size()));
+    QChar *end = m_decoder.appendToBuffer(m_text.data() + m_length, bytes);
+    m_length = end - m_text.constData();
+}
+
+void KVUtilitiesPrivate::Utf8Text::append(QByteArrayView bytes) {
+    QByteArray joined;
+    if (!m_pending.isEmpty()) {
+        joined = std::exchange(m_pending, QByteArray());
+        joined.append(bytes);
+        bytes = joined;
+    }
+    const qsizetype whole = wholeCharacters(bytes);
+    decode(bytes.first(whole));
+    m_pending = bytes.sliced(whole).toByteArray();
+}
+
+QString KVUtilitiesPrivate::Utf8Text::text() {
+    if (!m_pending.isEmpty() || m_decoder.hasError()) return QString();
+    if (m_length == 0) return QStringLiteral("");
+    m_text.truncate(m_length);
+    return std::exchange(m_text, QString());
+}
+
+QString KVUtilities::runShellScript(const QString &scriptPath,
+                                    const std::optional<QStringList> &withParameters,
+                                    double timeout) {
+    const QString name =
+        KVPath::lastPathComponent(KVPath::stringByExpandingTildeInPath(scriptPath));
+    KVUtilitiesPrivate::ScriptRun script;
+    QString error;
+    // The temporary file stays when the script cannot start.
+    if (!script.start(scriptPath, withParameters.value_or(QStringList()), &error))
+        return kvFormat(QStringLiteral("script %@ failed: %@"), name, error);
+    const auto start = std::chrono::steady_clock::now();
+    while (script.isRunning()) {
+        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+        // Compared in single precision, as scripts have always been timed.
+        if (static_cast<float>(elapsed.count()) > timeout) {
+            kvLog(QStringLiteral("script timeout: %@ %@"), name,
+                  withParameters ? QVariant(*withParameters) : QVariant());
+            script.terminate();
+            break;
+        }
+        sleepOnePoll();
+    }
+    script.terminate();
+    KVUtilitiesPrivate::Utf8Text text;
+    QString result;
+    if (script.readOutput([&text](qint64 size) { text.reserve(size); },
+                          [&text](QByteArrayView piece) { text.append(piece); }, &error)) {
+        result = text.text();
+        if (result.isNull()) error = QStringLiteral("The output is no UTF-8 text.");
+    }
+    if (result.isNull()) kvLog(QStringLiteral("error getting result: %@"), error);
+    script.removeOutput();
+    return result;
+}
+
+QString KVUtilities::shellCommandResult(const QString &command) {
+    QByteArray output;
+    if (!KVUtilitiesPrivate::commandOutput(command, &output)) return QString();
+    KVUtilitiesPrivate::Utf8Text text;
+    text.reserve(output.size());
+    text.append(output);
+    return text.text();
+}
+
+void KVUtilities::openFile(const QString &path) {
+    QString error;
+    KVUtilitiesPrivate::openWithDesktop(path, &error);
+}
+
+// ---- Files ----
+
+QString KVUtilities::resolvedAlias(const QString &path) {
+    const QString target = KVUtilitiesPrivate::symbolicLinkTarget(path);
+    return target.isNull() ? path : target;
+}
+
+QString KVUtilities::fileSystemTypeFor(const QString &path) {
+    kvLog(QStringLiteral("FS Info %@"), path);
+    int result = 0;
+    const QString type = KVUtilitiesPrivate::fileSystemType(path, &result);
+    kvLog(QStringLiteral("statfs err = %d"), result);
+    return result == 0 && !type.isNull() ? type : QStringLiteral("");
+}
+
+// ---- How the program was started ----
+
+bool KVUtilitiesPrivate::runningFromDistributionDisk(const QString &bundlePath) {
+    const QString volume = removableVolumeOf(bundlePath);
+    return !volume.isNull() &&
+           (KVFileManager::fileExistsAtPath(volume + QStringLiteral("/.launchlock")) ||
+            KVFileManager::fileExistsAtPath(volume + QStringLiteral("/launchlock")));
+}
+
+bool KVUtilitiesPrivate::installationMode(const QString &bundlePath) {
+    // A quarantined copy runs from a place the system chose; so does one
+    // unpacked into the temporary folder that survives restarts.
+    return runningFromDistributionDisk(bundlePath) ||
+           bundlePath.contains(QLatin1String("/AppTranslocation/")) ||
+           bundlePath.contains(QLatin1String("/var/tmp/"));
+}
+
+bool KVUtilities::runningFromDistributionDisk() {
+    return KVUtilitiesPrivate::runningFromDistributionDisk(KVBundle::mainBundle().bundlePath());
+}
+
+bool KVUtilities::installationMode() {
+    return KVUtilitiesPrivate::installationMode(KVBundle::mainBundle().bundlePath());
+}
+
+bool KVUtilities::wasLaunchedByProcess(const QString &creatorCode) {
+    const KVProcessRef launcher =
+        KVProcess::processWithPID(KVUtilitiesPrivate::launchingProcessID());
+    return launcher && launcher->signatureString() == creatorCode;
+}
+
+bool KVUtilities::wasLaunchedAsLoginItem() { return KVUtilitiesPrivate::launchedFromAutostart(); }
+
+void KVUtilitiesPrivate::launchMicro(bool leaveWindowOrder, const QString &microPath) {
+    // Leaving full-screen mode for a flash of another application would be
+    // worse than doing nothing.
+    if (KVWindowServer::isFrontWindowFullScreen()) return;
+    const KVProcessRef front = KVProcess::frontProcess();
+    const auto pollWhile = [](const std::function<bool()> &condition) {
+        int count = 0;
+        for (; count < 500 && condition(); ++count) sleepOnePoll();
+        return count;
+    };
+    QString error;
+    if (microPath.isNull())
+        error = QStringLiteral("the helper application Micro is missing");
+    else
+        openWithDesktop(microPath, &error);
+    if (error.isEmpty()) {
+        // The remembered process is compared with itself on purpose: a fixed
+        // half second for the helper to come forward while there is one.
+        const int waited = pollWhile([&front] { return front && front->isEqual(front); });
+        kvLog(QStringLiteral("wait count (Micro) = %d"), waited);
+        if (front) {
+            front->wakeUp();
+            std::this_thread::sleep_for(std::chrono::microseconds(1));
+            front->wakeUp();
+            if (!leaveWindowOrder) front->setFrontProcessFrontWindowOnly();
+        }
+        pollWhile([&front] {
+            const KVProcessRef now = KVProcess::frontProcess();
+            return !(now && now->isEqual(front));
+        });
+    } else {
+        kvLog(QStringLiteral("** Error while running Micro: %@"), error);
+    }
+    if (front) {
+        front->setFrontProcessFrontWindowOnly();
+        front->wakeUp();
+    }
+}
+
+void KVUtilities::launchMicro(bool leaveWindowOrder) {
+    KVUtilitiesPrivate::launchMicro(
+        leaveWindowOrder,
+        KVBundle::mainBundle().pathForResource(QStringLiteral("Micro"), QStringLiteral("app")));
+}

@@ -1,10 +1,14 @@
 // System and version information: the running system's version in its several
 // forms, this program's own version strings, the ordering of version strings,
-// and small helpers that depend on the system version. Statics only.
+// and small helpers that depend on the system version; running scripts and
+// commands, opening files, resolving aliases, and how the program was started.
+// Statics only.
 #pragma once
 
 #include <QString>
+#include <QStringList>
 #include <cstdint>
+#include <optional>
 
 #include "KVCompatibility.h"
 
@@ -76,4 +80,51 @@ public:
     static bool bigSurOrNewer(double kitVersion);
     static bool montereyOrNewer(double kitVersion);
     static bool venturaOrNewer(double kitVersion);
+
+    // ---- Running programs ----
+    // These are the only places where the library starts child processes;
+    // none of them puts a path through a shell.
+
+    // Executes the script ("~" expanded) directly with the parameters (none
+    // for std::nullopt), standard input from the null device, standard output
+    // and errors into one temporary file, in the home folder. Polls every
+    // millisecond; past the time-out (seconds) the script is asked to end and
+    // its output so far is returned. The output as UTF-8 text ("" when it
+    // wrote nothing, null when it is no UTF-8); "script <name> failed: <why>"
+    // when it cannot be started. Blocks the calling thread.
+    static QString runShellScript(const QString &scriptPath,
+                                  const std::optional<QStringList> &withParameters, double timeout);
+    // The standard output of "/bin/sh -c command" once the command closes it;
+    // null when it is no UTF-8 text. Errors go where the program's go.
+    static QString shellCommandResult(const QString &command);
+    // Opens the item with the desktop's opener (an application bundle is
+    // started itself) and returns without waiting.
+    static void openFile(const QString &path);
+
+    // ---- Files ----
+
+    // The final target of a symbolic link, through chains of them; the
+    // argument itself for anything else (also for a dangling link or a loop).
+    static QString resolvedAlias(const QString &path);
+    // The type name of the file system holding the path ("ext4", "tmpfs"),
+    // "" when the path cannot be examined. Logs two lines on every call.
+    static QString fileSystemTypeFor(const QString &path);
+
+    // ---- How the program was started ----
+
+    // The main bundle lies on a removable volume that marks itself as the
+    // distribution disk with ".launchlock" or "launchlock" at its top.
+    static bool runningFromDistributionDisk();
+    // Not running from its final place: from the distribution disk or from a
+    // temporary copy.
+    static bool installationMode();
+    // The process that started this one has that four-character signature.
+    static bool wasLaunchedByProcess(const QString &creatorCode);
+    // Started by the session as one of the user's login items.
+    static bool wasLaunchedAsLoginItem();
+    // Briefly brings the helper application "Micro" of the main bundle to the
+    // front, then gives the front back to the application that had it (its
+    // front window only, unless leaveWindowOrder). Does nothing in full-screen
+    // mode. Blocks for about a second.
+    static void launchMicro(bool leaveWindowOrder);
 };

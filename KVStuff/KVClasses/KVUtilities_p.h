@@ -3,8 +3,12 @@
 // include it for the pieces they reuse.
 #pragma once
 
+#include <sys/types.h>
+
 #include <QByteArray>
 #include <QString>
+#include <QStringDecoder>
+#include <QStringList>
 #include <QStringView>
 #include <atomic>
 #include <cstdint>
@@ -40,7 +44,86 @@ double kitVersionNumber();
 bool kernelReleaseLookup(const QByteArray &release, OSType selector, uint32_t &value);
 #endif
 
+// A script running with standard output and errors going into a temporary
+// file of its own.
+class ScriptRun {
+public:
+    ScriptRun() = default;
+    // Reaps the script; one still running is reaped in the background once it
+    // ends, so it never stays a zombie.
+    ~ScriptRun();
+    ScriptRun(const ScriptRun &) = delete;
+    ScriptRun &operator=(const ScriptRun &) = delete;
+
+    // Makes the temporary file, then starts the script: the path (a leading
+    // "~" expanded) is executed directly, in the home folder, with standard
+    // input from the null device. False with the reason in *error; the
+    // temporary file, once made, then stays.
+    bool start(const QString &path, const QStringList &arguments, QString *error);
+    bool isRunning();
+    // Asks the script to end (SIGTERM); nothing once it has ended.
+    void terminate();
+    // The bytes written so far, in pieces in order; false with the reason.
+    // sizeHint gets the total first.
+    bool readOutput(const std::function<void(qint64 sizeHint)> &size,
+                    const std::function<void(QByteArrayView)> &piece, QString *error) const;
+    void removeOutput();
+
+private:
+    pid_t m_pid = -1;
+    bool m_reaped = false;
+    int m_output = -1;
+    QByteArray m_outputPath;
+};
+
+// Appends the standard output of "/bin/sh -c command" until the command
+// closes it; false when the shell could not be started.
+bool commandOutput(const QString &command, QByteArray *output);
+// Starts the desktop's opener for the item (an application bundle's own
+// executable, detached); false with the reason in *error.
+bool openWithDesktop(const QString &path, QString *error);
+// The final target of a symbolic link; null for anything else or when the
+// chain does not end in an item.
+QString symbolicLinkTarget(const QString &path);
+// The type name of the file system holding the path; *result is the status
+// of the system call (0 on success).
+QString fileSystemType(const QString &path, int *result);
+// The top folder of the removable volume the path lies on; null elsewhere.
+QString removableVolumeOf(const QString &path);
+// The process that started this one.
+pid_t launchingProcessID();
+// Started by the session from one of its autostart entries.
+bool launchedFromAutostart();
+// Whether the control-group listing (/proc/<pid>/cgroup) puts the process
+// in a unit the session made from an autostart entry.
+bool isAutostartControlGroup(const QByteArray &controlGroups);
+
 // ---- Portable half ----
+
+// UTF-8 text decoded piece by piece into one buffer, so that large output is
+// never held twice. Pieces may split a character.
+class Utf8Text {
+public:
+    // Room for that many bytes' text, so that appending never reallocates.
+    void reserve(qint64 bytes);
+    void append(QByteArrayView bytes);
+    // "" for no bytes; null when they were no UTF-8.
+    QString text();
+
+private:
+    void decode(QByteArrayView bytes);
+
+    QStringDecoder m_decoder{QStringDecoder::Utf8, QStringDecoder::Flag::Stateless};
+    QString m_text;
+    qsizetype m_length = 0;
+    // The start of a character whose end is in the next piece.
+    QByteArray m_pending;
+};
+
+bool runningFromDistributionDisk(const QString &bundlePath);
+bool installationMode(const QString &bundlePath);
+// launchMicro with the helper application at the path (null: none).
+void launchMicro(bool leaveWindowOrder, const QString &microPath);
 
 uint64_t packVersion(uint32_t major, uint32_t minor, uint32_t bugFix);
 uint32_t majorOf(uint64_t packed);
