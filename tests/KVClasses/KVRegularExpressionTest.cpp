@@ -1,0 +1,53 @@
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "KVRegularExpression.h"
+#include "QtPrinters.h"
+
+// Failure messages name the strings they were about.
+static std::ostream &operator<<(std::ostream &os, const QString &s) {
+    return os << s.toStdString();
+}
+
+// Concurrent first calls all get the one class, and it is always there.
+TEST(KVRegularExpressionTest, TheClassIsFoundOnceAndKept) {
+    std::vector<const KVRegexClass *> found(8);
+    std::vector<std::thread> threads;
+    for (auto &slot : found)
+        threads.emplace_back([&slot] { slot = KVRegularExpression::regexClass(); });
+    for (auto &t : threads) t.join();
+    EXPECT_EQ(std::set(found.begin(), found.end()).size(), 1u);
+    ASSERT_NE(found[0], nullptr);
+    EXPECT_STREQ(found[0]->name, "NSRegularExpression");
+    EXPECT_TRUE(KVRegularExpression::regexAvailable());
+}
+
+TEST(KVRegularExpressionTest, OptionsRangesAndErrors) {
+    const std::tuple<QString, NSRegularExpressionOptions, NSRange, QString> rows[] = {
+        {"a", NSRegularExpressionCaseInsensitive, {0, 6}, "x-x-xA"},
+        {"a.", NSRegularExpressionIgnoreMetacharacters, {0, 6}, "A-a-aA"},
+        {"a", {}, {2, 3}, "A-x-aA"},
+        {"^a", NSRegularExpressionAnchorsMatchLines, {0, 6}, "A-a-aA"},
+        {"a", {}, {4, 100}, "A-a-xA"}};  // a range past the end stops there
+    for (const auto &[pattern, options, range, out] : rows) {
+        QString error;
+        const auto expression =
+            KVRegularExpression::regularExpressionWithPattern(pattern, options, &error);
+        ASSERT_TRUE(expression) << error;
+        EXPECT_EQ(expression->stringByReplacingMatchesInString("A-a-aA", 0, range, "x"), out);
+    }
+
+    QString error = "untouched";
+    EXPECT_FALSE(KVRegularExpression::regularExpressionWithPattern("a{2", {}, &error));
+    EXPECT_TRUE(error.startsWith("U_REGEX_")) << error;
+
+    const auto expression = KVRegularExpression::regularExpressionWithPattern("(b)", {}, nullptr);
+    QString text = "abcb";
+    EXPECT_EQ(expression->replaceMatchesInString(text, 0, {0, text.size()}, "[$1]"), 2);
+    EXPECT_EQ(text, "a[b]c[b]");
+    EXPECT_EQ(expression->replaceMatchesInString(text, 0, {0, text.size()}, "$2", &error), -1);
+    EXPECT_EQ(text, "a[b]c[b]");
+}
