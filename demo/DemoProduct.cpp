@@ -5,16 +5,10 @@
 #include <QCoreApplication>
 #include <QTimer>
 
-#include "KVAppleEvent.h"
 #include "KVAppleEventManager.h"
 #include "KVBundle.h"
 #include "KVFourCharCode.h"
-#include "KVProcess.h"
-
-namespace {
-// The installer's four-character signature.
-const char *const kInstallerSignature = "VlIn";
-}  // namespace
+#include "KVInstallerInterface.h"
 
 int main(int argc, char **argv) {
     QCoreApplication app(argc, argv);
@@ -23,13 +17,15 @@ int main(int argc, char **argv) {
                                                          KVFourCharCode::fromString("Ping"),
                                                          [](const QString &) {});
     QTimer::singleShot(0, [] {
-        const KVProcessRef installer = KVProcess::processWithSignatureString(kInstallerSignature);
+        // The installer that started this copy, not merely the first one
+        // running: two may run at once.
+        const KVProcessRef installer = KVInstallerInterface::launchingInstaller();
         if (!installer) return;
         const QVariantMap info = KVBundle::mainBundle().infoDictionary();
         const QString label = info.value("CFBundleName").toString() + ' ' +
                               info.value("CFBundleShortVersionString").toString();
-        KVAppleEvent::send(installer->unixPID(), KVFourCharCode::fromString("SinS"),
-                           KVFourCharCode::fromString("Done"), label, 0);
+        installer->sendAppleEventClass(KVFourCharCode::fromString("SinS"),
+                                       KVFourCharCode::fromString("Done"), label);
     });
     return app.exec();
 }

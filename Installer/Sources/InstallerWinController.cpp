@@ -387,7 +387,11 @@ void InstallerWinController::openDocumentation() {
 // Command line and log
 
 bool InstallerWinController::isLaunchedWithArguments() const {
-    return m_argv.size() >= 3 && m_argv[1] != QLatin1String("-AppleLanguages");
+    return isLaunchedWithArguments(m_argv);
+}
+
+bool InstallerWinController::isLaunchedWithArguments(const QStringList &argv) {
+    return argv.size() >= 3 && argv[1] != QLatin1String("-AppleLanguages");
 }
 
 void InstallerWinController::decideLogDestination() {

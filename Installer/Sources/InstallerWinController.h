@@ -52,6 +52,7 @@ public:
 
     // Command line and product description.
     bool isLaunchedWithArguments() const;
+    static bool isLaunchedWithArguments(const QStringList &argv);
     void decideLogDestination();
     void extractArguments();
     void showSetupError(const QString &message);
@@ -80,6 +81,9 @@ public:
     QString pathToProcessToReplace() const;
     static bool signature(OSType signature, const QVariant &isInArray);
     bool isInUnsupportedFolder(const QString &path) const;
+    // The system's own such places: removable media, temporary folders and
+    // the volumes' trash folders (on Linux, in its half of the class).
+    static bool isInUnsupportedSystemFolder(const QString &path);
     bool canWriteToPath(const QString &path) const;
     bool canWriteToFileOrDirectory(const QString &path) const;
     bool canWriteToFile(const QString &path) const;
@@ -117,6 +121,9 @@ signals:
 public:
     // Where both standard streams go when launched with arguments.
     static QString logFilePath();
+    // Whether the window can be shown: a display server to talk to, or a
+    // platform asked for by name that needs none (offscreen, as tests use).
+    static bool hasDisplay();
     // The archive page offered on a system that is too old.
     static QString softwareArchiveURL();
 

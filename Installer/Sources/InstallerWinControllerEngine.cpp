@@ -106,7 +106,7 @@ bool InstallerWinController::isInUnsupportedFolder(const QString &path) const {
            (path.contains(QLatin1String("/Volumes/")) &&
             path.contains(QLatin1String("-Install"))) ||
            path.contains(QLatin1String("/Trash/")) || path.contains(QLatin1String("/.Trash/")) ||
-           path.startsWith(QLatin1String("/private/var/"));
+           path.startsWith(QLatin1String("/private/var/")) || isInUnsupportedSystemFolder(path);
 }
 
 // ---------------------------------------------------------------------------

@@ -1,8 +1,12 @@
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
 #include <cstdlib>
 
 #include "InstallerWinController.h"
@@ -10,11 +14,103 @@
 #include "KVFormat.h"
 #include "KVPath.h"
 
+namespace {
+
+// Where the desktop mounts removable media, and the temporary folders
+// (AppImages run from /tmp/.mount_*). A copy found there is one the user
+// runs from a medium or has not installed.
+bool liesInSystemPlace(const QString &path) {
+    static const QLatin1String prefixes[] = {
+        QLatin1String("/media/"), QLatin1String("/run/media/"), QLatin1String("/mnt/"),
+        QLatin1String("/tmp/"),   QLatin1String("/var/tmp/"),   QLatin1String("/dev/shm/")};
+    for (const QLatin1String &prefix : prefixes)
+        if (path.startsWith(prefix)) return true;
+    // A volume's own trash folder, .Trash-<uid> at its top.
+    static const QRegularExpression volumeTrash(QStringLiteral("/\\.Trash-[0-9]+/"));
+    return path.contains(volumeTrash);
+}
+
+// A field of /proc/self/mountinfo: spaces, tabs, line feeds and
+// backslashes come as octal escapes.
+QString mountInfoField(const QByteArray &field) {
+    QByteArray bytes;
+    for (qsizetype i = 0; i < field.size(); ++i) {
+        bool octal = false;
+        const int value =
+            field[i] == '\\' && i + 3 < field.size() ? field.mid(i + 1, 3).toInt(&octal, 8) : 0;
+        if (octal && value < 256) {
+            bytes += char(value);
+            i += 3;
+        } else {
+            bytes += field[i];
+        }
+    }
+    return QFile::decodeName(bytes);
+}
+
+// The mount point of the file system that holds the item.
+QString mountPointOf(const QString &canonicalPath, dev_t device) {
+    QFile mounts(QStringLiteral("/proc/self/mountinfo"));
+    if (!mounts.open(QIODevice::ReadOnly)) return QString();
+    const QByteArray numbers =
+        QByteArray::number(major(device)) + ':' + QByteArray::number(minor(device));
+    QString best;
+    for (const QByteArray &line : mounts.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.split(' ');
+        if (fields.size() < 5 || fields[2] != numbers) continue;
+        const QString point = mountInfoField(fields[4]);
+        const bool holds = point == QLatin1String("/") || canonicalPath == point ||
+                           canonicalPath.startsWith(point + QLatin1Char('/'));
+        // Mounted later over the same place: the later one is seen.
+        if (holds && point.size() >= best.size()) best = point;
+    }
+    return best;
+}
+
+// Whether the block device is a removable one (a partition's flag is on
+// its disk).
+bool isRemovableDevice(dev_t device) {
+    const QString real =
+        QFileInfo(QStringLiteral("/sys/dev/block/%1:%2").arg(major(device)).arg(minor(device)))
+            .canonicalFilePath();
+    if (real.isEmpty()) return false;
+    for (const QString &folder : {real, QFileInfo(real).path()}) {
+        QFile flag(folder + QStringLiteral("/removable"));
+        if (flag.open(QIODevice::ReadOnly) && flag.readAll().trimmed() == "1") return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+bool InstallerWinController::isInUnsupportedSystemFolder(const QString &path) {
+    if (path.isEmpty()) return false;
+    if (liesInSystemPlace(path)) return true;
+    // Judged again where the item really is: a link may lead onto a medium,
+    // and a medium may be mounted anywhere, as long as the desktop's
+    // media/<user>/<volume> ends its mount point.
+    const QString real = QFileInfo(path).canonicalFilePath();
+    struct stat info;
+    if (real.isEmpty() || stat(QFile::encodeName(real).constData(), &info) != 0) return false;
+    static const QRegularExpression mediaMount(QStringLiteral("(^|/)media/[^/]+/[^/]+$"));
+    return liesInSystemPlace(real) || mountPointOf(real, info.st_dev).contains(mediaMount) ||
+           isRemovableDevice(info.st_dev);
+}
+
 QString InstallerWinController::logFilePath() {
     const QString state = KVPath::userFolder(KVPath::UserFolder::State);
     // A new account may not have the folder yet; the log must still land.
     QDir().mkpath(state);
     return state + "/VelmoraInstaller.log";
+}
+
+bool InstallerWinController::hasDisplay() {
+    if (!qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+        return true;
+    // Qt's own platforms for X11 and Wayland need the server named above;
+    // any other asked for by name (offscreen, vnc, linuxfb ...) needs none.
+    const QByteArray platform = qgetenv("QT_QPA_PLATFORM").trimmed();
+    return !platform.isEmpty() && !platform.startsWith("xcb") && !platform.startsWith("wayland");
 }
 
 bool InstallerWinController::canWriteToFile(const QString &path) const {

@@ -1,12 +1,14 @@
 // The installer's entry point: hand the command line to the application and
 // let the controller set everything up.
 #include <QApplication>
+#include <QFile>
 #include <cstdio>
 #include <cstdlib>
 
 #include "InstallerWinController.h"
 #include "KVBundle.h"
 #include "KVLocalization.h"
+#include "KVLog.h"
 #include "KVUserDefaults.h"
 
 int main(int argc, char **argv) {
@@ -16,10 +18,18 @@ int main(int argc, char **argv) {
     for (int i = 0; i < argc; ++i) words << QString::fromLocal8Bit(argv[i]);
     KVUserDefaults::setArgumentDomain(words);
 
-    // Without any display the installer still runs, on the offscreen platform.
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY") &&
-        qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
+    // Nobody could see the window nor click in it: say so on the terminal
+    // and in the log, and end at once rather than wait for ever.
+    if (!InstallerWinController::hasDisplay()) {
+        const QString line = QStringLiteral(
+            "No display to show the installer on: neither DISPLAY nor WAYLAND_DISPLAY is set");
+        kvLog(line);
+        if (InstallerWinController::isLaunchedWithArguments(words) &&
+            std::freopen(QFile::encodeName(InstallerWinController::logFilePath()).constData(), "a+",
+                         stderr))
+            kvLog(line);
+        return EXIT_FAILURE;
+    }
     QApplication app(argc, argv);
     KVLocalization::installTranslations(KVBundle::mainBundle(), QStringLiteral("Installer"));
 

@@ -14,9 +14,14 @@ bool isSendable(OSType code) {
 
 int KVAppleEvent::send(pid_t pid, OSType eventClass, OSType eventID, const QString &directParameter,
                        int timeoutMilliseconds) {
+    return send(pid, {}, eventClass, eventID, directParameter, timeoutMilliseconds);
+}
+
+int KVAppleEvent::send(pid_t pid, const std::function<bool()> &isThatProcess, OSType eventClass,
+                       OSType eventID, const QString &directParameter, int timeoutMilliseconds) {
     if (!isSendable(eventClass) || !isSendable(eventID) || timeoutMilliseconds < 0) return paramErr;
-    if (pid <= 0) return procNotFound;
-    return KVAppleEventPlatform::send(pid, KVFourCharCode::toString(eventClass),
+    if (pid <= 0 || (isThatProcess && !isThatProcess())) return procNotFound;
+    return KVAppleEventPlatform::send(pid, isThatProcess, KVFourCharCode::toString(eventClass),
                                       KVFourCharCode::toString(eventID), directParameter,
                                       timeoutMilliseconds);
 }

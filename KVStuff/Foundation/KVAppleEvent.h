@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <QString>
+#include <functional>
 
 #include "KVCompatibility.h"
 
@@ -35,4 +36,10 @@ inline constexpr int errAEEventFailed = -10000;
 // (its handler runs afterwards).
 int send(pid_t pid, OSType eventClass, OSType eventID, const QString &directParameter,
          int timeoutMilliseconds);
+// As above, for one process rather than whichever now has the pid: the
+// receiver's bus connection is found first, then isThatProcess must accept
+// the pid, and the event goes to that connection alone. A pid that another
+// program took meanwhile answers procNotFound and receives nothing.
+int send(pid_t pid, const std::function<bool()> &isThatProcess, OSType eventClass, OSType eventID,
+         const QString &directParameter, int timeoutMilliseconds);
 }  // namespace KVAppleEvent

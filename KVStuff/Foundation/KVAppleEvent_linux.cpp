@@ -60,30 +60,45 @@ QDBusMessage callToTheBus(const QString &method) {
                                           "org.freedesktop.DBus", method);
 }
 
-// Asks the bus itself, which answers at once, whether anyone owns the name.
-bool hasOwner(const QDBusConnection &connection, const QString &service) {
+// The bus itself answers these at once. The unique name of the connection
+// that owns the service; a null string when nobody does.
+QString ownerOf(const QDBusConnection &connection, const QString &service) {
     const QDBusMessage answer =
-        connection.call(callToTheBus("NameHasOwner") << service, QDBus::Block);
-    return answer.type() == QDBusMessage::ReplyMessage && answer.arguments().value(0).toBool();
+        connection.call(callToTheBus("GetNameOwner") << service, QDBus::Block);
+    if (answer.type() != QDBusMessage::ReplyMessage) return QString();
+    return answer.arguments().value(0).toString();
+}
+
+pid_t pidOfConnection(const QDBusConnection &connection, const QString &uniqueName) {
+    const QDBusMessage answer =
+        connection.call(callToTheBus("GetConnectionUnixProcessID") << uniqueName, QDBus::Block);
+    if (answer.type() != QDBusMessage::ReplyMessage) return 0;
+    return pid_t(answer.arguments().value(0).toUInt());
 }
 
 }  // namespace
 
-int KVAppleEventPlatform::send(pid_t pid, const QString &eventClass, const QString &eventID,
+int KVAppleEventPlatform::send(pid_t pid, const std::function<bool()> &isThatProcess,
+                               const QString &eventClass, const QString &eventID,
                                const QString &directParameter, int timeoutMilliseconds) {
     QDBusConnection connection = senderConnection();
     if (!connection.isConnected()) return KVAppleEvent::connectionInvalid;
-    const QString service = serviceOf(pid);
-    QDBusMessage event = QDBusMessage::createMethodCall(service, kObjectPath, kInterface, "Send");
-    event << eventClass << eventID << directParameter;
     // A name without owner is no program to start: it simply is not running.
+    const QString owner = ownerOf(connection, serviceOf(pid));
+    if (owner.isEmpty()) return KVAppleEvent::procNotFound;
+    // The process is checked once its connection is known: should it end
+    // after the check, its connection ends with it, and a program that then
+    // takes the pid and the name has another connection, which this event
+    // never reaches.
+    if (isThatProcess && (pidOfConnection(connection, owner) != pid || !isThatProcess()))
+        return KVAppleEvent::procNotFound;
+    QDBusMessage event = QDBusMessage::createMethodCall(owner, kObjectPath, kInterface, "Send");
+    event << eventClass << eventID << directParameter;
     event.setAutoStartService(false);
 
-    if (timeoutMilliseconds == 0) {
-        if (!hasOwner(connection, service)) return KVAppleEvent::procNotFound;
-        // send() marks the call as wanting no reply, so the receiver sends none.
+    // send() marks the call as wanting no reply, so the receiver sends none.
+    if (timeoutMilliseconds == 0)
         return connection.send(event) ? KVAppleEvent::noErr : KVAppleEvent::connectionInvalid;
-    }
     const QDBusMessage reply = connection.call(event, QDBus::Block, timeoutMilliseconds);
     if (reply.type() == QDBusMessage::ErrorMessage)
         return codeOf(QDBusError(reply), pid, eventClass, eventID);

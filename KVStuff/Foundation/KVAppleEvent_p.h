@@ -5,14 +5,16 @@
 #include <sys/types.h>
 
 #include <QString>
+#include <functional>
 
 class KVAppleEventManager;
 
 namespace KVAppleEventPlatform {
 // Arguments are checked already: pid > 0, class and ID of four non-zero
-// characters each, time-out >= 0 (0: do not wait for the reply).
-int send(pid_t pid, const QString &eventClass, const QString &eventID,
-         const QString &directParameter, int timeoutMilliseconds);
+// characters each, time-out >= 0 (0: do not wait for the reply). An empty
+// isThatProcess accepts whichever process has the pid.
+int send(pid_t pid, const std::function<bool()> &isThatProcess, const QString &eventClass,
+         const QString &eventID, const QString &directParameter, int timeoutMilliseconds);
 
 // Makes events for this process arrive at the manager, on its thread. False,
 // with the reason, when they cannot (no session bus, name not granted).

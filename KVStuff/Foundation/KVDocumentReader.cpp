@@ -1,6 +1,5 @@
 #include "KVDocumentReader.h"
 
-#include <QFile>
 #include <QFileInfo>
 #include <QStringDecoder>
 #include <QTextDocument>
@@ -8,6 +7,7 @@
 
 #include "KVPath.h"
 #include "KVRTFReader.h"
+#include "KVRegularFile.h"
 
 namespace {
 
@@ -63,25 +63,31 @@ Format sniff(const QByteArray &data) {
     return Format::PlainText;
 }
 
-bool readFile(const QString &path, QByteArray *data) {
-    // Only regular files: a FIFO would block and a device might never end.
-    const QFileInfo info(path);
-    if (!info.isFile() || info.size() > KVDocumentReader::kMaximumFileSize) return false;
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) return false;
-    // The file may have grown since it was measured.
-    *data = file.read(KVDocumentReader::kMaximumFileSize + 1);
-    return file.error() == QFileDevice::NoError &&
-           data->size() <= KVDocumentReader::kMaximumFileSize;
-}
-
 }  // namespace
+
+QVariant KVDocumentReader::Document::loadResource(int type, const QUrl &name) {
+    // A data: URL is part of the document, which is bounded already.
+    if (name.scheme().compare(QLatin1String("data"), Qt::CaseInsensitive) == 0)
+        return QTextDocument::loadResource(type, name);
+    const QUrl url = baseUrl().resolved(name);
+    const auto bytes =
+        url.isLocalFile() ? KVRegularFile::read(url.toLocalFile(), kMaximumFileSize) : std::nullopt;
+    QByteArray answer;
+    if (bytes && m_resourceBytes + bytes->size() <= kMaximumResourceBytes) {
+        m_resourceBytes += bytes->size();
+        answer = *bytes;
+    }
+    // Kept, refusals too, so that no repaint reads the item again.
+    addResource(type, url, answer);
+    return answer;
+}
 
 bool KVDocumentReader::read(const QString &path, QTextDocument *document) {
     if (!document) return false;
     document->clear();
-    QByteArray data;
-    if (!readFile(path, &data)) return false;
+    const auto contents = KVRegularFile::read(path, kMaximumFileSize);
+    if (!contents) return false;
+    const QByteArray &data = *contents;
 
     Format format = formatForExtension(path);
     if (format == Format::Unknown) format = sniff(data);

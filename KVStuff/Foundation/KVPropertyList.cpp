@@ -3,14 +3,18 @@
 #include <plist/plist.h>
 
 #include <QDateTime>
-#include <QFile>
 #include <QSaveFile>
 #include <QStringList>
 #include <QTimeZone>
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <vector>
 
 #include "KVCLocale_p.h"
+#include "KVRegularFile.h"
 
 namespace {
 
@@ -35,9 +39,164 @@ QString takeString(char *text) {
     return s;
 }
 
+// libplist recurses once per level as it reads and frees a tree, so a
+// deeply nested list would overflow the stack there, whatever is done with
+// the tree afterwards. No real property list nests this deep.
+constexpr int kMaximumDepth = 256;
+
+bool isContainerTag(const QByteArray &data, qsizetype at) {
+    for (const char *name : {"array", "dict"}) {
+        const qsizetype length = qsizetype(std::strlen(name));
+        if (data.mid(at, length) == name && at + length < data.size()) {
+            const char next = data[at + length];
+            if (next == '>' || next == '/' || std::isspace(uchar(next))) return true;
+        }
+    }
+    return false;
+}
+
+// Counts open <array> and <dict> elements; comments, CDATA sections and
+// declarations are skipped. Malformed text passes: the parser refuses it.
+bool xmlNestsWithin(const QByteArray &data, int maximum) {
+    int depth = 0;
+    for (qsizetype at = data.indexOf('<'); at >= 0; at = data.indexOf('<', at)) {
+        ++at;
+        const auto skipTo = [&](const char *end) {
+            const qsizetype found = data.indexOf(end, at);
+            at = found < 0 ? data.size() : found;
+        };
+        if (data.mid(at, 3) == "!--") {
+            skipTo("-->");
+        } else if (data.mid(at, 8) == "![CDATA[") {
+            skipTo("]]>");
+        } else {
+            const bool closing = at < data.size() && data[at] == '/';
+            if (!isContainerTag(data, at + (closing ? 1 : 0))) continue;
+            const qsizetype end = data.indexOf('>', at);
+            if (end < 0) return true;
+            if (closing) {
+                --depth;
+            } else if (data[end - 1] != '/' && ++depth > maximum) {
+                return false;
+            }
+            at = end;
+        }
+    }
+    return true;
+}
+
+// A binary list: objects reached through references from the root, each
+// array, set or dictionary one level. Walked without recursion, each object
+// once; a reference cycle counts as too deep.
+class BinaryNesting {
+public:
+    explicit BinaryNesting(const QByteArray &data)
+        : m_bytes(reinterpret_cast<const uchar *>(data.constData())), m_size(data.size()) {}
+
+    bool within(int maximum) {
+        if (m_size < 40) return true;
+        const uchar *trailer = m_bytes + m_size - 32;
+        m_offsetSize = trailer[6];
+        m_refSize = trailer[7];
+        quint64 root = 0;
+        if (!number(m_size - 24, 8, &m_count) || !number(m_size - 16, 8, &root) ||
+            !number(m_size - 8, 8, &m_table))
+            return true;
+        // Malformed lists are left to the parser, which refuses them.
+        if (m_offsetSize < 1 || m_offsetSize > 8 || m_refSize < 1 || m_refSize > 8 ||
+            m_count == 0 || m_count > quint64(m_size) || root >= m_count ||
+            m_table >= quint64(m_size) || m_count > (quint64(m_size) - m_table) / m_offsetSize)
+            return true;
+        constexpr qint16 kUnknown = -1, kOpen = -2;
+        std::vector<qint16> heights(m_count, kUnknown);
+        struct Frame {
+            quint64 object;
+            std::vector<quint64> children;
+            size_t next = 0;
+            qint16 height = 0;
+        };
+        std::vector<Frame> stack;
+        const auto open = [&](quint64 object) {
+            heights[object] = kOpen;
+            stack.push_back({object, children(object)});
+        };
+        open(root);
+        while (!stack.empty()) {
+            Frame &frame = stack.back();
+            if (frame.next == frame.children.size()) {
+                const qint16 height = frame.height;
+                heights[frame.object] = height;
+                stack.pop_back();
+                if (!stack.empty())
+                    stack.back().height = std::max<qint16>(stack.back().height, height + 1);
+                continue;
+            }
+            const quint64 child = frame.children[frame.next++];
+            if (child >= m_count || heights[child] == kOpen) return false;
+            if (heights[child] >= 0) {
+                frame.height = std::max<qint16>(frame.height, heights[child] + 1);
+            } else if (int(stack.size()) > maximum) {
+                return false;
+            } else {
+                open(child);
+            }
+        }
+        return true;
+    }
+
+private:
+    bool number(quint64 at, int width, quint64 *value) const {
+        if (width < 1 || at > quint64(m_size) || quint64(width) > quint64(m_size) - at)
+            return false;
+        *value = 0;
+        for (int i = 0; i < width; ++i) *value = (*value << 8) | m_bytes[at + quint64(i)];
+        return true;
+    }
+
+    // The objects an array, set or dictionary refers to; none for others.
+    std::vector<quint64> children(quint64 object) const {
+        quint64 offset = 0;
+        if (!number(m_table + object * m_offsetSize, m_offsetSize, &offset) ||
+            offset >= quint64(m_size))
+            return {};
+        const uchar marker = m_bytes[offset];
+        const int type = marker >> 4;
+        if (type != 0xA && type != 0xC && type != 0xD) return {};
+        quint64 count = marker & 0xF;
+        quint64 at = offset + 1;
+        if (count == 0xF) {
+            if (at >= quint64(m_size) || (m_bytes[at] >> 4) != 0x1) return {};
+            const int width = 1 << (m_bytes[at] & 0x3);
+            if (!number(at + 1, width, &count)) return {};
+            at += 1 + quint64(width);
+        }
+        if (type == 0xD) count *= 2;
+        if (count > quint64(m_size) / m_refSize) return {};
+        std::vector<quint64> found;
+        found.reserve(size_t(count));
+        for (quint64 i = 0; i < count; ++i) {
+            quint64 reference = 0;
+            if (!number(at + i * m_refSize, m_refSize, &reference)) return {};
+            found.push_back(reference);
+        }
+        return found;
+    }
+
+    const uchar *m_bytes;
+    qsizetype m_size;
+    int m_offsetSize = 0;
+    int m_refSize = 0;
+    quint64 m_count = 0;
+    quint64 m_table = 0;
+};
+
+bool nestsWithin(const QByteArray &data, int maximum) {
+    return data.startsWith("bplist00") ? BinaryNesting(data).within(maximum)
+                                       : xmlNestsWithin(data, maximum);
+}
+
 QVariant toVariant(plist_t node, int depth) {
-    // Deeply nested input would otherwise recurse without bound.
-    if (!node || depth > 256) return {};
+    if (!node || depth > kMaximumDepth) return {};
     switch (plist_get_node_type(node)) {
         case PLIST_BOOLEAN: {
             uint8_t value = 0;
@@ -146,7 +305,8 @@ plist_t fromVariant(const QVariant &v) {
 }  // namespace
 
 QVariant KVPropertyList::fromData(const QByteArray &data) {
-    if (data.isEmpty() || data.size() > kMaximumFileSize) return {};
+    if (data.isEmpty() || data.size() > kMaximumFileSize || !nestsWithin(data, kMaximumDepth))
+        return {};
     plist_t root = nullptr;
     // The XML reader takes <real> values with atof.
     const KVCLocaleScope cLocale;
@@ -156,9 +316,8 @@ QVariant KVPropertyList::fromData(const QByteArray &data) {
 }
 
 QVariant KVPropertyList::fromFile(const QString &path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly) || file.size() > kMaximumFileSize) return {};
-    return fromData(file.readAll());
+    const auto data = KVRegularFile::read(path, kMaximumFileSize);
+    return data ? fromData(*data) : QVariant();
 }
 
 QByteArray KVPropertyList::toData(const QVariant &value, Format format) {

@@ -8,9 +8,12 @@
 #include <QUrl>
 
 namespace KVWorkspace {
-// A ".app" bundle starts its executable detached, in a session of its own;
-// anything else opens with the desktop's default application. False when
-// nothing could be started.
+// A ".app" bundle starts its executable as the desktop would: a session of
+// its own, the home folder as its current one, standard streams on
+// /dev/null, no other open file of the caller's. It is the caller's child
+// while both run (reaped when it ends, never left a zombie). Anything else
+// opens with the desktop's default application. False when nothing could be
+// started.
 bool openFile(const QString &path);
 bool openURL(const QUrl &url);
 // The bundle's own icon (CFBundleIconFile) when it has one, else the icon
@@ -19,7 +22,8 @@ QIcon iconForFile(const QString &path);
 // The image in the file, read by its name's format first: content detection
 // loads every image plugin to ask it, which costs more than a start-up's
 // whole window. A name that lies about its format still reads, through that
-// detection. A null image when nothing reads. Safe on any thread.
+// detection. Only a regular file is read, up to 64 MiB. A null image when
+// nothing reads. Safe on any thread.
 QImage imageAtPath(const QString &path);
 // Moves the item to the desktop's trash, from where the user can put it back:
 // the freedesktop.org trash of the item's volume ($XDG_DATA_HOME/Trash on

@@ -1,5 +1,7 @@
 #include "KVInstallerInterface.h"
 
+#include "KVUtilities_p.h"
+
 const QString KVInstallerKeyProductName = QStringLiteral("productName");
 const QString KVInstallerKeyVersion = QStringLiteral("version");
 const QString KVInstallerKeyMinSystemVersion = QStringLiteral("minSystemVersion");
@@ -13,3 +15,10 @@ const QString KVInstallerKeyIconPath = QStringLiteral("iconPath");
 const QString KVInstallerKeyWrapperPath = QStringLiteral("wrapperPath");
 const QString KVInstallerCompletionSound = QStringLiteral("completionSound");
 const QString KVInstallerCompletionQuit = QStringLiteral("completionQuit");
+const QString KVInstallerSignature = QStringLiteral("VlIn");
+
+KVProcessRef KVInstallerInterface::launchingInstaller() {
+    const KVProcessRef parent = KVProcess::processWithPID(KVUtilitiesPrivate::launchingProcessID());
+    if (parent && parent->signatureString() == KVInstallerSignature) return parent;
+    return KVProcess::processWithSignatureString(KVInstallerSignature);
+}

@@ -4,6 +4,8 @@
 #include <QElapsedTimer>
 #include <QStringList>
 #include <algorithm>
+#include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -24,6 +26,26 @@ namespace OS = KVProcessPrivate;
 namespace {
 constexpr OSType kCoreEventClass = 0x61657674;     // 'aevt'
 constexpr OSType kAEQuitApplication = 0x71756974;  // 'quit'
+
+// An event for the process the serial number names, never for a later one
+// that has its pid: one that has ended answers "no such process".
+int sendToProcess(const ProcessSerialNumber &psn, OSType eventClass, OSType eventID,
+                  const QString &directParameter, int timeoutMilliseconds) {
+    const pid_t pid = OS::pidForSerialNumber(psn);
+    if (pid == 0) return KVAppleEvent::procNotFound;
+    return KVAppleEvent::send(
+        pid, [psn, pid] { return OS::pidForSerialNumber(psn) == pid; }, eventClass, eventID,
+        directParameter, timeoutMilliseconds);
+}
+
+// Seconds to whole ticks of 1/60 s (truncated, like the original), then to
+// milliseconds, at least one; a wait longer than the bus can count is
+// as good as endless.
+int eventTimeoutMilliseconds(float seconds) {
+    const double milliseconds = std::trunc(double(seconds) * 60.0) * 1000.0 / 60.0;
+    if (!(milliseconds >= 1.0)) return 1;
+    return milliseconds >= double(INT_MAX) ? INT_MAX : int(milliseconds);
+}
 }  // namespace
 
 const QString KVPlatformCocoa = QStringLiteral("Cocoa");
@@ -504,13 +526,12 @@ void KVProcess::quit() {
     if (quitRunningApplicationWithTimeout(4.0f)) return;
     // The fallback goes to the process the serial number names, which may
     // have ended: the send then fails with a logged code.
-    const pid_t target = pid_t(m_psn.lowLongOfPSN);
-    if (target <= 0) {
+    if (pid_t(m_psn.lowLongOfPSN) <= 0) {
         kvLog("quitting %@ failed (%d; could not create descriptor)", name(),
               KVAppleEvent::paramErr);
         return;
     }
-    const int error = KVAppleEvent::send(target, kCoreEventClass, kAEQuitApplication, QString(), 0);
+    const int error = sendToProcess(m_psn, kCoreEventClass, kAEQuitApplication, QString(), 0);
     if (error != KVAppleEvent::noErr)
         kvLog("quitting %@ failed (%d; could not send event)", name(), error);
 }
@@ -544,7 +565,7 @@ void KVProcess::temporarilySwitchOut() {
 }
 
 void KVProcess::sendAppleEventClass(OSType eventClass, OSType eventID) {
-    const int error = KVAppleEvent::send(unixPID(), eventClass, eventID, QString(), 0);
+    const int error = sendToProcess(m_psn, eventClass, eventID, QString(), 0);
     if (error != KVAppleEvent::noErr) kvLog("*** event error: %d", error);
 }
 
@@ -553,12 +574,10 @@ void KVProcess::sendAppleEventClass(OSType eventClass, OSType eventID, float tim
         if (const KVProcessRef front = frontProcess()) (void)front->cpuTime();
     };
     sampleFrontCPU();
-    // The time-out travels in ticks of 1/60 s, truncated like the original.
-    const int ticks = int(double(timeout) * 60.0);
-    const int milliseconds = std::max(1, ticks * 1000 / 60);
     QElapsedTimer sent;
     sent.start();
-    const int error = KVAppleEvent::send(unixPID(), eventClass, eventID, QString(), milliseconds);
+    const int error =
+        sendToProcess(m_psn, eventClass, eventID, QString(), eventTimeoutMilliseconds(timeout));
     if (error != KVAppleEvent::noErr) kvLog("*** event error: %d", error);
     (void)sent.elapsed();
     sampleFrontCPU();
@@ -566,7 +585,7 @@ void KVProcess::sendAppleEventClass(OSType eventClass, OSType eventID, float tim
 
 void KVProcess::sendAppleEventClass(OSType eventClass, OSType eventID, const QString &parameter) {
     // Sent without waiting; errors are not reported.
-    (void)KVAppleEvent::send(pid_t(m_psn.lowLongOfPSN), eventClass, eventID, parameter, 0);
+    (void)sendToProcess(m_psn, eventClass, eventID, parameter, 0);
 }
 
 // ---- Custom information ----

@@ -288,8 +288,11 @@ KVProcessPrivate::QuitHandle::~QuitHandle() {
 
 bool KVProcessPrivate::QuitHandle::signal(int number) {
     if (m_pid <= 0) return false;
-    if (m_fd >= 0) return syscall(SYS_pidfd_send_signal, m_fd, number, nullptr, 0) == 0;
-    return kill(m_pid, number) == 0;
+    const long result =
+        m_fd >= 0 ? syscall(SYS_pidfd_send_signal, m_fd, number, nullptr, 0) : kill(m_pid, number);
+    // Only a process that is gone could not be reached. One we may not
+    // signal still runs: the request failed, which the wait then shows.
+    return result == 0 || errno != ESRCH;
 }
 
 bool KVProcessPrivate::QuitHandle::terminate() { return signal(SIGTERM); }

@@ -55,8 +55,9 @@ public:
 
     // Whether the process was running when the handle was made.
     bool isValid() const { return m_pid > 0; }
-    // Ask the process to end / end it. False when the request could not be
-    // delivered: the process is taken to be gone.
+    // Ask the process to end / end it. False only when the process is gone
+    // (ESRCH); a refused request (EPERM) counts as sent, and the process
+    // then simply does not end.
     bool terminate();
     bool forceTerminate();
     // Waits up to the time for the process to end, an unreaped zombie

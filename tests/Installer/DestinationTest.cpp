@@ -6,7 +6,9 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <atomic>
 #include <thread>
 
@@ -22,7 +24,10 @@ namespace {
 
 class DestinationTest : public testing::Test {
 protected:
-    void SetUp() override { folder = TestEnvironment::makeTempDir("dest"); }
+    void SetUp() override {
+        folder = TestEnvironment::makeTempDir("dest");
+        installed = TestEnvironment::makeInstalledDir("dest");
+    }
     void TearDown() override {
         for (pid_t pid : children) TestBundle::stop(pid);
         QDir(autostart()).removeRecursively();
@@ -55,6 +60,7 @@ protected:
     }
 
     QString folder;
+    QString installed;  // outside the temporary folders: copies there count
     QList<pid_t> children;
     std::unique_ptr<InstallerWinController> controller;
 };
@@ -64,19 +70,22 @@ using QuitProcessesTest = DestinationTest;
 // alternative code (which counts only with more than one code), and a copy
 // in the trash or the build's test area is never chosen.
 TEST_F(DestinationTest, RunningCopyToReplace) {
-    const QString alternative = runCopy(folder + "/a", "Alt", "Kv2b");
-    const QString main = runCopy(folder + "/b", "Main", "Kv2a");
+    ASSERT_FALSE(installed.isNull());
+    const QString alternative = runCopy(installed + "/a", "Alt", "Kv2b");
+    const QString main = runCopy(installed + "/b", "Main", "Kv2a");
     auto &c = controllerWith({"-productCode", "Kv2a", "Kv2b"});
     EXPECT_EQ(c.pathToProcessToReplace(), main);
     TestBundle::stop(children.takeLast());
     EXPECT_EQ(c.pathToProcessToReplace(), alternative);
     EXPECT_TRUE(controllerWith({"-productCode", "Kv2a"}).pathToProcessToReplace().isNull());
 
-    runCopy(folder + "/home/.Trash", "Name", "Kv3a");
+    runCopy(installed + "/home/.Trash", "Name", "Kv3a");
     EXPECT_TRUE(controllerWith({"-productCode", "Kv3a"}).pathToProcessToReplace().isNull());
-    runCopy(folder + "/build/tov", "Name", "Kv3a");
+    runCopy(installed + "/build/tov", "Name", "Kv3a");
     EXPECT_TRUE(controllerWith({"-productCode", "Kv3a"}).pathToProcessToReplace().isNull());
-    const QString good = runCopy(folder + "/build/ok", "Name", "Kv3a");
+    runCopy(folder, "Name", "Kv3a");  // a temporary folder
+    EXPECT_TRUE(controllerWith({"-productCode", "Kv3a"}).pathToProcessToReplace().isNull());
+    const QString good = runCopy(installed + "/build/ok", "Name", "Kv3a");
     EXPECT_EQ(controllerWith({"-productCode", "Kv3a"}).pathToProcessToReplace(), good);
 }
 
@@ -95,17 +104,51 @@ TEST_F(DestinationTest, UnsupportedFoldersFollowTheirExactRules) {
         {"/private/var/folders/Name.app", true},
         {"/x/private/var/Name.app", false},
         {"/Applications/Name.app", false},
+        // Removable media, temporary folders, a volume's trash.
+        {"/media/u/Product-Install/Name.app", true},
+        {"/run/media/u/Product/Name.app", true},
+        {"/mnt/usb/Name.app", true},
+        {"/tmp/Name.app", true},
+        {"/tmp/.mount_Name1x2/Name.app", true},
+        {"/var/tmp/a/Name.app", true},
+        {"/srv/disk/.Trash-1000/files/Name.app", true},
+        {"/srv/disk/.Trash-x/Name.app", false},
+        {"/home/u/media/a/Name.app", false},
+        {"/home/u/tmp/Name.app", false},
+        {"/opt/mnt/Name.app", false},
     };
     for (const auto &[path, unsupported] : cases)
         EXPECT_EQ(c.isInUnsupportedFolder(path), unsupported) << path;
     EXPECT_FALSE(c.isInUnsupportedFolder(QString()));
 }
 
+// A copy running from a medium, wherever the desktop mounted it (a tmpfs
+// at .../media/<user>/<volume> here) or through a link to it, is never the
+// one to replace: the product would be installed onto itself.
+TEST_F(DestinationTest, CopyRunningFromAMediumIsNeverReplaced) {
+    if (!Relaunch::isRoot()) GTEST_SKIP() << "mounts a file system";
+    ASSERT_FALSE(installed.isNull());
+    const QString volume = installed + "/media/kvtest/Product-Install";
+    QDir().mkpath(volume);
+    ASSERT_EQ(QProcess::execute("mount", {"-t", "tmpfs", "tmpfs", volume}), 0);
+    const auto unmount = qScopeGuard([&] {
+        TestBundle::stopProcessesAt(volume);
+        QProcess::execute("umount", {"-l", volume});
+    });
+    runCopy(volume, "Name", "Kv7a");
+    QFile::link(volume, installed + "/Link");
+    auto &c = controllerWith({"-productCode", "Kv7a"});
+    EXPECT_TRUE(c.pathToProcessToReplace().isNull());
+    EXPECT_TRUE(c.isInUnsupportedFolder(installed + "/Link/Name.app"));
+    EXPECT_FALSE(c.isInUnsupportedFolder(installed + "/Name.app"));
+}
+
 // A login item whose name starts with the product's (case counts) is where
 // the user keeps it; a hidden one, or one on an install image, is passed
 // over for the running copy.
 TEST_F(DestinationTest, LoginItemIsPreferredOverTheRunningCopy) {
-    const QString product = TestBundle::make(folder, "Product Pro", {});
+    ASSERT_FALSE(installed.isNull());
+    const QString product = TestBundle::make(installed, "Product Pro", {});
     addLoginItem("a.desktop", TestBundle::executableOf(TestBundle::make(folder, "Other", {})));
     addLoginItem("b.desktop", "\"" + TestBundle::executableOf(product) + "\" --hidden");
     auto &c = controllerWith({"-productCode", "Kv4a"});
@@ -116,7 +159,7 @@ TEST_F(DestinationTest, LoginItemIsPreferredOverTheRunningCopy) {
     const QString image = TestBundle::make(folder + "/Volumes/Name-Install", "Name", {});
     addLoginItem("1.desktop", TestBundle::executableOf(TestBundle::make(folder, "Name", {})), true);
     addLoginItem("2.desktop", TestBundle::executableOf(image));
-    const QString running = runCopy(folder + "/run", "Name", "Kv5a");
+    const QString running = runCopy(installed + "/run", "Name", "Kv5a");
     auto &d = controllerWith({"-productCode", "Kv5a"});
     LogCapture capture;
     EXPECT_EQ(d.findPreferredDestinationFor("Name"), running);
@@ -235,7 +278,8 @@ protected:
 
 TEST_F(InBundleQuitProcesses, OtherCopiesQuitWhileTheInstallerItselfStays) {
     ASSERT_EQ(KVProcess::currentProcess()->signatureString(), "Kq4s");
-    const QString other = runCopy(folder, "Other", "Kq4s");
+    ASSERT_FALSE(installed.isNull());
+    const QString other = runCopy(installed, "Other", "Kq4s");
     auto &c = controllerWith({"-productCode", "Kq4s"});
     EXPECT_EQ(c.pathToProcessToReplace(), other);
     LogCapture capture;

@@ -6,6 +6,7 @@
 
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -13,6 +14,7 @@
 #include <csignal>
 #include <ctime>
 #include <functional>
+#include <thread>
 
 #include "KVProcess.h"
 #include "LogCapture.h"
@@ -27,6 +29,17 @@ QString canonical(const QString &path) { return QFileInfo(path).canonicalFilePat
 bool wasKilled(pid_t pid) {
     int status = 0;
     return waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+// Whether the child ends within the time; leaves it unreaped.
+bool endsWithin(pid_t pid, int milliseconds) {
+    siginfo_t status{};
+    for (QDeadlineTimer until(milliseconds); !until.hasExpired();) {
+        if (waitid(P_PID, id_t(pid), &status, WEXITED | WNOHANG | WNOWAIT) == 0 && status.si_pid)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
 }
 
 class KVProcessTest : public testing::Test {
@@ -256,6 +269,39 @@ TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
     untouched->forceQuit();
     EXPECT_TRUE(wasKilled(children.takeLast()));
     gone->forceQuit();  // pid 0: nothing is run
+}
+
+// A record of an ended process whose pid a live program now has names
+// nobody: quitting it and every event to it answer "no such process", and the
+// program, which would quit on that event, runs on. A long time-out waits
+// as long as it says, here for a receiver that is stopped a while.
+TEST_F(KVProcessTest, StaleRecordsReachNobodyAndLongTimeOutsWait) {
+    qunsetenv("KV_TEST_DONE_PID");
+    const KVProcessRef live = launch(KV_TEST_PRODUCT);
+    ASSERT_TRUE(live);
+    ProcessSerialNumber ended = live->serialNumber();
+    ended.highLongOfPSN -= 1;  // the same pid, started earlier
+    const KVProcessRef stale = KVProcess::processWithSerialNumber(ended);
+    const OSType aevt = 0x61657674, quit = 0x71756974, test = 0x54455354, ping = 0x50696e67;
+    LogCapture log;
+    const std::function<void()> requests[] = {
+        [&] { stale->quit(); }, [&] { stale->sendAppleEventClass(aevt, quit); },
+        [&] { stale->sendAppleEventClass(aevt, quit, 1.0f); },
+        [&] { stale->sendAppleEventClass(aevt, quit, QString("text")); }};
+    for (const auto &request : requests) request();
+    EXPECT_EQ(log.messages().filter("-600").size(), 3) << qPrintable(log.text());
+    // Events of one sender arrive in order: this one comes after them all.
+    const pid_t pid = live->unixPID();
+    kill(pid, SIGSTOP);
+    std::thread resume([pid] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        kill(pid, SIGCONT);
+    });
+    live->sendAppleEventClass(test, ping, 40000.0f);
+    resume.join();
+    EXPECT_EQ(log.messages().filter("-600").size(), log.messages().size())
+        << qPrintable(log.text());
+    EXPECT_FALSE(endsWithin(pid, 1000));
 }
 
 TEST_F(KVProcessTest, TimesComeFromTheSystemAndTheDiagnosticsListIsSorted) {

@@ -9,6 +9,7 @@
 
 namespace {
 std::unique_ptr<QTemporaryDir> s_root;
+std::unique_ptr<QTemporaryDir> s_installedRoot;
 int s_counter = 0;
 
 void pointAt(const char *variable, const QString &folder) {
@@ -34,12 +35,24 @@ void TestEnvironment::setUp() {
     }
 }
 
-void TestEnvironment::tearDown() { s_root.reset(); }
+void TestEnvironment::tearDown() {
+    s_root.reset();
+    s_installedRoot.reset();
+}
 
 QString TestEnvironment::root() { return s_root ? s_root->path() : QString(); }
 
 QString TestEnvironment::makeTempDir(const QString &hint) {
     const QString path = QString("%1/tmp/%2-%3").arg(root(), hint).arg(++s_counter);
+    QDir().mkpath(path);
+    return path;
+}
+
+QString TestEnvironment::makeInstalledDir(const QString &hint) {
+    if (!s_installedRoot)
+        s_installedRoot = std::make_unique<QTemporaryDir>(QStringLiteral("/var/lib/kvtest-XXXXXX"));
+    if (!s_installedRoot->isValid()) return QString();
+    const QString path = QString("%1/%2-%3").arg(s_installedRoot->path(), hint).arg(++s_counter);
     QDir().mkpath(path);
     return path;
 }

@@ -14,6 +14,11 @@ void tearDown();
 QString root();
 // A new empty folder below the root, named after the hint.
 QString makeTempDir(const QString &hint);
+// A new empty folder outside the temporary folders, for copies the installer
+// is to take as installed (it passes over any under /tmp): below a root of
+// its own in /var/lib, removed at tearDown. Null when it cannot be made
+// (only root may write there).
+QString makeInstalledDir(const QString &hint);
 // Writes the bytes to the path, creating its folders.
 bool writeFile(const QString &path, const QByteArray &bytes);
 }  // namespace TestEnvironment

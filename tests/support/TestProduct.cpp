@@ -1,7 +1,7 @@
 // A product as the installer installs it: it answers the quit event like any
 // application of the platform, and once started it tells the installer named
-// by KV_TEST_DONE_PID that it runs, with the "Done" event carrying its name
-// and version. It runs until it is asked to quit.
+// by KV_TEST_DONE_PID (or the one that launched it) that it runs, with the "Done" event carrying
+// its name and version. It runs until it is asked to quit.
 #include <unistd.h>
 
 #include <QCoreApplication>
@@ -11,6 +11,7 @@
 #include "KVAppleEventManager.h"
 #include "KVBundle.h"
 #include "KVFourCharCode.h"
+#include "KVInstallerInterface.h"
 
 int main(int argc, char **argv) {
     QCoreApplication app(argc, argv);
@@ -25,13 +26,18 @@ int main(int argc, char **argv) {
         (void)!write(fd, "1", 1);
         close(fd);
     }
+    // "launcher": the installer that started it, as the demo product finds it.
+    const bool toLauncher = qgetenv("KV_TEST_DONE_PID") == "launcher";
     const pid_t installer = pid_t(qEnvironmentVariableIntValue("KV_TEST_DONE_PID"));
-    if (installer > 0) {
+    if (installer > 0 || toLauncher) {
         const QVariantMap info = KVBundle::mainBundle().infoDictionary();
         const QString label = info.value("CFBundleName").toString() + ' ' +
                               info.value("CFBundleShortVersionString").toString();
-        QTimer::singleShot(0, [installer, label] {
-            KVAppleEvent::send(installer, KVFourCharCode::fromString("SinS"),
+        QTimer::singleShot(0, [installer, toLauncher, label] {
+            const KVProcessRef launcher =
+                toLauncher ? KVInstallerInterface::launchingInstaller() : nullptr;
+            KVAppleEvent::send(launcher ? launcher->unixPID() : installer,
+                               KVFourCharCode::fromString("SinS"),
                                KVFourCharCode::fromString("Done"), label, 0);
         });
     }
