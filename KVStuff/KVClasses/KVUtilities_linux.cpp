@@ -138,14 +138,17 @@ public:
     Spawner(const Spawner &) = delete;
     Spawner &operator=(const Spawner &) = delete;
 
-    // 0, or the error number. A program without a slash is looked for in PATH.
+    // 0, or the error number. A program without a slash is looked for in
+    // PATH; one with a slash runs as it is, never handed to a shell when it
+    // is no program.
     int spawn(const QList<QByteArray> &words, pid_t *pid, bool newSession = false) {
         posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
                                                     (newSession ? POSIX_SPAWN_SETSID : 0));
         std::vector<char *> argv;
         for (const QByteArray &word : words) argv.push_back(const_cast<char *>(word.constData()));
         argv.push_back(nullptr);
-        return posix_spawnp(pid, argv[0], &actions, &m_attributes, argv.data(), environ);
+        const auto start = words[0].contains('/') ? posix_spawn : posix_spawnp;
+        return start(pid, argv[0], &actions, &m_attributes, argv.data(), environ);
     }
 
     posix_spawn_file_actions_t actions;

@@ -6,10 +6,7 @@
 #include <unistd.h>
 
 #include <QApplication>
-#include <QDeadlineTimer>
-#include <QFile>
 #include <QProcess>
-#include <QStandardPaths>
 #include <QTest>
 #include <QWidget>
 #include <algorithm>
@@ -20,72 +17,32 @@
 #include <vector>
 
 #include "KVWindowServer.h"
-#include "TestEnvironment.h"
+#include "XSession.h"
 
 namespace {
-
 constexpr int kTimeoutMs = 5000;
-
-// Ends a process the test started: SIGTERM, then SIGKILL if it lingers.
-void stop(std::unique_ptr<QProcess> &process) {
-    if (!process) return;
-    process->terminate();
-    if (!process->waitForFinished(kTimeoutMs)) process->kill();
-    process->waitForFinished(kTimeoutMs);
-    process.reset();
-}
-
-// What the process prints until the text, or in ten seconds.
-QByteArray outputUntil(QProcess &process, const QByteArray &text) {
-    QDeadlineTimer deadline(10000);
-    QByteArray output;
-    while (!output.contains(text) && process.waitForReadyRead(int(deadline.remainingTime())))
-        output += process.readAll();
-    return output;
-}
-
-// An environment variable set or unset for the length of a scope.
-class ScopedEnv {
-public:
-    ScopedEnv(const char *name, std::optional<QByteArray> value) : m_name(name) {
-        if (qEnvironmentVariableIsSet(name)) m_saved = qgetenv(name);
-        value ? qputenv(name, *value) : qunsetenv(name);
-    }
-    ~ScopedEnv() { m_saved ? qputenv(m_name, *m_saved) : qunsetenv(m_name); }
-    ScopedEnv(const ScopedEnv &) = delete;
-    ScopedEnv &operator=(const ScopedEnv &) = delete;
-
-private:
-    const char *m_name;
-    std::optional<QByteArray> m_saved;
-};
-
 }  // namespace
 
 class KVWindowServerTest : public testing::Test {
 protected:
-    static void SetUpTestSuite() { s_setupError = startServers(); }
-    static void TearDownTestSuite() {
-        s_env.clear();
-        stop(s_windowManager);
-        stop(s_xServer);
+    static void SetUpTestSuite() { XSession::start(); }
+    static void TearDownTestSuite() { XSession::stop(); }
+    void SetUp() override {
+        const QString error = XSession::start();
+        ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
     }
-    void SetUp() override { ASSERT_TRUE(s_setupError.isEmpty()) << qPrintable(s_setupError); }
     void TearDown() override {
-        for (auto &child : m_children) stop(child);
+        for (auto &child : m_children) XSession::stop(child);
     }
 
     // Starts a process showing `count` windows and waits until the window
     // manager lists them; returns its pid, 0 on failure.
     pid_t startWindows(const QString &title, int count = 1) {
-        auto &child = m_children.emplace_back(std::make_unique<QProcess>());
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("QT_QPA_PLATFORM", "xcb");
-        child->setProcessEnvironment(env);
-        child->setProcessChannelMode(QProcess::MergedChannels);
-        child->start(KV_TEST_WINDOW, {"--title", title, "--windows", QString::number(count)});
-        if (const QByteArray output = outputUntil(*child, "ready\n"); !output.contains("ready\n")) {
-            ADD_FAILURE() << "kvtest_window did not get ready: " << output.constData();
+        QString error;
+        auto &child = m_children.emplace_back(XSession::startWindowProgram(
+            KV_TEST_WINDOW, {"--title", title, "--windows", QString::number(count)}, &error));
+        if (!child) {
+            ADD_FAILURE() << "kvtest_window did not get ready: " << qPrintable(error);
             return 0;
         }
         const pid_t pid = pid_t(child->processId());
@@ -126,49 +83,7 @@ protected:
         return QTest::qWaitFor([&] { return KVWindowServer::frontProcessID() == pid; }, kTimeoutMs);
     }
 
-    static inline QString s_display;
-
 private:
-    // Why the servers could not be started; empty on success.
-    static QString startServers() {
-        for (const char *tool : {"Xvfb", "openbox", "xprop", "xdotool"})
-            if (QStandardPaths::findExecutable(tool).isEmpty())
-                return QString(
-                           "%1 is not installed; scripts/install-deps installs xvfb, openbox, "
-                           "xdotool and x11-utils")
-                    .arg(tool);
-        const QString logs = TestEnvironment::makeTempDir("xserver");
-        // -displayfd: Xvfb picks a free display and names it once it accepts
-        // connections. -noreset: else it starts afresh whenever its last client
-        // leaves, as the first xprop polls do.
-        s_xServer = std::make_unique<QProcess>();
-        s_xServer->setStandardErrorFile(logs + "/xvfb.txt");
-        s_xServer->start("Xvfb", {"-displayfd", "1", "-screen", "0", "1024x768x24", "-nolisten",
-                                  "tcp", "-noreset"});
-        const QByteArray number = outputUntil(*s_xServer, "\n");
-        if (!number.contains('\n')) return "Xvfb did not start, see " + logs;
-        s_display = ":" + QString::fromLatin1(number.trimmed());
-        // This process and every program it starts use that display alone.
-        s_env.emplace_back(std::make_unique<ScopedEnv>("DISPLAY", s_display.toLocal8Bit()));
-        s_env.emplace_back(std::make_unique<ScopedEnv>("WAYLAND_DISPLAY", std::nullopt));
-        s_env.emplace_back(std::make_unique<ScopedEnv>("XDG_SESSION_TYPE", std::nullopt));
-
-        // openbox marks the root window as managed before it really manages
-        // windows (a window mapped in between stays unmanaged); its startup
-        // command runs once it does.
-        s_windowManager = std::make_unique<QProcess>();
-        s_windowManager->setStandardOutputFile(logs + "/openbox.txt");
-        s_windowManager->setStandardErrorFile(logs + "/openbox.txt", QIODevice::Append);
-        const QString started = logs + "/openbox-started";
-        s_windowManager->start("openbox", {"--sm-disable", "--startup", "touch " + started});
-        if (!QTest::qWaitFor([&] { return QFile::exists(started); }, 10000))
-            return "openbox did not start, see " + logs;
-        return {};
-    }
-
-    static inline std::unique_ptr<QProcess> s_xServer, s_windowManager;
-    static inline QString s_setupError;
-    static inline std::vector<std::unique_ptr<ScopedEnv>> s_env;
     std::vector<std::unique_ptr<QProcess>> m_children;
 };
 
@@ -249,7 +164,7 @@ TEST_F(KVWindowServerTest, ConnectsOnlyInAnX11SessionAndReconnects) {
 
     // Another name for the same display makes the next calls open a new
     // connection; threads racing for it must all get it.
-    const ScopedEnv sameDisplay("DISPLAY", (s_display + ".0").toLocal8Bit());
+    const ScopedEnv sameDisplay("DISPLAY", (XSession::display() + ".0").toLocal8Bit());
     std::atomic<int> right = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t)

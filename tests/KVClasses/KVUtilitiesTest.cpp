@@ -1,14 +1,31 @@
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
+#include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QMap>
+#include <QProcess>
+#include <QTest>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <thread>
 
 #include "KVBundle.h"
+#include "KVPath.h"
+#include "KVProcess.h"
 #include "KVUserDefaults.h"
 #include "KVUtilities.h"
 #include "KVUtilities_p.h"
+#include "KVWindowServer.h"
 #include "LogCapture.h"
+#include "Relaunch.h"
+#include "TestBundle.h"
+#include "TestFiles.h"
+#include "XSession.h"
 
 using namespace KVUtilitiesPrivate;
 
@@ -132,4 +149,466 @@ TEST(KVUtilitiesTest, LocalizedDatesAndTheMainBundlesOwnInformation) {
     const qsizetype after = KVUtilities::appType();
     QFile::remove(path);
     EXPECT_EQ(after, before + 1);
+}
+
+// ---- Running programs ----
+
+namespace {
+
+constexpr int kTimeoutMs = 5000;
+
+bool writeScript(const QString &path, const QByteArray &body, mode_t mode = 0755) {
+    return TestFiles::makeFile(path, "#!/bin/sh\n" + body + "\n", mode);
+}
+
+QString systemError(int error) { return QString::fromLocal8Bit(strerror(error)); }
+
+// Children of this process that ended and were never reaped.
+QList<pid_t> zombieChildren() {
+    QList<pid_t> zombies;
+    for (const QString &entry : QDir("/proc").entryList(QDir::Dirs)) {
+        QFile file("/proc/" + entry + "/stat");
+        if (entry.toInt() <= 0 || !file.open(QIODevice::ReadOnly)) continue;
+        const QByteArray stat = file.readAll();
+        // pid (name) state ppid ...: the name may hold spaces and parentheses.
+        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+        if (fields.size() > 1 && fields[0] == "Z" && fields[1].toInt() == getpid())
+            zombies << entry.toInt();
+    }
+    return zombies;
+}
+
+bool noZombiesRemain() {
+    return QTest::qWaitFor([] { return zombieChildren().isEmpty(); }, kTimeoutMs);
+}
+
+// The temporary files of scripts in the folder.
+QStringList scriptFilesIn(const QString &folder) {
+    return QDir(folder).entryList({"KVScript.*"}, QDir::Files | QDir::Hidden);
+}
+
+}  // namespace
+
+// Each script is executed itself (no shell reads its path), from the home
+// folder, with nothing to read; output and errors arrive together. Past the
+// time-out the script is asked to end and what it wrote so far comes back.
+// Only a script that cannot start leaves its temporary file behind.
+TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
+    const QString folder = TestEnvironment::makeTempDir("scripts");
+    const QString temporary = TestEnvironment::makeTempDir("script-output");
+    const ScopedEnv temporaryFolder("TMPDIR", QFile::encodeName(temporary));
+    const QString home = QDir::homePath();
+    const QString odd = "-x 'q\" s.sh";
+    QString utf8Run = "xyz";
+    for (int i = 0; i < 400000; ++i) utf8Run += QStringLiteral("é\n");
+    struct Row {
+        QString script;   // in the folder, unless absolute
+        QByteArray body;  // nothing: no such file
+        mode_t mode;
+        std::optional<QStringList> parameters;
+        double timeout;
+        QString expected;
+        QStringList log;
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"report.sh", "echo \"$# [$1] [$2]\"; echo to-errors >&2; pwd; cat", 0755,
+         QStringList{"a b", "'\"$HOME;"}, 10, "2 [a b] ['\"$HOME;]\nto-errors\n" + home + "\n", {}},
+        {"silent.sh", "exit 3", 0755, std::nullopt, 10, "", {}},
+        {"latin1.sh", "printf 'caf\\351\\n'", 0755, std::nullopt, 10, QString(),
+         {"error getting result: The output is no UTF-8 text."}},
+        // A character split between two pieces of the output read.
+        {"split.sh", "printf xyz; yes 'é' | head -n 400000", 0755, std::nullopt, 10, utf8Run, {}},
+        {"slow.sh", "echo started; exec sleep 30", 0755, std::nullopt, 0.3, "started\n",
+         {"script timeout: slow.sh (null)"}},
+        {"slow-args.sh", "echo started; exec sleep 30", 0755, QStringList{"x y"}, 0.3, "started\n",
+         {"script timeout: slow-args.sh (\n    \"x y\"\n)"}},
+        {"stubborn.sh", "trap '' TERM; echo stubborn; sleep 1; echo late", 0755, std::nullopt, 0.3,
+         "stubborn\n", {"script timeout: stubborn.sh (null)"}},
+        {odd, "echo \"ok $0\"", 0755, std::nullopt, 10, "ok " + folder + "/" + odd + "\n", {}},
+        {"~/tilde.sh", "echo tilde", 0755, std::nullopt, 10, "tilde\n", {}},
+        {"nowhere.sh", {}, 0, std::nullopt, 10, "script nowhere.sh failed: " + systemError(ENOENT), {}},
+        {"plain.sh", "echo never", 0644, std::nullopt, 10, "script plain.sh failed: " + systemError(EACCES), {}},
+        {"noline.sh", {}, 0755, std::nullopt, 10, "script noline.sh failed: " + systemError(ENOEXEC), {}},
+        {folder, {}, 0, std::nullopt, 10, "script " + KVPath::lastPathComponent(folder) +
+         " failed: " + systemError(EACCES), {}}};
+    // clang-format on
+    ASSERT_TRUE(TestFiles::makeFile(folder + "/noline.sh", "echo no interpreter\n", 0755));
+    const QString previous = QDir::currentPath();
+    QDir::setCurrent(folder);
+    for (const Row &row : rows) {
+        const bool inHome = row.script.startsWith('~');
+        const QString path = inHome                       ? home + row.script.mid(1)
+                             : row.script.startsWith('/') ? row.script
+                                                          : folder + "/" + row.script;
+        if (!row.body.isEmpty()) {
+            ASSERT_TRUE(writeScript(path, row.body, row.mode));
+        }
+        LogCapture log;
+        const QString result = KVUtilities::runShellScript(
+            inHome || row.script == odd ? row.script : path, row.parameters, row.timeout);
+        EXPECT_EQ(result.isNull(), row.expected.isNull()) << qPrintable(row.script);
+        EXPECT_EQ(result, row.expected) << qPrintable(row.script);
+        EXPECT_EQ(log.messages(), row.log) << qPrintable(row.script);
+        const QStringList left = scriptFilesIn(temporary);
+        EXPECT_EQ(left.size(), row.expected.contains(" failed: ") ? 1 : 0)
+            << qPrintable(row.script);
+        for (const QString &file : left) QFile::remove(temporary + "/" + file);
+    }
+    QDir::setCurrent(previous);
+    // A script's child that goes on running does not hold the result back.
+    ASSERT_TRUE(writeScript(folder + "/parent.sh", "sleep 30 & echo $!"));
+    const pid_t left = KVUtilities::runShellScript(folder + "/parent.sh", {}, 10).toInt();
+    EXPECT_GT(left, 0);
+    EXPECT_EQ(kill(left, SIGKILL), 0);
+    // The stubborn script ends a second later, reaped in the background.
+    EXPECT_TRUE(noZombiesRemain()) << zombieChildren().size();
+    EXPECT_TRUE(scriptFilesIn(temporary).isEmpty());
+}
+
+// A gigabyte of output arrives whole, and its file goes away.
+TEST(KVUtilitiesScriptTest, AFloodOfOutputArrivesWhole) {
+    const QString temporary = TestEnvironment::makeTempDir("flood-output");
+    const ScopedEnv temporaryFolder("TMPDIR", QFile::encodeName(temporary));
+    const QString script = TestEnvironment::makeTempDir("flood") + "/flood.sh";
+    const QByteArray line = QByteArray(63, 'a') + '\n';
+    ASSERT_TRUE(writeScript(script, "yes " + line.trimmed() + " | head -c 1073741824"));
+    const QString result = KVUtilities::runShellScript(script, std::nullopt, 600);
+    ASSERT_EQ(result.size(), qsizetype(1) << 30);
+    for (const qsizetype at : {qsizetype(0), qsizetype(1) << 20, result.size() - 64})
+        EXPECT_EQ(result.mid(at, 64), QLatin1String(line)) << at;
+    EXPECT_TRUE(scriptFilesIn(temporary).isEmpty());
+}
+
+// Standard output only, as UTF-8: anything else is no text at all, not even a
+// character cut short at the end; silence is an empty text.
+TEST(KVUtilitiesScriptTest, ShellCommandsGiveTheirStandardOutputAsUtf8) {
+    QString manyLines;
+    for (int i = 0; i < 500000; ++i) manyLines += QStringLiteral("é\n");
+    // clang-format off
+    const std::pair<QString, QString> rows[] = {
+        {"echo out; echo to-errors >&2", "out\n"}, {"true", ""},
+        {"printf 'a\\000b'", QString::fromUtf8("a\0b", 3)}, {"printf '%s' \"$HOME\"", QDir::homePath()},
+        {"yes é | head -n 500000", manyLines},
+        {"printf 'caf\\351'", QString()}, {"printf '\\360\\237\\230'", QString()},
+        {"printf '\\355\\240\\200'", QString()}, {"printf '\\300\\257'", QString()},
+        // Closing its output ends the wait, though the command runs on.
+        {"exec >&-; sleep 1", ""}};
+    // clang-format on
+    for (const auto &[command, expected] : rows) {
+        const QString result = KVUtilities::shellCommandResult(command);
+        EXPECT_EQ(result.isNull(), expected.isNull()) << qPrintable(command);
+        EXPECT_EQ(result, expected) << qPrintable(command);
+    }
+    EXPECT_TRUE(noZombiesRemain());
+}
+
+// The desktop's opener gets the item's path as it is (this session's opener
+// for text is a recorder); an application bundle starts itself.
+TEST(KVUtilitiesScriptTest, OpensFilesWithTheDesktopsOpener) {
+    const QString folder = TestEnvironment::makeTempDir("open");
+    const QString record = folder + "/record.txt";
+    const QString data = qEnvironmentVariable("XDG_DATA_HOME");
+    const QString config = qEnvironmentVariable("XDG_CONFIG_HOME");
+    ASSERT_TRUE(writeScript(folder + "/recorder", "printf '%s\\n' \"$@\" > '" + record.toUtf8() +
+                                                      ".new'; mv '" + record.toUtf8() + ".new' '" +
+                                                      record.toUtf8() + "'"));
+    ASSERT_TRUE(TestEnvironment::writeFile(
+        data + "/applications/kvtest-recorder.desktop",
+        "[Desktop Entry]\nType=Application\nName=Recorder\nMimeType=text/plain;\nExec=" +
+            QFile::encodeName(folder) + "/recorder %f\n"));
+    ASSERT_TRUE(TestEnvironment::writeFile(
+        config + "/mimeapps.list", "[Default Applications]\ntext/plain=kvtest-recorder.desktop\n"));
+    // The opener asks the desktop only when there is a display to show on.
+    const ScopedEnv display(
+        "DISPLAY", qEnvironmentVariableIsSet("DISPLAY") ? qgetenv("DISPLAY") : QByteArray(":4095"));
+    const QString previous = QDir::currentPath();
+    QDir::setCurrent(folder);
+    for (const QString &name : {QString("plain.txt"), QString("a b 'q\" $x;.txt"),
+                                QString("-dash.txt"), QString("Résumé.txt")}) {
+        ASSERT_TRUE(TestEnvironment::writeFile(folder + "/" + name, "text\n"));
+        QFile::remove(record);
+        // Relative, as a caller in the folder would name it.
+        KVUtilities::openFile(name);
+        ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(record); }, 10000))
+            << qPrintable(name);
+        QFile file(record);
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        EXPECT_EQ(QString::fromUtf8(file.readAll()), folder + "/" + name + "\n");
+    }
+    QDir::setCurrent(previous);
+    EXPECT_TRUE(noZombiesRemain());
+}
+
+// ---- Files ----
+
+// Chains of links end at the canonical path of their final item; an item
+// that is no link, a dangling link and a loop answer themselves (the very
+// same text).
+TEST(KVUtilitiesFileTest, AliasesResolveThroughChainsOfSymbolicLinks) {
+    const QString folder = TestEnvironment::makeTempDir("aliases");
+    const QString target = folder + "/real folder/it's \"here\".txt";
+    ASSERT_TRUE(TestEnvironment::writeFile(target, "x"));
+    const QString real = QFileInfo(target).canonicalFilePath();
+    // clang-format off
+    const std::pair<QString, QString> links[] = {  // link, its target text
+        {"direct", target}, {"relative", "real folder/it's \"here\".txt"}, {"chain", "relative"},
+        {"chain2", folder + "/chain"}, {"to-folder", "real folder"}, {"loop-a", "loop-b"},
+        {"loop-b", "loop-a"}, {"dangling", "nowhere"}, {"-dash", "chain2"}};
+    // clang-format on
+    for (const auto &[link, text] : links)
+        ASSERT_TRUE(TestFiles::makeLink(folder + "/" + link, text)) << qPrintable(link);
+    // clang-format off
+    const std::pair<QString, QString> rows[] = {
+        {folder + "/direct", real}, {folder + "/relative", real}, {folder + "/chain2", real},
+        {folder + "/-dash", real}, {folder + "/to-folder", QFileInfo(folder + "/real folder").canonicalFilePath()},
+        {folder + "/loop-a", ""}, {folder + "/dangling", ""}, {target, ""}, {folder, ""},
+        {folder + "/missing", ""}, {"", ""}, {QString(), ""}};
+    // clang-format on
+    for (const auto &[path, expected] : rows) {
+        const QString resolved = KVUtilities::resolvedAlias(path);
+        if (expected.isEmpty()) {
+            EXPECT_EQ(resolved.constData(), path.constData()) << qPrintable(path);
+            EXPECT_EQ(resolved.isNull(), path.isNull());
+        } else {
+            EXPECT_EQ(resolved, expected) << qPrintable(path);
+        }
+    }
+}
+
+// The type of the mount that holds the path, a mount point with a space in
+// its name included; two log lines on every call.
+TEST(KVUtilitiesFileTest, FileSystemTypesComeFromTheMountHoldingThePath) {
+    if (!Relaunch::isRoot()) GTEST_SKIP() << "mounting a tmpfs needs root";
+    const QString mountPoint = TestEnvironment::makeTempDir("mount") + "/a volume";
+    const QString outside = QFileInfo(mountPoint).absolutePath();
+    QDir().mkpath(mountPoint);
+    ASSERT_EQ(QProcess::execute("mount", {"-t", "tmpfs", "kvtest", mountPoint}), 0);
+    // Unmounted again however the test ends.
+    const std::unique_ptr<const QString, void (*)(const QString *)> mounted(
+        &mountPoint, [](const QString *point) { QProcess::execute("umount", {*point}); });
+    ASSERT_TRUE(TestEnvironment::writeFile(mountPoint + "/inside/file", "x"));
+    ASSERT_TRUE(TestFiles::makeLink(outside + "/to-volume", mountPoint + "/inside"));
+    // What the system's own tool says for places outside the test's mount.
+    const auto typeOf = [](const QString &path) {
+        QProcess findmnt;
+        findmnt.start("findmnt", {"-n", "-o", "FSTYPE", "-T", path});
+        findmnt.waitForFinished(kTimeoutMs);
+        return QString::fromUtf8(findmnt.readAllStandardOutput()).trimmed();
+    };
+    // clang-format off
+    const std::tuple<QString, QString, int> rows[] = {
+        {mountPoint, "tmpfs", 0}, {mountPoint + "/inside/file", "tmpfs", 0},
+        {outside + "/to-volume", "tmpfs", 0}, {"/", typeOf("/"), 0}, {outside, typeOf(outside), 0},
+        {mountPoint + "/missing", "", -1}, {"", "", -1}};
+    // clang-format on
+    for (const auto &[path, type, status] : rows) {
+        LogCapture log;
+        EXPECT_EQ(KVUtilities::fileSystemTypeFor(path), type) << qPrintable(path);
+        EXPECT_EQ(log.messages(),
+                  QStringList({"FS Info " + path, QString("statfs err = %1").arg(status)}));
+    }
+}
+
+// ---- How the program was started ----
+
+// A bundle on a removable volume (folders under /media/<user>/ and
+// /run/media/<user>/ made by the test) is on the distribution disk when the
+// volume's top holds a marker; a temporary copy is in installation mode too.
+TEST(KVUtilitiesLaunchTest, DistributionDiskIsAMarkedRemovableVolume) {
+    if (!Relaunch::isRoot()) GTEST_SKIP() << "/media is root's";
+    const QString user = QString("kvtest-%1").arg(getpid());
+    const QString media = "/media/" + user, runMedia = "/run/media/" + user;
+    const QString disk = media + "/Disk";
+    // clang-format off
+    const std::tuple<QString, QString, bool, bool> rows[] = {  // bundle, marker, disk, mode
+        {disk + "/App.app", disk + "/.launchlock", true, true},
+        {disk + "/App.app", disk + "/launchlock", true, true},
+        {disk + "/Sub/App.app", disk + "/launchlock", true, true},
+        {runMedia + "/Disk/App.app", runMedia + "/Disk/.launchlock", true, true},
+        {disk + "/App.app", "", false, false},
+        {disk + "/App.app", disk + "/Launchlock", false, false},
+        {disk + "/App.app", disk + "/App.app/.launchlock", false, false},
+        {"/media/Disk/App.app", "", false, false},
+        {media + "/../" + user + "/Disk/App.app", disk + "/.launchlock", false, false},
+        {"/var/tmp/x/App.app", "", false, true},
+        {"/private/AppTranslocation/1/App.app", "", false, true},
+        {"/opt/App.app", "", false, false}};
+    // clang-format on
+    const bool hadRunMedia = QFileInfo::exists("/run/media");
+    for (const auto &[bundle, marker, onDisk, mode] : rows) {
+        if (!marker.isEmpty()) {
+            ASSERT_TRUE(TestEnvironment::writeFile(marker, ""));
+        }
+        EXPECT_EQ(KVUtilitiesPrivate::runningFromDistributionDisk(bundle), onDisk)
+            << qPrintable(bundle);
+        EXPECT_EQ(KVUtilitiesPrivate::installationMode(bundle), mode) << qPrintable(bundle);
+        QDir(media).removeRecursively();
+        QDir(runMedia).removeRecursively();
+    }
+    if (!hadRunMedia) QDir().rmdir("/run/media");
+}
+
+// Each systemd unit made from an autostart entry puts "@autostart.service"
+// after "app-<name>" on the process's group path.
+TEST(KVUtilitiesLaunchTest, AutostartUnitsAreToldFromTheControlGroup) {
+    // clang-format off
+    const std::pair<QByteArray, bool> rows[] = {
+        {"0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-gnome-Foo-1234@autostart.service\n", true},
+        {"1:name=systemd:/user.slice/app-kv@autostart.service/sub\n0::/\n", true},
+        {"0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-org.kv.Foo-1234.scope\n", false},
+        {"0::/user.slice/app-@autostart.service\n", false},
+        {"0::/app-x@autostart.service.d/y\n", false}, {"", false}, {"garbage", false}};
+    // clang-format on
+    for (const auto &[groups, autostarted] : rows)
+        EXPECT_EQ(KVUtilitiesPrivate::isAutostartControlGroup(groups), autostarted)
+            << groups.constData();
+}
+
+// Only in copies of this program started by the next test: how it was started.
+TEST(KVUtilitiesLaunchCopy, ReportsHowItWasStarted) {
+    if (!Relaunch::isCopy()) GTEST_SKIP() << "runs in copies";
+    const QString code = qEnvironmentVariable("KV_TEST_LAUNCHER_CODE");
+    printf("launch: disk=%d mode=%d login=%d by=%d\n", KVUtilities::runningFromDistributionDisk(),
+           KVUtilities::installationMode(), KVUtilities::wasLaunchedAsLoginItem(),
+           !code.isEmpty() && KVUtilities::wasLaunchedByProcess(code));
+}
+
+// Real starts of this program: from a bundle on a marked volume and without
+// the marker, from an autostart entry's environment, and by a launcher
+// application with a signature (a bundle around a copy of the shell, which
+// waits for what it started).
+TEST(KVUtilitiesLaunchTest, CopiesTellHowTheyWereStarted) {
+    if (Relaunch::isCopy()) GTEST_SKIP() << "starts the copies";
+    if (!Relaunch::isRoot()) GTEST_SKIP() << "/media is root's";
+    const QString filter = "KVUtilitiesLaunchCopy.*";
+    const QString volume = QString("/media/kvtest-%1/Disk").arg(getpid());
+    const QString copy = volume + "/App.app/Contents/MacOS/App";
+    const auto report = [](const QString &output) {
+        return output.section("launch: ", 1).section('\n', 0, 0);
+    };
+    QString output;
+    ASSERT_TRUE(TestEnvironment::writeFile(volume + "/.launchlock", ""));
+    ASSERT_EQ(Relaunch::runCopy(copy, filter, {}, &output), 0) << qPrintable(output);
+    EXPECT_EQ(report(output), "disk=1 mode=1 login=0 by=0");
+    QFile::remove(volume + "/.launchlock");
+    ASSERT_EQ(Relaunch::runCopy(copy, filter, {}, &output, {"DESKTOP_AUTOSTART_ID=kv-1"}), 0);
+    EXPECT_EQ(report(output), "disk=0 mode=0 login=1 by=0");
+    QDir(volume).removeRecursively();
+    QDir(KVPath::stringByDeletingLastPathComponent(volume)).removeRecursively();
+
+    const QString launcher = TestBundle::make(TestEnvironment::makeTempDir("launcher"), "Launcher",
+                                              {{"CFBundleSignature", "KVla"}}, false);
+    const QString shell = TestBundle::executableOf(launcher);
+    ASSERT_TRUE(QFile::copy("/bin/sh", shell));
+    QFile::setPermissions(shell, QFile::ReadOwner | QFile::ExeOwner);
+    for (const auto &[code, by] : {std::pair{"KVla", "1"}, std::pair{"KVxx", "0"}}) {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("KV_TEST_COPY", "1");
+        environment.insert("KV_TEST_LAUNCHER_CODE", code);
+        process.setProcessEnvironment(environment);
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start(shell, {"-c", "\"$0\" \"$@\"; exit $?",
+                              QCoreApplication::applicationFilePath(), "--gtest_filter=" + filter});
+        ASSERT_TRUE(process.waitForFinished(60000));
+        EXPECT_EQ(report(QString::fromLocal8Bit(process.readAll())),
+                  QString("disk=0 mode=0 login=0 by=") + by);
+    }
+}
+
+// launchMicro among real windows of a real window manager: the helper
+// application comes to the front for a moment, then the front goes back to
+// the application that had it.
+class KVUtilitiesMicroTest : public testing::Test {
+protected:
+    static void TearDownTestSuite() { XSession::stop(); }
+    void SetUp() override {
+        const QString error = XSession::start();
+        ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
+    }
+    void TearDown() override {
+        XSession::stop(m_window);
+        TestBundle::stopProcessesAt(kMicro);
+    }
+
+    pid_t startWindow(const QStringList &arguments = {}) {
+        QString error;
+        m_window = XSession::startWindowProgram(KV_TEST_WINDOW, arguments, &error);
+        if (!m_window) ADD_FAILURE() << "kvtest_window did not get ready: " << qPrintable(error);
+        const pid_t pid = m_window ? pid_t(m_window->processId()) : 0;
+        if (pid) KVWindowServer::bringProcessToFront(pid, false);
+        EXPECT_TRUE(
+            QTest::qWaitFor([pid] { return KVWindowServer::frontProcessID() == pid; }, kTimeoutMs));
+        return pid;
+    }
+
+    // Runs launchMicro on another thread while this one notes the program of
+    // every process that is in front; the log it wrote.
+    QStringList launchMicro(const QString &micro, QStringList *fronts) {
+        // The helper is a program of the desktop, not of this offscreen test.
+        const ScopedEnv platform("QT_QPA_PLATFORM", "xcb");
+        LogCapture log;
+        std::atomic<bool> done = false;
+        std::thread caller([&] {
+            KVUtilitiesPrivate::launchMicro(false, micro);
+            done = true;
+        });
+        while (!done) {
+            const QString front = executableOf(KVWindowServer::frontProcessID());
+            if (!fronts->contains(front)) fronts->append(front);
+            QTest::qWait(5);
+        }
+        caller.join();
+        return log.messages();
+    }
+
+    static QString executableOf(pid_t pid) {
+        return QFileInfo(QString("/proc/%1/exe").arg(pid)).symLinkTarget();
+    }
+
+    static inline const QString kMicro =
+        QStringLiteral(KV_INSTALLER_APP "/Contents/Resources/Micro.app");
+    std::unique_ptr<QProcess> m_window;
+};
+
+TEST_F(KVUtilitiesMicroTest, TheFrontGoesToMicroAndBack) {
+    const pid_t window = startWindow();
+    ASSERT_GT(window, 0);
+    EXPECT_FALSE(KVWindowServer::isFrontWindowFullScreen());
+    QStringList fronts;
+    EXPECT_EQ(launchMicro(kMicro, &fronts), QStringList("wait count (Micro) = 500"));
+    EXPECT_TRUE(fronts.contains(kMicro + "/Contents/MacOS/Micro")) << qPrintable(fronts.join(' '));
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return KVWindowServer::frontProcessID() == window; }, kTimeoutMs));
+    // Micro quits by itself, and nobody leaves it a zombie.
+    EXPECT_TRUE(QTest::qWaitFor(
+        [] {
+            const QList<KVProcessRef> all = KVProcess::allProcesses();
+            return std::none_of(all.begin(), all.end(), [](const KVProcessRef &process) {
+                return process->path() == kMicro;
+            });
+        },
+        kTimeoutMs));
+    EXPECT_TRUE(noZombiesRemain());
+}
+
+// Without a front process the first wait is skipped; a missing helper is
+// logged and the front stays; in full-screen mode nothing happens at all.
+TEST_F(KVUtilitiesMicroTest, NoFrontProcessMissingHelperOrFullScreen) {
+    QStringList fronts;
+    if (KVWindowServer::frontProcessID() == 0) {
+        EXPECT_EQ(launchMicro(kMicro, &fronts), QStringList("wait count (Micro) = 0"));
+    }
+    const pid_t window = startWindow();
+    ASSERT_GT(window, 0);
+    EXPECT_EQ(launchMicro(QString(), &fronts),
+              QStringList("** Error while running Micro: the helper application Micro is missing"));
+    EXPECT_EQ(KVWindowServer::frontProcessID(), window);
+    XSession::stop(m_window);
+    const pid_t fullScreen = startWindow({"--fullscreen"});
+    ASSERT_TRUE(
+        QTest::qWaitFor([] { return KVWindowServer::isFrontWindowFullScreen(); }, kTimeoutMs));
+    EXPECT_EQ(launchMicro(kMicro, &fronts), QStringList());
+    EXPECT_EQ(KVWindowServer::frontProcessID(), fullScreen);
 }

@@ -3,6 +3,7 @@
 // are on screen, and runs until it is killed.
 //   --title NAME  window title; with several windows "NAME 1", "NAME 2", ...
 //   --windows N   number of top-level windows (default 1)
+//   --fullscreen  the windows fill the screen
 #include <QApplication>
 #include <QTimer>
 #include <QWidget>
@@ -16,6 +17,7 @@ int main(int argc, char **argv) {
     QString title = QStringLiteral("kvtest_window");
     int count = 1;
     const QStringList arguments = app.arguments();
+    const bool fullScreen = arguments.contains(QLatin1String("--fullscreen"));
     for (qsizetype i = 1; i + 1 < arguments.size(); ++i) {
         if (arguments[i] == QLatin1String("--title"))
             title = arguments[++i];
@@ -28,7 +30,7 @@ int main(int argc, char **argv) {
         auto window = std::make_unique<QWidget>();
         window->setWindowTitle(count == 1 ? title : QStringLiteral("%1 %2").arg(title).arg(i + 1));
         window->setGeometry(40 + 60 * i, 40 + 40 * i, 240, 160);
-        window->show();
+        fullScreen ? window->showFullScreen() : window->show();
         windows.push_back(std::move(window));
     }
 
