@@ -696,10 +696,15 @@ float StringExtensions::reasonableTextFactor(const QString &s, const QString &la
                 ++good;
             else
                 ++bad;
-        } else if (U_GET_GC_MASK(c) & (U_GC_L_MASK | U_GC_M_MASK | U_GC_N_MASK)) {
-            ++good;
-        } else if (u_charType(c) == U_UNASSIGNED) {
-            bad += 10;
+        } else if (c < 0x80) {
+            // ASCII holds no marks and no unassigned code points.
+            good += (c >= u'0' && c <= u'9') || ((c | 0x20) >= u'a' && (c | 0x20) <= u'z');
+        } else {
+            const int8_t type = u_charType(c);
+            if (U_MASK(type) & (U_GC_L_MASK | U_GC_M_MASK | U_GC_N_MASK))
+                ++good;
+            else if (type == U_UNASSIGNED)
+                bad += 10;
         }
     }
     return float(good - bad) / float(n);

@@ -1,6 +1,5 @@
 #include "KVProcess.h"
 
-#include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QStringList>
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include "KVUserDefaults.h"
 #include "KVWindowServer.h"
 #include "KVWorkspace.h"
+#include "StringExtensions.h"
 
 namespace OS = KVProcessPrivate;
 
@@ -405,11 +405,8 @@ QString KVProcess::hashStringSource() const {
     return QStringLiteral("name:") + name();
 }
 
-QString KVProcess::hashString() const {
-    const QByteArray digest =
-        QCryptographicHash::hash(hashStringSource().toUtf8(), QCryptographicHash::Md5);
-    return QString::fromLatin1(digest.toHex());
-}
+// The library's one MD5 digest of a text.
+QString KVProcess::hashString() const { return StringExtensions::MD5String(hashStringSource()); }
 
 // ---- Identity ----
 
