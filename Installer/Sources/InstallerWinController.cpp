@@ -1,6 +1,7 @@
 #include "InstallerWinController.h"
 
 #include <QApplication>
+#include <QDeadlineTimer>
 #include <QFileInfo>
 #include <QMessageBox>
 #include <QScreen>
@@ -9,7 +10,9 @@
 #include <QTextDocument>
 #include <QThread>
 #include <QTimer>
+#include <climits>
 #include <cstdio>
+#include <functional>
 
 #include "InstallerWindow.h"
 #include "KVAppleEventManager.h"
@@ -41,6 +44,19 @@ QString localized(const QString &key) { return KVLocalization::localizedString(k
 // Messages separate their lines with carriage returns; labels break on
 // line feeds.
 QString forDisplay(QString text) { return text.replace(QLatin1Char('\r'), QLatin1Char('\n')); }
+
+// Runs the action on the context's thread once the deadline has passed. A
+// timer counts at most 2^31 - 1 milliseconds (24.8 days): a longer wait goes
+// in such steps rather than wrap around into an early call.
+void callAt(QDeadlineTimer deadline, QObject *context, const std::function<void()> &action) {
+    const qint64 left = deadline.remainingTime();
+    if (left == 0) {
+        action();
+        return;
+    }
+    const int step = left < 0 || left > INT_MAX ? INT_MAX : int(left);
+    QTimer::singleShot(step, context, [=] { callAt(deadline, context, action); });
+}
 
 }  // namespace
 
@@ -180,7 +196,7 @@ int InstallerWinController::loadReadMe() {
     const QString readMe = m_arguments.value(KVInstallerKeyReadMePath).toString();
     if (readMe.isEmpty() || !KVFileManager::fileExistsAtPath(readMe)) return 1;
     ViewExtensions::useLightAquaAppearance(m_ui.readMeTextView, true);
-    QTextDocument *document = new QTextDocument(m_ui.readMeTextView);
+    auto *document = new KVDocumentReader::Document(m_ui.readMeTextView);
     KVDocumentReader::read(readMe, document);
     m_ui.readMeTextView->setDocument(document);
     return 0;
@@ -330,6 +346,7 @@ void InstallerWinController::installationFinished(const QString &message) {
         m_ui.cancelButton->setEnabled(true);
     } else {
         showFinalMessage("%@ was successfully installed.");
+        kvLog("showing the success page");
         // Drawn only now: the style's icons cost a good share of start-up.
         if (m_ui.checkmarkField->pixmap().isNull())
             m_ui.checkmarkField->setPixmap(
@@ -345,7 +362,13 @@ void InstallerWinController::installationFinished(const QString &message) {
         const double delay =
             KVUserDefaults::doubleValue(m_arguments.value(KVInstallerCompletionQuit).toString());
         kvLog("quit delay: %1.1f", delay);
-        if (delay > 0) QTimer::singleShot(qRound64(delay * 1000.0), this, [this] { terminate(); });
+        if (delay > 0) {
+            // Beyond what a deadline counts, as good as never.
+            const QDeadlineTimer deadline = delay * 1000.0 < 9e18
+                                                ? QDeadlineTimer(qRound64(delay * 1000.0))
+                                                : QDeadlineTimer(QDeadlineTimer::Forever);
+            callAt(deadline, this, [this] { terminate(); });
+        }
     }
 }
 
@@ -356,9 +379,10 @@ void InstallerWinController::installAppleEvents() {
         KVAppleEventManager::sharedManager().setEventHandler(
             KVFourCharCode::fromString("SinS"), KVFourCharCode::fromString("Done"),
             [this](const QString &text) { installationDone(text); });
+        // Only once the handler is in place (the log decision waits for it).
+        kvLog("AppleEvents installed");
     });
     m_receivesDoneEvents = true;
-    kvLog("AppleEvents installed");
 }
 
 void InstallerWinController::installationDone(const QString &directParameter) {
@@ -395,6 +419,8 @@ bool InstallerWinController::isLaunchedWithArguments(const QStringList &argv) {
 }
 
 void InstallerWinController::decideLogDestination() {
+    // The event handler's line comes first, where standard error went before.
+    if (m_eventsInstalling.valid()) m_eventsInstalling.wait();
     if (!isLaunchedWithArguments()) {
         kvLog("direct invocation");
         return;

@@ -1,6 +1,7 @@
 // The installation engine's half of InstallerWinController: where the
 // product goes, whether that place is writable, and which running copies
 // must quit first.
+#include <QFileInfo>
 #include <QMetaObject>
 #include <QThread>
 #include <chrono>
@@ -113,7 +114,10 @@ bool InstallerWinController::isInUnsupportedFolder(const QString &path) const {
 // Writability
 
 bool InstallerWinController::canWriteToPath(const QString &path) const {
-    if (KVFileManager::fileExistsAtPath(path) && !canWriteToFileOrDirectory(path)) {
+    // A link is replaced, never written through: its folder decides, also
+    // for one that leads nowhere (which no writability test could pass).
+    if (KVFileManager::fileExistsAtPath(path) && !QFileInfo(path).isSymLink() &&
+        !canWriteToFileOrDirectory(path)) {
         kvLog("Cannot write to item %@", path);
         return false;
     }

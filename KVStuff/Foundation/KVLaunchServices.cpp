@@ -38,6 +38,15 @@ QString execArgument(const QString &word) {
     return escapedValue(quoted + '"');
 }
 
+// The desktop checks an entry by looking for its program as written, before
+// "%%" turns back into "%": a program whose path holds "%" is therefore
+// started through env, which the desktop always finds.
+QString execLine(const QString &executable) {
+    const QString program = execArgument(executable);
+    return executable.contains(QLatin1Char('%')) ? QStringLiteral("/usr/bin/env ") + program
+                                                 : program;
+}
+
 }  // namespace
 
 QString KVLaunchServices::desktopEntryFor(const QString &bundlePath, const QString &iconPath) {
@@ -51,7 +60,7 @@ QString KVLaunchServices::desktopEntryFor(const QString &bundlePath, const QStri
                       QStringLiteral("Type=Application"),
                       QStringLiteral("Version=1.4"),
                       "Name=" + escapedValue(name),
-                      "Exec=" + execArgument(bundle->executablePath()),
+                      "Exec=" + execLine(bundle->executablePath()),
                       QStringLiteral("Terminal=false")};
     if (!iconPath.isEmpty()) lines << "Icon=" + escapedValue(iconPath);
     // Where the bundle is, for whoever wants to find it again.

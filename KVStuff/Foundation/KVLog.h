@@ -6,6 +6,8 @@
 
 namespace KVLog {
 // Writes the line with a single write() so lines of two threads never mix.
+// A message longer than 16384 characters is cut there, and the line says
+// how much was left out.
 void writeLine(const QString &message);
 // "2026-11-21 09:15:02.123 Installer[4242:4243] " for the calling thread, now.
 QString linePrefix();

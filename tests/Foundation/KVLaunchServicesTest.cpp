@@ -9,10 +9,12 @@
 #include <QImageWriter>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QTest>
 #include <limits>
 
 #include "KVLaunchServices.h"
 #include "KVLoginItems.h"
+#include "KVProcess.h"
 #include "KVUserDefaults.h"
 #include "TestBundle.h"
 #include "TestEnvironment.h"
@@ -32,10 +34,11 @@ protected:
 };
 }  // namespace
 
-// The entry must pass the desktop's own validator, show the icon converted to
-// a PNG, and start the executable whatever the path holds: inside the quotes
-// ", `, $ and \ are escaped and % doubles, then the whole value escapes its
-// backslashes once more.
+// The entry must pass the desktop's own validator and launcher, show the icon
+// converted to a PNG, and start the executable whatever the path holds:
+// inside the quotes ", `, $ and \ are escaped and % doubles, then the whole
+// value escapes its backslashes once more; a program with "%" in its path
+// starts through env, as the launcher looks for it before undoubling.
 TEST_F(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) {
     const QString bundle = TestBundle::make(folder + "/a \"b\" $c `d` %e", "Shown App",
                                             {{"CFBundleIdentifier", "org.velmora.test.shown"},
@@ -48,7 +51,7 @@ TEST_F(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) 
     EXPECT_EQ(KVLaunchServices::registerURL(bundle, true), KVLaunchServices::noErr);
     const QString entry = read(entryPath("org.velmora.test.shown"));
     const QString exec =
-        "\nExec=\"%1/a \\\\\"b\\\\\" \\\\$c \\\\`d\\\\` %%e"
+        "\nExec=/usr/bin/env \"%1/a \\\\\"b\\\\\" \\\\$c \\\\`d\\\\` %%e"
         "/Shown App.app/Contents/MacOS/Shown App\"\n";
     EXPECT_TRUE(entry.contains(exec.arg(folder))) << qPrintable(entry);
     const QString png = qEnvironmentVariable("XDG_DATA_HOME") +
@@ -60,6 +63,14 @@ TEST_F(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) 
     ASSERT_FALSE(validator.isEmpty()) << "scripts/install-deps installs desktop-file-utils";
     // What it objects to appears in the test's output.
     EXPECT_EQ(QProcess::execute(validator, {entryPath("org.velmora.test.shown")}), 0);
+    EXPECT_EQ(QProcess::execute("gio", {"launch", entryPath("org.velmora.test.shown")}), 0);
+    const auto started = [&] {
+        for (const KVProcessRef &process : KVProcess::allProcesses())
+            if (process->path() == bundle) return true;
+        return false;
+    };
+    EXPECT_TRUE(QTest::qWaitFor(started, 10000));
+    TestBundle::stopProcessesAt(bundle);
 }
 
 // No application bundle, no identifier, or one that would write outside the

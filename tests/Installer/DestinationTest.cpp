@@ -169,6 +169,16 @@ TEST_F(DestinationTest, LoginItemIsPreferredOverTheRunningCopy) {
               (QStringList{"autolaunch = " + image, "autolaunch = (null)"}));
 }
 
+// A link at the destination is replaced, not written through: its folder
+// decides, also for one that leads nowhere.
+TEST_F(DestinationTest, ALinkAtTheDestinationIsJudgedByItsFolder) {
+    InstallerWinController c({"/x"}, "/opt/I.app");
+    QFile::link(folder + "/gone", folder + "/Dangling.app");
+    LogCapture capture;
+    EXPECT_TRUE(c.canWriteToPath(folder + "/Dangling.app"));
+    EXPECT_EQ(capture.text(), "");
+}
+
 // Root may write anywhere: the refusals are seen from the unprivileged user.
 TEST_F(DestinationTest, UnwritablePlacesAreReportedForAnUnprivilegedUser) {
     if (!Relaunch::isRoot()) GTEST_SKIP() << "runs the user's half itself";
