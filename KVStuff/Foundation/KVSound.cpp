@@ -43,30 +43,37 @@ struct Wave {
 constexpr sf_count_t kMaxDecodedSamples = sf_count_t(1) << 25;
 
 // What libsndfile reads besides WAV (Ogg Vorbis above all, the format of the
-// desktop's sound theme), decoded into 32-bit floats.
-std::optional<Wave> decodeWithLibsndfile(QFile &file) {
+// desktop's sound theme), decoded into 32-bit floats. Read block by block: a
+// damaged file may claim any length, or none, and gives what decodes before
+// the damage.
+std::optional<Wave> decodeWithLibsndfile(const QString &path) {
     SF_INFO info{};
-    SNDFILE *sound = sf_open_fd(file.handle(), SFM_READ, &info, SF_FALSE);
+    SNDFILE *sound = sf_open(QFile::encodeName(path).constData(), SFM_READ, &info);
     if (!sound) return std::nullopt;
-    std::optional<Wave> wave;
-    if (info.channels >= 1 && info.samplerate >= 1 && info.frames > 0 &&
-        info.frames <= kMaxDecodedSamples / info.channels) {
-        QByteArray samples(qsizetype(info.frames * info.channels * sizeof(float)),
-                           Qt::Uninitialized);
-        // A damaged file gives what could be decoded before the damage.
-        const sf_count_t frames =
-            sf_readf_float(sound, reinterpret_cast<float *>(samples.data()), info.frames);
-        if (frames > 0) {
-            samples.truncate(qsizetype(frames * info.channels * sizeof(float)));
-            wave.emplace();
-            wave->format.setChannelCount(info.channels);
-            wave->format.setSampleRate(info.samplerate);
-            wave->format.setSampleFormat(QAudioFormat::Float);
-            wave->samples = samples;
-            wave->duration = double(frames) / info.samplerate;
+    constexpr sf_count_t kBlockFrames = 4096;
+    const sf_count_t frameBytes = info.channels * sf_count_t(sizeof(float));
+    QByteArray samples;
+    sf_count_t frames = 0;
+    while (info.channels >= 1 && info.samplerate >= 1) {
+        if ((frames + kBlockFrames) * info.channels > kMaxDecodedSamples) {
+            frames = 0;  // too long for a sound effect
+            break;
         }
+        samples.resize(qsizetype((frames + kBlockFrames) * frameBytes));
+        const sf_count_t got = sf_readf_float(
+            sound, reinterpret_cast<float *>(samples.data() + frames * frameBytes), kBlockFrames);
+        if (got <= 0) break;
+        frames += got;
     }
+    samples.truncate(qsizetype(frames * frameBytes));
     sf_close(sound);
+    if (frames <= 0) return std::nullopt;
+    Wave wave;
+    wave.format.setChannelCount(info.channels);
+    wave.format.setSampleRate(info.samplerate);
+    wave.format.setSampleFormat(QAudioFormat::Float);
+    wave.samples = samples;
+    wave.duration = double(frames) / info.samplerate;
     return wave;
 }
 
@@ -77,7 +84,10 @@ std::optional<Wave> readSound(const QString &path) {
     QFile file(path);
     if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly)) return std::nullopt;
     const QByteArray header = file.peek(12);
-    if (!header.startsWith("RIFF") || header.mid(8, 4) != "WAVE") return decodeWithLibsndfile(file);
+    if (!header.startsWith("RIFF") || header.mid(8, 4) != "WAVE") {
+        file.close();
+        return decodeWithLibsndfile(path);
+    }
     const QByteArray bytes = file.readAll();
     Wave wave;
     int bits = 0;

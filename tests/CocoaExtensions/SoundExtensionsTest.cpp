@@ -1,16 +1,23 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
 #include <QTest>
+#include <algorithm>
 #include <atomic>
 
+#include "KVBundle.h"
 #include "KVUserDefaults.h"
 #include "LogCapture.h"
 #include "SoundExtensions.h"
 #include "SoundExtensions_p.h"
 #include "SoundServer.h"
+#include "TestBundle.h"
+#include "TestEnvironment.h"
 
 using namespace SoundExtensions;
 
@@ -186,4 +193,152 @@ TEST_F(SoundExtensionsTest, PrepareForSoundPlaysSilenceOnlyAfter25SecondsWithout
     ASSERT_TRUE(QTest::qWaitFor([&] { return !sound.isPlaying(); }, 5000));
     EXPECT_EQ(prepareAt(60), 0);
     EXPECT_EQ(prepareAt(66), 1);
+}
+
+// ---- The catalogue ----
+
+namespace {
+const QString kThemeBell = QStringLiteral("/usr/share/sounds/freedesktop/stereo/bell.oga");
+
+QString userSounds() { return qEnvironmentVariable("XDG_DATA_HOME") + "/sounds"; }
+
+bool makeFiles(const QString &folder, const QStringList &names) {
+    return std::all_of(names.begin(), names.end(), [&](const QString &name) {
+        return TestEnvironment::writeFile(folder + "/" + name, "sound");
+    });
+}
+}  // namespace
+
+// The 23 entries exactly, matched as they are: case counts, and only the
+// part after the last dot of the last component is an extension.
+TEST(SoundExtensionsCatalogue, SoundFilesAreToldByTheirExactExtension) {
+    EXPECT_EQ(soundFileExtensions().size(), 23);
+    EXPECT_TRUE(soundFileExtensions().contains("'Mp3 '") &&
+                soundFileExtensions().contains("'ALAW'"));
+    // clang-format off
+    const std::pair<const char *, bool> rows[] = {
+        {"Ping.AIFF", true}, {"Ping.Aiff", false}, {"/a/b.aif", true}, {"x.AIFC", true},
+        {"x.aifc", true}, {"x.WAV", true}, {"x.Wav", false}, {"x.snd", true}, {"x.SND", true},
+        {"x.au", true}, {"x.AU", true}, {"x.mp3", true}, {"x.MP3", true}, {"x.ulw", true},
+        {"x.ULW", true}, {"x.m4a", true}, {"x.M4A", false}, {"x.m4p", true}, {"x.oga", false},
+        {"x.tar.wav", true}, {"x.wav.txt", false}, {"x.wav/", true}, {".wav", false},
+        {"wav", false}, {"a.wav/b", false}, {"", false}};
+    // clang-format on
+    for (const auto &[path, accepted] : rows) EXPECT_EQ(isSoundFileAtPath(path), accepted) << path;
+}
+
+// The application's sound files first, in the bundle's order; then each
+// folder's, folder by folder, not looking into subfolders, and taking the
+// theme folder's Ogg files too. A folder that is missing or is a file gives
+// nothing; a name that is no UTF-8 could never be opened through its path
+// and is left out.
+TEST(SoundExtensionsCatalogue, ListsTheApplicationsThenEachFoldersSoundsAndFindsThemByName) {
+    const QString root = TestEnvironment::makeTempDir("catalogue");
+    const QString bundlePath = TestBundle::make(root, "Sounds", {}, false);
+    const QString resources = bundlePath + "/Contents/Resources";
+    ASSERT_TRUE(makeFiles(resources, {"Glass.wav", "Glass.aiff", "SoundOfSilence.wav", "Ping.Aiff",
+                                      "Basso.m4a", "notes.txt"}));
+    const QString system = root + "/system", theme = root + "/theme", user = root + "/user";
+    ASSERT_TRUE(makeFiles(system, {"Glass.aiff", "Tink.wav", "Deep/Deep.wav", "Sub.wav/x"}));
+    ASSERT_TRUE(makeFiles(theme, {"bell.oga", "alarm.ogg", "Tink.oga", "Ping.AIFF"}));
+    ASSERT_TRUE(makeFiles(user, {"Tink.wav", "Pop.mp3", "Ping.oga", "a file"}));
+    ASSERT_EQ(mkfifo(QFile::encodeName(user + "/Pipe.wav").constData(), 0644), 0);
+    const QByteArray oddName = QFile::encodeName(user) + "/\xff.wav";
+    const int odd = open(oddName.constData(), O_CREAT | O_WRONLY, 0644);
+    ASSERT_GE(odd, 0);
+    close(odd);
+    const QList<SoundExtensionsPlatform::SoundFolder> folders = {
+        {system, ""}, {theme, "oga"}, {root + "/missing", ""}, {user + "/a file", ""}, {user, ""}};
+    const std::optional<KVBundle> bundle = KVBundle::bundleWithPath(bundlePath);
+    ASSERT_TRUE(bundle);
+
+    EXPECT_EQ(SoundExtensionsPrivate::applicationSoundFiles(*bundle),
+              QStringList({resources + "/Basso.m4a", resources + "/Glass.aiff",
+                           resources + "/Glass.wav", resources + "/SoundOfSilence.wav"}));
+    const QStringList found = SoundExtensionsPrivate::systemSoundFiles(folders);
+    // Within a folder the system's listing order counts, which no test can
+    // fix; the folders' order can be checked.
+    QList<qsizetype> folderOrder;
+    for (const QString &path : found)
+        folderOrder << std::find_if(folders.begin(), folders.end(), [&](const auto &folder) {
+                           return path.startsWith(folder.path + "/");
+                       }) - folders.begin();
+    EXPECT_TRUE(std::is_sorted(folderOrder.begin(), folderOrder.end()));
+    QStringList sorted = found;
+    sorted.sort();
+    EXPECT_EQ(sorted,
+              QStringList({system + "/Glass.aiff", system + "/Sub.wav", system + "/Tink.wav",
+                           theme + "/Ping.AIFF", theme + "/Tink.oga", theme + "/bell.oga",
+                           user + "/Pipe.wav", user + "/Pop.mp3", user + "/Tink.wav"}));
+
+    // clang-format off
+    const std::pair<QString, QString> rows[] = {
+        {"Glass", resources + "/Glass.aiff"}, {"SoundOfSilence", resources + "/SoundOfSilence.wav"},
+        {"Tink", system + "/Tink.wav"}, {"bell", theme + "/bell.oga"}, {"Ping", theme + "/Ping.AIFF"},
+        {"Pop", user + "/Pop.mp3"}, {"glass", QString()}, {"alarm", QString()}, {"Deep", QString()},
+        {"Glass.aiff", QString()}, {"", QString()}};
+    // clang-format on
+    for (const auto &[name, path] : rows)
+        EXPECT_EQ(SoundExtensionsPrivate::pathOfSound(name, *bundle, folders), path)
+            << qPrintable(name);
+    // Playing what the catalogue lists never waits on a pipe.
+    EXPECT_EQ(KVSound(user + "/Pipe.wav").duration(), 0.0);
+}
+
+// Over the real folders: the names of the application's sounds keep their
+// duplicates but never the silent sound; a name in two sound folders is
+// listed once and found in the system's; the desktop's own sounds are there;
+// a user without a sound folder gets the others'.
+TEST(SoundExtensionsCatalogue, NamesOfTheApplicationsAndTheSystemsSounds) {
+    const QString resources = KVBundle::mainBundle().resourcePath();
+    const QStringList bundled = {"KVTestGlass.aiff", "KVTestGlass.wav", "SoundOfSilence.wav"};
+    ASSERT_TRUE(makeFiles(resources, bundled));
+    ASSERT_TRUE(makeFiles(userSounds(), {"KVTestPop.mp3", "bell.wav"}));
+    const QStringList names = applicationSounds();
+    const QString silence = pathOfSound("SoundOfSilence");
+    for (const QString &file : bundled) QFile::remove(resources + "/" + file);
+    EXPECT_EQ(names.filter("KVTest"), QStringList({"KVTestGlass", "KVTestGlass"}));
+    EXPECT_FALSE(names.contains("SoundOfSilence"));
+    EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+    EXPECT_EQ(silence, resources + "/SoundOfSilence.wav");
+
+    const QStringList sounds = systemSounds();
+    EXPECT_EQ(sounds.count("bell"), 1);
+    EXPECT_TRUE(sounds.contains("KVTestPop") && sounds.contains("complete"));
+    EXPECT_TRUE(std::is_sorted(sounds.begin(), sounds.end()));
+    EXPECT_EQ(pathOfSound("bell"), kThemeBell);
+    EXPECT_EQ(pathOfSound("KVTestPop"), userSounds() + "/KVTestPop.mp3");
+    EXPECT_TRUE(systemSoundFiles().contains(kThemeBell));
+
+    ASSERT_TRUE(QDir(userSounds()).removeRecursively());
+    const QStringList withoutUser = systemSoundFiles();
+    EXPECT_FALSE(withoutUser.isEmpty());
+    EXPECT_TRUE(std::all_of(withoutUser.begin(), withoutUser.end(),
+                            [](const QString &path) { return path.startsWith("/usr/"); }));
+}
+
+// The desktop's Ogg sounds play through the sound-effect path and are heard;
+// a damaged Ogg file plays what decodes before the damage, and junk that
+// only looks like Ogg is no sound.
+TEST_F(SoundExtensionsTest, TheDesktopsOggSoundsAreHeard) {
+    KVSound bell(kThemeBell);
+    EXPECT_GT(bell.duration(), 0.1);
+    const QVector<float> samples = playAndRecord(bell);
+    EXPECT_GE(SoundServer::countSounds(samples), 1);
+    EXPECT_GT(SoundServer::peak(samples), 0.05);
+
+    const QString complete = "/usr/share/sounds/freedesktop/stereo/complete.oga";
+    QFile original(complete);
+    ASSERT_TRUE(original.open(QIODevice::ReadOnly));
+    const QByteArray bytes = original.readAll();
+    const QString folder = TestEnvironment::makeTempDir("ogg");
+    ASSERT_TRUE(TestEnvironment::writeFile(folder + "/cut.oga", bytes.left(bytes.size() / 2)));
+    ASSERT_TRUE(
+        TestEnvironment::writeFile(folder + "/junk.oga", "OggS" + QByteArray(5000, '\x7f')));
+    KVSound cut(folder + "/cut.oga");
+    EXPECT_GT(cut.duration(), 0.0);
+    EXPECT_LT(cut.duration(), KVSound(complete).duration());
+    KVSound junk(folder + "/junk.oga");
+    EXPECT_EQ(junk.duration(), 0.0);
+    EXPECT_FALSE(junk.play());
 }
