@@ -12,8 +12,10 @@
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTextDocument>
 #include <QTranslator>
 
+#include "FifoWatch.h"
 #include "InstallerWinController.h"
 #include "InstallerWindow.h"
 #include "KVBundle.h"
@@ -293,6 +295,48 @@ TEST_F(WindowTest, IconComesFromTheIconPathThenTheBundleIconFile) {
     ASSERT_FALSE(
         setUp({"-sourcePath", TestBundle::make(folder, "Unsigned", {}), "-iconPath", png}));
     EXPECT_EQ(colour(), QColor(Qt::red));
+}
+
+// What a product brings is read only from regular files, within limits: a
+// read-me image or an icon that is a FIFO or a device never holds up the
+// window; the read-me's text shows and the bundle's own icon stands in.
+TEST_F(WindowTest, HostileReadMeImagesAndIconsNeverHoldUpTheWindow) {
+    FifoWatch fifo(folder + "/pipe.png");
+    ASSERT_TRUE(fifo.made());
+    QFile::link("/dev/zero", folder + "/zero.png");
+    const QString readMe = file("ReadMe.html",
+                                "<html><body><p>Read me</p><img src=\"pipe.png\">"
+                                "<img src=\"zero.png\"><img src=\"/dev/zero\"></body></html>");
+    ASSERT_TRUE(setUp(productWords({"-readMePath", readMe, "-iconPath", folder + "/pipe.png"})));
+    QTextDocument *document = ui().readMeTextView->document();
+    document->adjustSize();  // lays the images out, which loads them
+    ui().readMeTextView->grab();
+    EXPECT_TRUE(document->toPlainText().contains("Read me"));
+    EXPECT_FALSE(fifo.readerWaited());
+}
+
+// The quit delay is honoured however long: more than a timer counts (2^32 ms
+// and a little) does not wrap around into a quit at once.
+TEST_F(WindowTest, AQuitDelayOfMonthsDoesNotQuitAtOnce) {
+    ASSERT_TRUE(setUp(productWords({"-completionQuit", "4294967.297"})));
+    LogCapture capture;
+    controller->installationFinished("Installation failed.");
+    EXPECT_EQ(capture.messages(), QStringList{"quit delay: 4294967.3"});
+    EXPECT_FALSE(quits->wait(1500));
+}
+
+// A "Done" event's text comes from outside: the line that logs it carries
+// only so much of it.
+TEST_F(WindowTest, AHugeDoneEventIsLoggedInPart) {
+    ASSERT_TRUE(setUp(productWords()));
+    LogCapture capture;
+    controller->installationDone(QString(8 * 1024 * 1024, QLatin1Char('x')));
+    const QStringList lines = capture.messages();
+    ASSERT_EQ(lines.size(), 1);
+    EXPECT_LE(lines[0].size(), 17000);
+    EXPECT_TRUE(lines[0].startsWith("received Done event (xxx"));
+    EXPECT_TRUE(lines[0].endsWith("xxx... (8372276 more characters)"))
+        << qPrintable(lines[0].right(80));
 }
 
 // A too-old system gets a window-modal sheet; both its buttons quit, the

@@ -1,0 +1,62 @@
+// Opening an application as the desktop would, with a real bundle and the
+// started process read back from /proc.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTest>
+
+#include "KVProcess.h"
+#include "KVWorkspace.h"
+#include "TestBundle.h"
+#include "TestEnvironment.h"
+
+namespace {
+
+// The pid of the process running the bundle's executable; 0 when none does.
+pid_t runningFrom(const QString &bundle) {
+    for (const KVProcessRef &process : KVProcess::allProcesses())
+        if (process->path() == bundle) return process->unixPID();
+    return 0;
+}
+
+// Fields 4 (parent) and 6 (session) of /proc/<pid>/stat.
+QList<QByteArray> parentAndSession(pid_t pid) {
+    QFile stat(QString("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly)) return {};
+    const QByteArray line = stat.readAll();
+    const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+    return {fields.value(1), fields.value(3)};
+}
+
+// Started in its own session from the home folder, with only the three
+// standard streams open, all on /dev/null, whatever the opener has open (a
+// descriptor without close-on-exec here); the opener's child while it runs,
+// and reaped when it ends, never a zombie.
+TEST(KVWorkspaceTest, ApplicationsStartAsTheDesktopStartsThem) {
+    const QString bundle = TestBundle::make(TestEnvironment::makeTempDir("open"), "Opened");
+    const int inherited = open("/dev/null", O_RDONLY);
+    ASSERT_TRUE(KVWorkspace::openFile(bundle));
+    close(inherited);
+    pid_t pid = 0;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return (pid = runningFrom(bundle)) > 0; }, 10000));
+    const QString proc = QString("/proc/%1").arg(pid);
+
+    const QStringList descriptors =
+        QDir(proc + "/fd").entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    EXPECT_EQ(descriptors, (QStringList{"0", "1", "2"}));
+    for (const QString &fd : descriptors)
+        EXPECT_EQ(QFile::symLinkTarget(proc + "/fd/" + fd), "/dev/null") << qPrintable(fd);
+    EXPECT_EQ(QFile::symLinkTarget(proc + "/cwd"), QFileInfo(QDir::homePath()).canonicalFilePath());
+    EXPECT_EQ(parentAndSession(pid),
+              (QList<QByteArray>{QByteArray::number(getpid()), QByteArray::number(pid)}));
+
+    kill(pid, SIGKILL);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !QFileInfo::exists(proc); }, 10000));
+}
+
+}  // namespace
