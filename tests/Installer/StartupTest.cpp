@@ -8,6 +8,11 @@
 #include <QProcessEnvironment>
 #include <QTest>
 
+#include "KVAppleEvent.h"
+#include "KVAppleEventManager.h"
+#include "KVFourCharCode.h"
+#include "KVWorkspace.h"
+#include "Relaunch.h"
 #include "TestBundle.h"
 #include "TestEnvironment.h"
 
@@ -30,9 +35,7 @@ protected:
     bool runUntil(const QString &executable, const QStringList &arguments, const QString &marker,
                   int waitMs = 20000) {
         QProcess process;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("XDG_STATE_HOME", stateHome);
-        process.setProcessEnvironment(env);
+        process.setProcessEnvironment(environment());
         process.setProcessChannelMode(QProcess::MergedChannels);
         // Only what this run appends to the log counts.
         const qsizetype logStart = logFile().size();
@@ -52,6 +55,12 @@ protected:
         process.waitForFinished(5000);
         output += QString::fromUtf8(process.readAll());
         return seen && running;
+    }
+    // The test's own, with the log file in the test's folder.
+    QProcessEnvironment environment() const {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("XDG_STATE_HOME", stateHome);
+        return env;
     }
     QString logFile() const {
         QFile file(stateHome + "/VelmoraInstaller.log");
@@ -115,6 +124,80 @@ TEST_F(StartupTest, DirectInvocationFindsTheEnclosingProductOrWaitsWithAnError) 
 
     // The build tree's installer is inside no product.
     EXPECT_TRUE(runUntil(installer, {}, "] missing source path\n")) << qPrintable(output);
+}
+
+// Without a display nobody could click: the installer says so on standard
+// error and in the log, and ends at once, non-zero.
+TEST_F(StartupTest, WithoutADisplayTheInstallerSaysSoAndEnds) {
+    QProcess process;
+    QProcessEnvironment env = environment();
+    for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) env.remove(name);
+    process.setProcessEnvironment(env);
+    process.start(installer, roadOfOneInstallation());
+    const bool ended = process.waitForFinished(20000);
+    if (!ended) process.kill();
+    process.waitForFinished();
+    EXPECT_TRUE(ended && process.exitStatus() == QProcess::NormalExit && process.exitCode() != 0);
+    const QString line =
+        "] No display to show the installer on: neither DISPLAY nor WAYLAND_DISPLAY is set\n";
+    EXPECT_TRUE(QString::fromUtf8(process.readAllStandardError()).endsWith(line));
+    EXPECT_TRUE(logFile().endsWith(line)) << qPrintable(logFile());
+}
+
+// Its line says the "Done" handler is in place: an event sent the moment
+// the line shows is received (and only logged, as no run has begun).
+TEST_F(StartupTest, EventsArriveOnceTheirLineShows) {
+    QProcess process;
+    process.setProcessEnvironment(environment());
+    process.start(installer, roadOfOneInstallation());
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return process.readAllStandardError().contains("] AppleEvents installed\n"); },
+        20000));
+    EXPECT_EQ(KVAppleEvent::send(pid_t(process.processId()), KVFourCharCode::fromString("SinS"),
+                                 KVFourCharCode::fromString("Done"), "early", 5000),
+              KVAppleEvent::noErr);
+    process.terminate();
+    process.waitForFinished(5000);
+    EXPECT_TRUE(logFile().contains("] received Done event (early), current installation: (null)\n"))
+        << qPrintable(logFile());
+}
+
+// The product tells the installer that started it, not merely the first one
+// running: here an older installer runs too, and would come first.
+TEST_F(StartupTest, TheProductFindsTheInstallerThatStartedIt) {
+    if (Relaunch::isCopy()) GTEST_SKIP() << "runs in the normal test run only";
+    const QString older =
+        TestBundle::make(folder + "/older", "Installer", {{"CFBundleSignature", "VlIn"}});
+    const pid_t decoy = TestBundle::start(TestBundle::executableOf(older));
+    ASSERT_GT(decoy, 0);
+    const QString bundle =
+        TestBundle::make(folder, "Installer", {{"CFBundleSignature", "VlIn"}}, false);
+    QString output;
+    const int status =
+        Relaunch::runCopy(bundle + "/Contents/MacOS/Installer", "AsInstaller.*", QString(), &output,
+                          {"KV_TEST_DONE_PID=launcher", "KV_TEST_PRODUCT_DIR=" + folder});
+    TestBundle::stop(decoy);
+    EXPECT_EQ(status, 0) << qPrintable(output);
+    EXPECT_TRUE(output.contains("[  PASSED  ] 1 test")) << qPrintable(output);
+}
+
+// Run only inside an installer's bundle, through the test above.
+TEST(AsInstaller, StartsAProductThatReportsDoneToIt) {
+    if (!Relaunch::isCopy()) GTEST_SKIP() << "runs in a copy inside an installer's bundle";
+    const QString product = TestBundle::make(
+        qEnvironmentVariable("KV_TEST_PRODUCT_DIR"), "Reporter",
+        {{"CFBundleName", "Reporter"}, {"CFBundleShortVersionString", "3.0"}}, false);
+    ASSERT_TRUE(QFile::copy(KV_TEST_PRODUCT, product + "/Contents/MacOS/Reporter"));
+    QFile::setPermissions(product + "/Contents/MacOS/Reporter",
+                          QFile::permissions(KV_TEST_PRODUCT));
+    QString received;
+    KVAppleEventManager::sharedManager().setEventHandler(
+        KVFourCharCode::fromString("SinS"), KVFourCharCode::fromString("Done"),
+        [&](const QString &text) { received = text; });
+    ASSERT_TRUE(KVWorkspace::openFile(product));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !received.isNull(); }, 10000));
+    EXPECT_EQ(received, "Reporter 3.0");
+    TestBundle::stopProcessesAt(product);
 }
 
 }  // namespace
