@@ -349,6 +349,7 @@ TEST_F(EngineTest, UnwritableDestinationGoesThroughTheRealPkexec) {
         const int status = Relaunch::runCopy(
             folder + "/bin/tests", "AsUserEngine.*", Relaunch::unprivilegedUser(), &output,
             {"KV_ENGINE_SOURCE=" + source, "KV_ENGINE_DESTINATION=" + rootOnly + "/Product.app",
+             "KV_ENGINE_INSTALLER=" + Relaunch::stage(KV_INSTALLER_APP, folder + "/bin"),
              QString("KV_ENGINE_EXPECT=") + (consent ? "installed" : "refused")});
         EXPECT_EQ(status, 0) << qPrintable(output);
         EXPECT_TRUE(output.contains("[  PASSED  ] 1 test")) << qPrintable(output);
@@ -373,7 +374,7 @@ TEST_F(AsUserEngine, PrivilegedCopyFollowsThePolicy) {
     InstallerWinController c(
         {"/x/Installer", "-sourcePath", qEnvironmentVariable("KV_ENGINE_SOURCE"),
          "-destinationPath", destination},
-        KV_INSTALLER_APP);
+        qEnvironmentVariable("KV_ENGINE_INSTALLER"));
     LogCapture capture;
     ASSERT_TRUE(c.setUp());
     const qsizetype start = capture.messages().size();

@@ -14,16 +14,26 @@ bool Relaunch::isRoot() { return geteuid() == 0; }
 
 bool Relaunch::isCopy() { return qEnvironmentVariableIsSet("KV_TEST_COPY"); }
 
+namespace {
+// The build tree may lie where another user cannot reach (a checkout under
+// /root), so what is staged goes into a folder opened to everyone.
+void makeReachable(const QString &folder) {
+    QDir().mkpath(folder);
+    for (QString f = folder; f.size() > 1 && f != QDir::tempPath(); f = QFileInfo(f).absolutePath())
+        QFile::setPermissions(f, QFile::permissions(f) | QFile::ReadOther | QFile::ExeOther);
+}
+}  // namespace
+
+QString Relaunch::stage(const QString &path, const QString &folder) {
+    makeReachable(folder);
+    const QString copy = folder + "/" + QFileInfo(path).fileName();
+    QDir(copy).removeRecursively();
+    return QProcess::execute("cp", {"-a", path, copy}) == 0 ? copy : QString();
+}
+
 int Relaunch::runCopy(const QString &executablePath, const QString &filter, const QString &user,
                       QString *output, const QStringList &environment) {
-    // The build tree may lie where another user cannot reach (a checkout
-    // under /root), so the copy's folders are opened to everyone.
-    const QFileInfo target(executablePath);
-    QDir().mkpath(target.absolutePath());
-    for (QString folder = target.absolutePath(); folder.size() > 1 && folder != QDir::tempPath();
-         folder = QFileInfo(folder).absolutePath())
-        QFile::setPermissions(folder,
-                              QFile::permissions(folder) | QFile::ReadOther | QFile::ExeOther);
+    makeReachable(QFileInfo(executablePath).absolutePath());
     QFile::remove(executablePath);
     if (!QFile::copy(QStringLiteral("/proc/self/exe"), executablePath)) return -1;
     QFile::setPermissions(executablePath,

@@ -17,6 +17,11 @@ bool isCopy();
 // and runs it with the GoogleTest filter, as the user when one is named.
 // Returns the exit status (-1 when it could not run); output gets all it printed.
 // environment holds extra "NAME=value" entries for the copy.
+// Copies the item (a file, or a folder whole as cp -a does) into the folder,
+// made and opened to everyone, and returns the copy's path; null when the
+// copy failed. What another user runs must not stay in the build tree, which
+// may lie under a private folder (a clone in a 0700 home).
+QString stage(const QString &path, const QString &folder);
 int runCopy(const QString &executablePath, const QString &filter, const QString &user,
             QString *output, const QStringList &environment = {});
 }  // namespace Relaunch
