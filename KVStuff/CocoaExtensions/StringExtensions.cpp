@@ -516,26 +516,37 @@ QString StringExtensions::stringByEscapingCharacters(const QString &s, const QSt
     };
     qsizetype i = find(0, s.size());
     if (i < 0) return s;
-    QString m = s;
+    // The copy m is built as it is edited: every edit lies at least two units
+    // behind the one before, so m is `out` (final) followed by the receiver
+    // from `tail` on, and no edit moves the rest of a long text.
+    QString out;
+    out.reserve(s.size() + s.size() / 8 + 16);
+    qsizetype tail = 0;
     while (i >= 0) {
+        const qsizetype unchanged = i - out.size();
+        out += QStringView(s).sliced(tail, unchanged);
+        tail += unchanged;
         // The index comes from the receiver and is applied to the copy; the
         // two drift apart after the first escape, and that is kept.
         switch (s[i].unicode()) {
             case u'\t':
-                m.replace(i, 1, QStringLiteral("\\t"));
+                out += u"\\t";
                 break;
             case u'\r':
-                m.replace(i, 1, QStringLiteral("\\r"));
+                out += u"\\r";
                 break;
             case u'\n':
-                m.replace(i, 1, QStringLiteral("\\n"));
+                out += u"\\n";
                 break;
             default:
-                m.insert(i, u'\\');
+                out += u'\\';
+                out += s[tail];
         }
-        i = find(i + 2, m.size());
+        ++tail;
+        i = find(i + 2, out.size() + s.size() - tail);
     }
-    return m;
+    out += QStringView(s).sliced(tail);
+    return out;
 }
 
 QString StringExtensions::stringByExpandingEscapedCharacters(const QString &s,
@@ -549,40 +560,63 @@ QString StringExtensions::stringByExpandingEscapedCharacters(const QString &s,
         followers.replace(u'\r', u'r').replace(u'\n', u'n').replace(u'\t', u't');
     }
     if (s.size() < 2) return s;
-    QString m = s;
+    // The walk over the changing text, written out as it goes: each change
+    // shortens the text behind the walk only.
+    QString out;
     bool changed = false;
-    for (qsizetype i = 0; i < m.size() - 1; ++i) {
-        if (m[i] != u'\\' || !followers.contains(m[i + 1])) continue;
-        const char16_t follower = m[i + 1].unicode();
-        if (follower == u't' || follower == u'r' || follower == u'n')
-            m.replace(i, 2, follower == u't' ? u'\t' : follower == u'r' ? u'\r' : u'\n');
-        else
-            m.remove(i, 1);
-        changed = true;
+    qsizetype j = 0;
+    for (; j < s.size() - 1; ++j) {
+        if (s[j] != u'\\' || !followers.contains(s[j + 1])) {
+            if (changed) out += s[j];
+            continue;
+        }
+        if (!changed) {
+            out.reserve(s.size());
+            out = s.first(j);
+            changed = true;
+        }
+        const char16_t follower = s[++j].unicode();
+        // A control letter makes its character; any other follower stays.
+        out += follower == u't'   ? u'\t'
+               : follower == u'r' ? u'\r'
+               : follower == u'n' ? u'\n'
+                                  : follower;
     }
-    return changed ? m : s;
+    if (!changed) return s;
+    out += QStringView(s).sliced(j);
+    return out;
 }
 
 bool StringExtensions::expandEscapedControlCharactersIncludingBackslash(QString &s,
                                                                         bool includingBackslash) {
     if (s.size() < 2) return false;
+    QString out;
     bool changed = false;
-    for (qsizetype i = 0; i < s.size() - 1; ++i) {
-        if (s[i] != u'\\') continue;
-        const char16_t next = s[i + 1].unicode();
-        if (next == u'r' || next == u't' || next == u'n') {
-            s.replace(i, 2, next == u'r' ? u'\r' : next == u't' ? u'\t' : u'\n');
+    qsizetype j = 0;
+    for (; j < s.size() - 1; ++j) {
+        const char16_t c = s[j].unicode(), next = s[j + 1].unicode();
+        const bool control = c == u'\\' && (next == u'r' || next == u't' || next == u'n');
+        const bool backslashes = c == u'\\' && next == u'\\';
+        if (!changed && (control || (backslashes && includingBackslash))) {
+            out.reserve(s.size());
+            out = s.first(j);
             changed = true;
-        } else if (next == u'\\') {
-            if (includingBackslash) {
-                s.remove(i, 1);
-                changed = true;
-            } else {
-                ++i;
-            }
+        }
+        if (control) {
+            out += next == u'r' ? u'\r' : next == u't' ? u'\t' : u'\n';
+            ++j;
+        } else if (backslashes) {
+            // One backslash stands for the pair, or the pair is passed over.
+            if (changed) out += includingBackslash ? u"\\" : u"\\\\";
+            ++j;
+        } else if (changed) {
+            out += QChar(c);
         }
     }
-    return changed;
+    if (!changed) return false;
+    out += QStringView(s).sliced(j);
+    s = out;
+    return true;
 }
 
 QString StringExtensions::stringByExpandingEscapedControlCharactersIncludingBackslash(
@@ -764,6 +798,10 @@ UTF32Char StringExtensions::UTF32Character(const QString &s) {
 }
 
 QString StringExtensions::stringWithUTF32Character(UTF32Char c) {
+    return initWithUTF32Character(c);
+}
+
+QString StringExtensions::initWithUTF32Character(UTF32Char c) {
     if (c < 0x10000) return QString(QChar(char16_t(c)));
     if (c >= kFlagFirst && c <= kFlagLast) {
         const UTF32Char v = c - kFlagFirst;

@@ -137,6 +137,9 @@ QString stringWithData(const QByteArray &data, const NSStringEncoding &encoding)
 unsigned numberOfUnicodeCharacters(const QString &s);
 UTF32Char longCharacterAtIndex(const QString &s, int i);
 UTF32Char UTF32Character(const QString &s);
+// The text a code point or virtual character stands for; U+0000 is a
+// one-unit string. stringWithUTF32Character is the same.
+QString initWithUTF32Character(UTF32Char c);
 QString stringWithUTF32Character(UTF32Char c);
 // Once per code point; a high surrogate without its partner is dropped
 // together with the unit that follows it.

@@ -3,6 +3,8 @@
 #include <unicode/regex.h>
 #include <unicode/utypes.h>
 
+#include <algorithm>
+#include <limits>
 #include <mutex>
 
 #include "KVFormat.h"
@@ -10,9 +12,14 @@
 
 namespace {
 
-// Steps of ICU's match engine, roughly milliseconds: far more than any sane
-// pattern needs, little enough that a runaway one ends soon.
-constexpr int32_t kMatchTimeLimit = 1000;
+// Steps of ICU's match engine (each about ten thousand operations) that one
+// replacement may take, counted over all its matches: a fixed allowance plus
+// a share per unit of input. A linear pattern stays far below it on any
+// length; one that backtracks without end stops within about a second on
+// short text.
+int32_t matchTimeLimit(qsizetype length) {
+    return int32_t(std::min<qsizetype>(1000 + length / 16, std::numeric_limits<int32_t>::max()));
+}
 
 uint32_t icuFlags(NSRegularExpressionOptions options) {
     static constexpr std::pair<unsigned, uint32_t> kFlags[] = {
@@ -83,7 +90,7 @@ qsizetype NSRegularExpression::replaceMatchesInString(QString &string, unsigned 
     const icu::UnicodeString replacement = toUnicodeString(templ);
     UErrorCode status = U_ZERO_ERROR;
     std::unique_ptr<icu::RegexMatcher> matcher(d->compiled->matcher(input, status));
-    if (U_SUCCESS(status)) matcher->setTimeLimit(kMatchTimeLimit, status);
+    if (U_SUCCESS(status)) matcher->setTimeLimit(matchTimeLimit(string.size()), status);
     if (U_SUCCESS(status)) matcher->region(start, end, status);
     icu::UnicodeString result;
     qsizetype count = 0;

@@ -147,11 +147,10 @@ TEST(StringExtensionsTest, DigestXmlAndComparisons) {
 TEST(StringExtensionsTest, BackslashEscapes) {
     // The next search runs in the receiver from two past the last find, so
     // the positions drift apart from the copy's: kept as it is.
-    const std::tuple<QString, QString, QString> escapes[] = {{"a\tb", "\t", "a\\tb"},
-                                                             {"\t\t", "\t", "\\t\t"},
-                                                             {"x\"", "\"", "x\\\""},
-                                                             {"a\nb\rc", "\n\r", "a\\n\\r\rc"},
-                                                             {"ab\t", "\t", "ab\\t"}};
+    const std::tuple<QString, QString, QString> escapes[] = {
+        {"a\tb", "\t", "a\\tb"}, {"\t\t", "\t", "\\t\t"},
+        {"x\"", "\"", "x\\\""},  {"a\nb\rc", "\n\r", "a\\n\\r\rc"},
+        {"ab\t", "\t", "ab\\t"}, {"a\"b\"c", "\"", "a\\\"\\b\"c"}};
     for (const auto &[in, chars, out] : escapes)
         EXPECT_EQ(stringByEscapingCharacters(in, chars), out) << in;
 
@@ -181,6 +180,21 @@ TEST(StringExtensionsTest, BackslashEscapes) {
         EXPECT_EQ(text, out) << in;
         EXPECT_EQ(stringByExpandingEscapedControlCharactersIncludingBackslash(in, backslash), out);
     }
+}
+
+// Edits of long texts never move the rest of the text: one pass each, and a
+// linear pattern over millions of units is no runaway.
+TEST(StringExtensionsTest, LongTextsTakeOnePass) {
+    const QString tabs(4 << 20, u'\t');
+    EXPECT_EQ(stringByEscapingCharacters(tabs, "\t").size(), 6 << 20);  // every other one
+    const QString escaped = QString("\\t").repeated(2 << 20);
+    EXPECT_EQ(stringByExpandingEscapedControlCharacters(escaped), QString(2 << 20, u'\t'));
+    EXPECT_EQ(stringByExpandingEscapedCharacters(escaped, KVEscapeCharacters).size(), 2 << 20);
+    const QString words = QString("ab ").repeated(1 << 20);
+    LogCapture log;
+    EXPECT_EQ(stringByReplacingOccurrencesOfRegexPattern(words, "b\\s", "-"),
+              QString("a-").repeated(1 << 20));
+    EXPECT_TRUE(log.messages().isEmpty());
 }
 
 TEST(StringExtensionsTest, AppendingToFiles) {
