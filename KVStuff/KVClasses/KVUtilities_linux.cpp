@@ -147,6 +147,9 @@ public:
         std::vector<char *> argv;
         for (const QByteArray &word : words) argv.push_back(const_cast<char *>(word.constData()));
         argv.push_back(nullptr);
+        // Nothing else of this process's: a pipe's other end held open by a
+        // child would keep its reader waiting.
+        posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
         const auto start = words[0].contains('/') ? posix_spawn : posix_spawnp;
         return start(pid, argv[0], &actions, &m_attributes, argv.data(), environ);
     }
@@ -339,9 +342,9 @@ QString KVUtilitiesPrivate::fileSystemType(const QString &path, int *result) {
     if (*result != 0) return QString();
     // The mount that holds the item: the deepest mount point above its real
     // path, the later one where two are stacked on the same point.
+    // A folder on the way that cannot be read leaves the path as it is given.
     char *real = realpath(bytes.constData(), nullptr);
-    if (!real) return QString();
-    const QByteArray resolved(real);
+    const QByteArray resolved = real ? QByteArray(real) : absolute(bytes);
     free(real);
     QFile table(QStringLiteral("/proc/self/mountinfo"));
     if (!table.open(QIODevice::ReadOnly)) return QString();
