@@ -27,9 +27,9 @@ TEST(KVRegularExpressionTest, TheClassIsFoundOnceAndKept) {
 
 TEST(KVRegularExpressionTest, OptionsRangesAndErrors) {
     const std::tuple<QString, NSRegularExpressionOptions, NSRange, QString> rows[] = {
-        {"a", NSRegularExpressionCaseInsensitive, {0, 6}, "x-x-xA"},
+        {"a", NSRegularExpressionCaseInsensitive, {0, 6}, "x-x-xx"},
         {"a.", NSRegularExpressionIgnoreMetacharacters, {0, 6}, "A-a-aA"},
-        {"a", {}, {2, 3}, "A-x-aA"},
+        {"a", {}, {2, 3}, "A-x-xA"},
         {"^a", NSRegularExpressionAnchorsMatchLines, {0, 6}, "A-a-aA"},
         {"a", {}, {4, 100}, "A-a-xA"}};  // a range past the end stops there
     for (const auto &[pattern, options, range, out] : rows) {
