@@ -220,6 +220,24 @@ TEST(StringExtensionsTest, AppendingToFiles) {
     EXPECT_FALSE(appendToFile("x", fifo, NSUTF8StringEncoding));
 }
 
+// A disk that fills up halfway through: false, and the file keeps exactly
+// what it had. A real (small) file system, mounted for the test.
+TEST(StringExtensionsTest, AppendingToAFullDiskTakesNothingHalfway) {
+    const QString mountPoint = TestEnvironment::makeTempDir("small-disk");
+    QProcess mount;
+    mount.start("mount", {"-t", "tmpfs", "-o", "size=64k", "tmpfs", mountPoint});
+    if (!mount.waitForFinished(10000) || mount.exitCode() != 0)
+        GTEST_SKIP() << "cannot mount a small tmpfs (needs root)";
+    const QString path = mountPoint + "/log.txt";
+    EXPECT_TRUE(appendToFile("keep\n", path, NSUTF8StringEncoding));
+    EXPECT_FALSE(appendToFile(QString(200 * 1024, u'x'), path, NSUTF8StringEncoding));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(file.readAll(), "keep\n");
+    file.close();
+    QProcess::execute("umount", {mountPoint});
+}
+
 // ---- Encodings of text files and HTML ----
 
 TEST(StringExtensionsTest, ByteOrderMarksAnnounceTheEncoding) {
@@ -238,6 +256,27 @@ TEST(StringExtensionsTest, ByteOrderMarksAnnounceTheEncoding) {
     EXPECT_FALSE(explicitEncodingOfFile("/no/such/file", {}).isValid());
 }
 
+// Decoding is strict: bytes that are no text in the encoding give no string,
+// never a text with replacement characters.
+TEST(StringExtensionsTest, DecodingIsStrict) {
+    const std::tuple<QByteArray, NSStringEncoding, std::optional<QString>> rows[] = {
+        {"\xC0\x80", NSUTF8StringEncoding, std::nullopt},          // overlong
+        {"\xED\xA0\x80", NSUTF8StringEncoding, std::nullopt},      // a surrogate
+        {"\xF4\x90\x80\x80", NSUTF8StringEncoding, std::nullopt},  // past U+10FFFF
+        {"ab\xE2\x82", NSUTF8StringEncoding, std::nullopt},        // cut short
+        {QByteArray("\x00a\x00", 3), NSUnicodeStringEncoding, std::nullopt},
+        {"x", NSStringEncoding::named("no-such-encoding"), std::nullopt},
+        {"\xEF\xBB\xBFx", NSUTF8StringEncoding, "x"},
+        {QByteArray("\xFF\xFEx\x00", 4), NSUnicodeStringEncoding, "x"},
+        {QByteArray("\x00\x00\x00", 3), NSUTF8StringEncoding, u16({0, 0, 0})},
+        {"", NSUTF8StringEncoding, ""}};
+    for (const auto &[bytes, encoding, text] : rows) {
+        const QString decoded = stringWithData(bytes, encoding);
+        EXPECT_EQ(decoded.isNull(), !text.has_value()) << bytes.toHex().constData();
+        if (text) EXPECT_EQ(decoded, *text);
+    }
+}
+
 TEST(StringExtensionsTest, BestEncodingOfAFile) {
     const std::pair<QByteArray, QString> files[] = {
         {"\xEF\xBB\xBF"
@@ -251,6 +290,8 @@ TEST(StringExtensionsTest, BestEncodingOfAFile) {
         {"caf\xE9!", u16({'c', 'a', 'f', 0xC8, '!'})},
         // Latin-1 reads a letter where Mac OS Roman reads a symbol.
         {"x\xAA!", u16({'x', 0xAA, '!'})},
+        // UTF-8 cut short inside a character is not UTF-8.
+        {"ab\xE2\x82", u16({'a', 'b', 0x201A, 0xC7})},
         // Read as UTF-16 these are letters, which outscore the Latin reading.
         {"\x4E\x80\x4E\x81", u16({0x4E80, 0x4E81})}};
     for (const auto &[bytes, text] : files)
