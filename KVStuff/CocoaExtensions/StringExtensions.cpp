@@ -188,6 +188,8 @@ QString decode(QByteArrayView data, const NSStringEncoding &encoding,
         break;
     }
     text.truncate(written);
+    // Wide encodings give fewer units than bytes: the spare room goes back.
+    if (written < text.capacity() / 2) text.squeeze();
     return text.isNull() ? QStringLiteral("") : text;
 }
 
