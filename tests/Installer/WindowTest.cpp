@@ -10,6 +10,7 @@
 #include <QMessageBox>
 #include <QPainter>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 #include <QTextDocument>
@@ -334,9 +335,9 @@ TEST_F(WindowTest, AHugeDoneEventIsLoggedInPart) {
     const QStringList lines = capture.messages();
     ASSERT_EQ(lines.size(), 1);
     EXPECT_LE(lines[0].size(), 17000);
-    EXPECT_TRUE(lines[0].startsWith("received Done event (xxx"));
-    EXPECT_TRUE(lines[0].endsWith("xxx... (8372276 more characters)"))
-        << qPrintable(lines[0].right(80));
+    static const QRegularExpression cut(
+        "^received Done event \\(x+\\.\\.\\. \\(\\d+ more characters\\)$");
+    EXPECT_TRUE(cut.match(lines[0]).hasMatch()) << qPrintable(lines[0].right(80));
 }
 
 // A too-old system gets a window-modal sheet; both its buttons quit, the
