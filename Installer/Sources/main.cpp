@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "InstallFunction.h"
 #include "InstallerWinController.h"
 #include "KVBundle.h"
 #include "KVLocalization.h"
@@ -39,7 +40,9 @@ int main(int argc, char **argv) {
     controller->awakeFromNib();
     const int status = app.exec();
     // Quitting ends the program at once, also in the middle of a run: no
-    // waiting for the worker, no teardown it could trip over.
+    // waiting for the worker, no teardown it could trip over. A copy in
+    // progress is dropped; what is installed stays as it was.
+    InstallApplicationCancel();
     std::fflush(stdout);
     std::fflush(stderr);
     std::_Exit(status);

@@ -1,5 +1,6 @@
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -24,39 +25,27 @@ QStringList KVFileManager::applicationDirectories(Domain domain) {
     return {KVPath::stringByExpandingTildeInPath(QStringLiteral("~/Applications"))};
 }
 
-namespace {
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : m_fd(fd) {}
-    ~FileDescriptor() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    FileDescriptor(const FileDescriptor &) = delete;
-    FileDescriptor &operator=(const FileDescriptor &) = delete;
-    int get() const { return m_fd; }
-    // Closes now: a failing close() can be the first report of a failed write.
-    bool close() {
-        const int fd = m_fd;
-        m_fd = -1;
-        return ::close(fd) == 0;
-    }
+using KVFileManagerPlatform::FileDescriptor;
 
-private:
-    int m_fd;
-};
-
-QByteArray child(const QByteArray &folder, const QByteArray &name) {
-    return folder.endsWith('/') ? folder + name : folder + '/' + name;
+KVFileManagerPlatform::FileSystemIdentity::FileSystemIdentity(uid_t user, gid_t group)
+    : m_active(user != uid_t(-1)) {
+    if (!m_active) return;
+    m_group = gid_t(setfsgid(group));
+    m_user = uid_t(setfsuid(user));
+    // setfsuid answers the previous identity, also when it refused: ask again.
+    m_ok = uid_t(setfsuid(user)) == user && gid_t(setfsgid(group)) == group;
 }
 
-// The folder's entry names in readdir order, without "." and "..". A copy
-// or removal has looked at the item itself and must not be led elsewhere by
-// a link put there since; a listing goes where a link points.
-enum class Links { Follow, DoNotFollow };
-std::optional<std::vector<QByteArray>> entryNames(const QByteArray &folder, Links links) {
-    const int flags =
-        O_RDONLY | O_DIRECTORY | O_CLOEXEC | (links == Links::Follow ? 0 : O_NOFOLLOW);
-    const int fd = open(folder.constData(), flags);
+KVFileManagerPlatform::FileSystemIdentity::~FileSystemIdentity() {
+    if (!m_active) return;
+    setfsuid(m_user);
+    setfsgid(m_group);
+}
+
+namespace {
+// The entry names of the open folder in readdir order, without "." and
+// "..". Takes the descriptor over.
+std::optional<std::vector<QByteArray>> entryNames(int fd) {
     if (fd < 0) return std::nullopt;
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(fdopendir(fd), closedir);
     if (!directory) {
@@ -101,21 +90,45 @@ bool isIgnorableAttributeError(const char *name, int error) {
     return (error == EPERM || error == EACCES) && qstrncmp(name, "user.", 5) != 0;
 }
 
-bool copyExtendedAttributes(const char *source, const char *destination) {
-    const auto names =
-        readSized([&](char *buffer, size_t size) { return llistxattr(source, buffer, size); });
+// Reads the source with the reader's rights, when the options name one.
+class ReadingAs : public KVFileManagerPlatform::FileSystemIdentity {
+public:
+    explicit ReadingAs(const KVFileManagerPlatform::CopyOptions &options)
+        : FileSystemIdentity(options.readerUser, options.readerGroup) {}
+};
+
+bool isCancelled(const KVFileManagerPlatform::CopyOptions &options) {
+    return options.cancel && options.cancel->load();
+}
+
+bool copyExtendedAttributes(int source, int destination,
+                            const KVFileManagerPlatform::CopyOptions &options) {
+    std::optional<std::vector<char>> names;
+    {
+        const ReadingAs reader(options);
+        if (!reader.ok()) return false;
+        names =
+            readSized([&](char *buffer, size_t size) { return flistxattr(source, buffer, size); });
+    }
     if (!names) return errno == ENOTSUP;
     for (size_t start = 0; start < names->size();) {
         const char *name = names->data() + start;
         start += qstrlen(name) + 1;
-        const auto value = readSized(
-            [&](char *buffer, size_t size) { return lgetxattr(source, name, buffer, size); });
+        // Capabilities, security labels and access lists are the system's
+        // to give, never the source's.
+        if (options.restrictModes && qstrncmp(name, "user.", 5) != 0) continue;
+        std::optional<std::vector<char>> value;
+        {
+            const ReadingAs reader(options);
+            value = readSized(
+                [&](char *buffer, size_t size) { return fgetxattr(source, name, buffer, size); });
+        }
         if (!value) {
             if (errno == ENODATA) continue;  // removed since it was listed
             if (isIgnorableAttributeError(name, errno)) continue;
             return false;
         }
-        if (lsetxattr(destination, name, value->data(), value->size(), 0) != 0 &&
+        if (fsetxattr(destination, name, value->data(), value->size(), 0) != 0 &&
             !isIgnorableAttributeError(name, errno))
             return false;
     }
@@ -154,101 +167,184 @@ bool copyBytes(int in, int out) {
     }
 }
 
-bool copyFile(const QByteArray &source, const QByteArray &destination) {
-    // O_NONBLOCK: an item replaced by a FIFO since it was looked at must not
-    // hang the copy; it is no regular file and fails below.
-    FileDescriptor in(open(source.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status;
-    if (in.get() < 0 || fstat(in.get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-    // Private until the copy is complete; the real mode is set afterwards.
-    FileDescriptor out(
-        open(destination.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (out.get() < 0) return false;
-    return copyBytes(in.get(), out.get()) && out.close();
-}
-
-bool copyLink(const QByteArray &source, const QByteArray &destination) {
-    char target[PATH_MAX];
-    const ssize_t length = readlink(source.constData(), target, sizeof target);
-    if (length < 0 || size_t(length) >= sizeof target) return false;
-    target[length] = '\0';
-    return symlink(target, destination.constData()) == 0;
-}
-
-bool copyItem(const QByteArray &source, const QByteArray &destination);
-
-bool copyFolder(const QByteArray &source, const QByteArray &destination) {
-    // Writable by the copier while it is filled, whatever the source's mode.
-    if (mkdir(destination.constData(), 0700) != 0) return false;
-    const auto names = entryNames(source, Links::DoNotFollow);
-    if (!names) return false;
-    for (const QByteArray &name : *names) {
-        if (!copyItem(child(source, name), child(destination, name))) return false;
-    }
-    return true;
+mode_t modeToWrite(const struct stat &status, const KVFileManagerPlatform::CopyOptions &options) {
+    mode_t mode = status.st_mode & 07777;
+    if (options.restrictModes) mode &= ~mode_t(S_ISUID | S_ISGID | S_ISVTX | S_IWGRP | S_IWOTH);
+    return mode;
 }
 
 // Attributes come last: writing a file clears its set-id bits, adding an
 // entry changes a folder's times, and a read-only mode would stop the
-// attributes from being written.
-bool copyAttributes(const QByteArray &source, const QByteArray &destination,
-                    const struct stat &status) {
-    if (!copyExtendedAttributes(source.constData(), destination.constData())) return false;
-    // Linux links have no mode of their own.
-    if (!S_ISLNK(status.st_mode) &&
-        fchmodat(AT_FDCWD, destination.constData(), status.st_mode & 07777, 0) != 0)
+// attributes from being written. The owner goes before the mode, as a change
+// of owner clears set-id bits.
+bool copyAttributes(int in, int out, const struct stat &status,
+                    const KVFileManagerPlatform::CopyOptions &options) {
+    if (!copyExtendedAttributes(in, out, options)) return false;
+    if ((options.owner != uid_t(-1) || options.group != gid_t(-1)) &&
+        fchown(out, options.owner, options.group) != 0)
+        return false;
+    if (fchmod(out, modeToWrite(status, options)) != 0) return false;
+    const timespec times[2] = {status.st_atim, status.st_mtim};
+    return futimens(out, times) == 0;
+}
+
+bool copyFileFrom(int in, const struct stat &status, int folder, const QByteArray &name,
+                  const KVFileManagerPlatform::CopyOptions &options) {
+    // Private until the copy is complete; the real mode is set afterwards.
+    FileDescriptor out(openat(folder, name.constData(),
+                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (out.get() < 0) return false;
+    return copyBytes(in, out.get()) && copyAttributes(in, out.get(), status, options) &&
+           out.close();
+}
+
+bool copyLinkAt(const QByteArray &target, const struct stat &status, int folder,
+                const QByteArray &name, const KVFileManagerPlatform::CopyOptions &options) {
+    if (symlinkat(target.constData(), folder, name.constData()) != 0) return false;
+    // Linux links have no mode of their own, and no user attributes.
+    if ((options.owner != uid_t(-1) || options.group != gid_t(-1)) &&
+        fchownat(folder, name.constData(), options.owner, options.group, AT_SYMLINK_NOFOLLOW) != 0)
         return false;
     const timespec times[2] = {status.st_atim, status.st_mtim};
-    return utimensat(AT_FDCWD, destination.constData(), times, AT_SYMLINK_NOFOLLOW) == 0;
+    return utimensat(folder, name.constData(), times, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-bool copyItem(const QByteArray &source, const QByteArray &destination) {
-    // Taken before anything is read, which would change the access time.
-    struct stat status;
-    if (lstat(source.constData(), &status) != 0) return false;
-    bool copied = false;
-    switch (status.st_mode & S_IFMT) {
-        case S_IFREG:
-            copied = copyFile(source, destination);
-            break;
-        case S_IFLNK:
-            copied = copyLink(source, destination);
-            break;
-        case S_IFDIR:
-            copied = copyFolder(source, destination);
-            break;
-        default:
-            // FIFOs, devices and sockets: reading them could block for ever and
-            // their contents are no file.
-            return false;
-    }
-    return copied && copyAttributes(source, destination, status);
+bool sameItem(const struct stat &a, const struct stat &b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino &&
+           (a.st_mode & S_IFMT) == (b.st_mode & S_IFMT);
 }
 
-bool removeItem(const QByteArray &path) {
-    struct stat status;
-    if (lstat(path.constData(), &status) != 0) return false;
-    if (!S_ISDIR(status.st_mode)) return unlink(path.constData()) == 0;
-    // Everything that can go goes; whatever stays makes rmdir fail.
-    if (const auto names = entryNames(path, Links::DoNotFollow)) {
-        for (const QByteArray &name : *names) removeItem(child(path, name));
-    }
-    return rmdir(path.constData()) == 0;
+// The names in an open folder, listed through a second descriptor so the
+// caller's stays usable.
+std::optional<std::vector<QByteArray>> entryNamesIn(int folder) {
+    const int fd = fcntl(folder, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) return std::nullopt;
+    return entryNames(fd);
 }
 }  // namespace
 
+bool KVFileManagerPlatform::copyItemAt(int sourceFolder, const QByteArray &sourceName,
+                                       int destinationFolder, const QByteArray &destinationName,
+                                       const CopyOptions &options) {
+    if (isCancelled(options)) return false;
+    // Taken before anything is read, which would change the access time.
+    struct stat status;
+    int opened = -1;
+    QByteArray target;
+    {
+        const ReadingAs reader(options);
+        if (!reader.ok() ||
+            fstatat(sourceFolder, sourceName.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+            return false;
+        switch (status.st_mode & S_IFMT) {
+            case S_IFREG:
+                // O_NONBLOCK: an item replaced by a FIFO since it was looked at
+                // must not hang the copy; it is no longer the same item and fails.
+                opened = openat(sourceFolder, sourceName.constData(),
+                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+                break;
+            case S_IFDIR:
+                opened = openat(sourceFolder, sourceName.constData(),
+                                O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+                break;
+            case S_IFLNK: {
+                char buffer[PATH_MAX];
+                const ssize_t length =
+                    readlinkat(sourceFolder, sourceName.constData(), buffer, sizeof buffer);
+                if (length < 0 || size_t(length) >= sizeof buffer) return false;
+                target = QByteArray(buffer, length);
+                break;
+            }
+            default:
+                // FIFOs, devices and sockets: reading them could block for ever
+                // and their contents are no file.
+                return false;
+        }
+    }
+    if (S_ISLNK(status.st_mode))
+        return copyLinkAt(target, status, destinationFolder, destinationName, options);
+    FileDescriptor in(opened);
+    struct stat now;
+    if (in.get() < 0 || fstat(in.get(), &now) != 0 || !sameItem(now, status)) return false;
+    if (S_ISDIR(status.st_mode))
+        return copyFolderAt(in.get(), destinationFolder, destinationName, options);
+    return copyFileFrom(in.get(), status, destinationFolder, destinationName, options);
+}
+
+bool KVFileManagerPlatform::copyFolderAt(int source, int destinationFolder,
+                                         const QByteArray &destinationName,
+                                         const CopyOptions &options) {
+    struct stat status;
+    if (fstat(source, &status) != 0 || !S_ISDIR(status.st_mode)) return false;
+    // Writable by the copier while it is filled, whatever the source's mode.
+    if (mkdirat(destinationFolder, destinationName.constData(), 0700) != 0) return false;
+    FileDescriptor out(openat(destinationFolder, destinationName.constData(),
+                              O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    // Another folder put in its place since it was made is not filled.
+    struct stat made;
+    if (out.get() < 0 || fstat(out.get(), &made) != 0 || made.st_uid != geteuid()) return false;
+    std::optional<std::vector<QByteArray>> names;
+    {
+        const ReadingAs reader(options);
+        if (reader.ok()) names = entryNamesIn(source);
+    }
+    if (!names) return false;
+    for (const QByteArray &name : *names) {
+        if (!copyItemAt(source, name, out.get(), name, options)) return false;
+    }
+    return copyAttributes(source, out.get(), status, options) && out.close();
+}
+
+bool KVFileManagerPlatform::removeItemAt(int folder, const QByteArray &name) {
+    struct stat status;
+    if (fstatat(folder, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    if (S_ISDIR(status.st_mode)) {
+        // Everything that can go goes; whatever stays makes the last step fail.
+        const FileDescriptor inner(
+            openat(folder, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (inner.get() >= 0) {
+            if (const auto names = entryNamesIn(inner.get())) {
+                for (const QByteArray &entry : *names) removeItemAt(inner.get(), entry);
+            }
+        }
+    }
+    return unlinkat(folder, name.constData(), S_ISDIR(status.st_mode) ? AT_REMOVEDIR : 0) == 0;
+}
+
+bool KVFileManagerPlatform::changeOwnerAt(int folder, const QByteArray &name, uid_t user,
+                                          gid_t group) {
+    struct stat status;
+    if (fstatat(folder, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    bool changed = true;
+    if (S_ISDIR(status.st_mode)) {
+        // Contents first: a folder handed over can no longer be trusted.
+        const FileDescriptor inner(
+            openat(folder, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        const auto names = inner.get() >= 0 ? entryNamesIn(inner.get()) : std::nullopt;
+        if (!names) return false;
+        for (const QByteArray &entry : *names)
+            changed = changeOwnerAt(inner.get(), entry, user, group) && changed;
+    }
+    // The kernel clears the set-id bits of a file whose owner changes.
+    return fchownat(folder, name.constData(), user, group, AT_SYMLINK_NOFOLLOW) == 0 && changed;
+}
+
 bool KVFileManagerPlatform::copyItem(const QString &source, const QString &destination) {
-    return ::copyItem(QFile::encodeName(source), QFile::encodeName(destination));
+    return copyItemAt(AT_FDCWD, QFile::encodeName(source), AT_FDCWD, QFile::encodeName(destination),
+                      {});
 }
 
 bool KVFileManager::removeItemAtPath(const QString &path) {
-    return !path.isEmpty() && removeItem(QFile::encodeName(path));
+    return !path.isEmpty() &&
+           KVFileManagerPlatform::removeItemAt(AT_FDCWD, QFile::encodeName(path));
 }
 
 QStringList KVFileManager::contentsOfDirectoryAtPath(const QString &path) {
     QStringList contents;
     if (path.isEmpty()) return contents;
-    if (const auto names = entryNames(QFile::encodeName(path), Links::Follow)) {
+    // A listing goes where a link points.
+    const int fd = open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (const auto names = entryNames(fd)) {
         for (const QByteArray &name : *names) contents << QFile::decodeName(name);
     }
     return contents;

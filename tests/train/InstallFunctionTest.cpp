@@ -137,9 +137,9 @@ TEST_F(InstallTest, AnInstalledWrappersItemsAreDeletedAndCopiedAnew) {
     EXPECT_TRUE(log.messages().isEmpty()) << qPrintable(log.text());
 }
 
-// A failed copy ends the run with its own line; what was trashed stays there.
-// An item that can be neither trashed nor deleted (immutable) ends it too;
-// the trash failure is written twice, in this order, and nothing is copied.
+// A failed copy ends the run with its own line; the copy that was there
+// stays, and no staging item is left. An item that can be neither trashed nor deleted (immutable)
+// ends it too; the trash failure is written twice, in this order, and nothing is copied.
 TEST_F(InstallTest, ACopyThatFailsEndsTheRunWithItsLogLines) {
     TestFiles::makeProduct(destination, "old");
     const QString missing = folder + "/Missing/Product Folder";
@@ -149,8 +149,9 @@ TEST_F(InstallTest, ACopyThatFailsEndsTheRunWithItsLogLines) {
         EXPECT_EQ(InstallApplication(source, missing + "/" + name, wrapper), 2);
         EXPECT_EQ(log.messages(), (QStringList{"ERROR -- Could not copy myself to " + destination,
                                                "ERROR -- Could not copy wrapper to " + missing}));
-        EXPECT_FALSE(QFileInfo::exists(destination) || QFileInfo::exists(missing));
-        EXPECT_EQ(trashedMarker(), "old");
+        EXPECT_FALSE(QFileInfo::exists(missing));
+        EXPECT_EQ(TestFiles::markerOf(destination), "old");
+        EXPECT_EQ(trashed(), QStringList());
     }
     const QString target = installed + "/Read Me.txt";
     TestFiles::makeFile(target, "old read me", 0644);
@@ -166,6 +167,8 @@ TEST_F(InstallTest, ACopyThatFailsEndsTheRunWithItsLogLines) {
                                            "ERROR -- Could not trash existing " + destination}));
     EXPECT_NE(TestFiles::markerOf(wrappedDestination), "new");
     EXPECT_EQ(TestFiles::markerOf(destination), "locked");
+    EXPECT_EQ(QDir(applications).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+              (QStringList{"Product Folder", name}));
 }
 
 }  // namespace
