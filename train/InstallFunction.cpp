@@ -37,9 +37,8 @@ bool installStaged(int source, const QByteArray &name, const Place &place,
     }
     const bool staged = stage(source, name, place, staging, rights, &s_cancelled);
     const std::lock_guard lock(s_lock);
-    if (s_stagingPlace != &place) return false;  // cancelled: the staging item went with it
     s_stagingPlace = nullptr;
-    if (staged && replace(staging)) return true;
+    if (staged && !s_cancelled && replace(staging)) return true;
     discard(place, staging);
     return false;
 }
@@ -80,9 +79,9 @@ int copyFailed(const QString &destination) {
 void InstallApplicationCancel() {
     const std::lock_guard lock(s_lock);
     s_cancelled = true;
-    if (!s_stagingPlace) return;
-    discard(*s_stagingPlace, s_stagingName);
-    s_stagingPlace = nullptr;
+    // At once, for a program about to end; the run removes whatever its copy
+    // still wrote once it stops.
+    if (s_stagingPlace) discard(*s_stagingPlace, s_stagingName);
 }
 
 int InstallApplication(const QString &source, const QString &destination, const QString &wrapper,
@@ -97,9 +96,10 @@ int InstallApplication(const QString &source, const QString &destination, const 
         if (!wrapper.isNull()) kvLog("ERROR -- Could not copy wrapper to %@", top);
         return wrapper.isNull() ? copyFailed(destination) : 2;
     }
+    const QString topFolder = KVPath::stringByDeletingLastPathComponent(top);
     bool waited = false;
-    if (!lockFolder(*topPlace, &waited)) kvLog("Could not lock %@", topPlace->path);
-    if (waited) kvLog("Waited for another installation into %@ to end", topPlace->path);
+    if (!lockFolder(*topPlace, &waited)) kvLog("Could not lock %@", topFolder);
+    if (waited) kvLog("Waited for another installation into %@ to end", topFolder);
 
     if (!wrapper.isNull()) {
         const std::optional<FileDescriptor> wrapperFolder = openSource(wrapper, rights);

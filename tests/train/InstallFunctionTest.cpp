@@ -3,10 +3,15 @@
 // "volume" folder into an "Applications" folder below the test's private root;
 // the trash is the private home's, emptied before each test.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/mount.h>
 
 #include <QDir>
 #include <QFileInfo>
 #include <QProcess>
+#include <QThread>
+#include <thread>
 
 #include "InstallFunction.h"
 #include "LogCapture.h"
@@ -14,6 +19,7 @@
 #include "TestFiles.h"
 
 namespace {
+using TestFiles::local;
 
 // The product comes inside a wrapper folder with auxiliary items and a
 // product of its own (marked "wrapper's"); the source beside it is newer. The
@@ -169,6 +175,111 @@ TEST_F(InstallTest, ACopyThatFailsEndsTheRunWithItsLogLines) {
     EXPECT_EQ(TestFiles::markerOf(destination), "locked");
     EXPECT_EQ(QDir(applications).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
               (QStringList{"Product Folder", name}));
+}
+
+// The same item under another name (a link either way, a bind mount), a
+// destination inside the source or a source inside the destination: nothing
+// is touched, the run ends with 2 and says why.
+TEST_F(InstallTest, SourceAndDestinationThatOverlapAreRefused) {
+    TestFiles::makeProduct(destination, "old");
+    TestFiles::makeProduct(destination + "/Contents/Inner.app", "inner");
+    TestFiles::makeLink(folder + "/alias.app", source);
+    TestFiles::makeLink(applications + "/Alias.app", source);
+    const QString bound = folder + "/Bound.app";
+    QDir().mkpath(bound);
+    if (mount(local(source).constData(), local(bound).constData(), nullptr, MS_BIND, nullptr) != 0)
+        GTEST_SKIP() << "bind mounts need root";
+    const auto unmount = qScopeGuard([&] { umount2(local(bound).constData(), MNT_DETACH); });
+    const QStringList before = TestFiles::snapshot(folder);
+    const QString pairs[][2] = {{source, source},
+                                {folder + "/alias.app", source},
+                                {source, applications + "/Alias.app"},
+                                {bound, source},
+                                {source, source + "/Contents/Copy.app"},
+                                {destination + "/Contents/Inner.app", destination}};
+    for (const auto &[from, to] : pairs) {
+        LogCapture log;
+        EXPECT_EQ(InstallApplication(from, to, QString()), 2) << qPrintable(from + " " + to);
+        EXPECT_EQ(log.messages(),
+                  QStringList{"ERROR -- Will not install " + from + " over or into itself: " + to});
+    }
+    EXPECT_EQ(TestFiles::snapshot(folder), before);
+    EXPECT_EQ(trashed(), QStringList());
+}
+
+// A copy that fills the disk or is killed half-way leaves the old copy in
+// place; the next run removes what the killed one left and installs.
+TEST_F(InstallTest, AnInterruptedCopyLeavesTheOldCopyInPlace) {
+    const QString small = folder + "/Small";
+    QDir().mkpath(small);
+    if (mount("kvtest", local(small).constData(), "tmpfs", 0, "size=1m") != 0)
+        GTEST_SKIP() << "mounting needs root";
+    const auto unmount = qScopeGuard([&] { umount2(local(small).constData(), MNT_DETACH); });
+    const QString large = TestFiles::makeRichBundle(folder + "/Volume", "Large");  // 3 MB
+    ASSERT_FALSE(large.isNull());
+    TestFiles::makeProduct(small + "/Large.app", "old");
+    {
+        LogCapture log;
+        EXPECT_EQ(InstallApplication(large, small + "/Large.app", QString()), 2);
+        EXPECT_EQ(log.messages(),
+                  QStringList{"ERROR -- Could not copy myself to " + small + "/Large.app"});
+    }
+    EXPECT_EQ(TestFiles::markerOf(small + "/Large.app"), "old");
+    EXPECT_EQ(QDir(small).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+              QStringList{"Large.app"});
+
+    // Many items, so that the copy is still running when it is killed.
+    for (int i = 0; i < 3000; ++i)
+        TestFiles::makeFile(source + QString("/Contents/Resources/%1").arg(i), "x", 0644);
+    TestFiles::makeProduct(destination, "old");
+    const QString staging = applications + "/." + name + ".installing";
+    QProcess tool;
+    tool.start(KV_TRAIN_TOOL, {source, destination});
+    ASSERT_TRUE(tool.waitForStarted());
+    while (!QFileInfo::exists(staging + "/Contents/Resources") && tool.state() == QProcess::Running)
+        QThread::usleep(100);
+    tool.kill();
+    tool.waitForFinished();
+    ASSERT_TRUE(QFileInfo::exists(staging)) << "the copy ended before it could be killed";
+    EXPECT_EQ(TestFiles::markerOf(destination), "old");
+    EXPECT_EQ(train({source, destination}).status, 0);
+    EXPECT_EQ(TestFiles::markerOf(destination), "new");
+    EXPECT_FALSE(QFileInfo::exists(staging));
+}
+
+// One installation into a folder at a time: a second waits until the first
+// lets go, and says so.
+TEST_F(InstallTest, ASecondInstallationIntoTheFolderWaitsForTheFirst) {
+    const int held = open(local(applications).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(held, LOCK_EX), 0);
+    QProcess tool;
+    tool.start(KV_TRAIN_TOOL, {source, destination});
+    EXPECT_FALSE(tool.waitForFinished(1000));
+    EXPECT_FALSE(QFileInfo::exists(destination));
+    close(held);
+    ASSERT_TRUE(tool.waitForFinished(60000));
+    EXPECT_EQ(tool.exitCode(), 0);
+    EXPECT_TRUE(QString::fromUtf8(tool.readAllStandardError())
+                    .contains("Waited for another installation into " + applications + " to end"));
+    EXPECT_EQ(TestFiles::markerOf(destination), "new");
+}
+
+// A program that quits during the copy takes its staging item back and
+// replaces nothing.
+TEST_F(InstallTest, CancellingDuringTheCopyReplacesNothing) {
+    for (int i = 0; i < 3000; ++i)
+        TestFiles::makeFile(source + QString("/Contents/Resources/%1").arg(i), "x", 0644);
+    TestFiles::makeProduct(destination, "old");
+    const QString staging = applications + "/." + name + ".installing";
+    std::atomic<int> result = -1;
+    std::thread run([&] { result = InstallApplication(source, destination, QString()); });
+    while (!QFileInfo::exists(staging + "/Contents/Resources") && result < 0) QThread::usleep(100);
+    InstallApplicationCancel();
+    run.join();
+    EXPECT_EQ(result.load(), 2);
+    EXPECT_EQ(TestFiles::markerOf(destination), "old");
+    EXPECT_EQ(trashed(), QStringList());
+    EXPECT_FALSE(QFileInfo::exists(staging));
 }
 
 }  // namespace
