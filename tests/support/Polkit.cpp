@@ -1,7 +1,10 @@
 #include "Polkit.h"
 
+#include <fcntl.h>
 #include <spawn.h>
+#include <sys/file.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -40,6 +43,13 @@ void stopProcess(pid_t pid) {
 Polkit::Polkit(bool consent) {
     if (!Relaunch::isRoot()) {
         fail("the privileged path is tested from root");
+        return;
+    }
+    // One test process at a time owns the servers and the rule: another's
+    // teardown would stop the polkitd this one asks.
+    m_lock = open("/run/kvtest-polkit.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    if (m_lock < 0 || flock(m_lock, LOCK_EX) != 0) {
+        fail("cannot lock /run/kvtest-polkit.lock");
         return;
     }
     if (!QFileInfo::exists(kPolkitd) || !QFileInfo::exists("/usr/bin/pkexec")) {
@@ -98,6 +108,7 @@ Polkit::~Polkit() {
         QFile::remove(kSocket);
         QFile::remove("/run/dbus/pid");
     }
+    if (m_lock >= 0) close(m_lock);
 }
 
 bool Polkit::fail(const QString &why) {

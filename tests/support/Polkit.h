@@ -1,6 +1,7 @@
 // The real privileged path for tests: a system bus and polkitd, with a rule
 // that answers pkexec for the unprivileged test user with yes or no. Needs
-// root; everything it starts it stops again, by process id.
+// root; everything it starts it stops again, by process id. One object in
+// one process at a time: a second waits for the first to go.
 #pragma once
 
 #include <sys/types.h>
@@ -24,6 +25,7 @@ private:
     QString m_rule;
     pid_t m_bus = 0;
     pid_t m_polkitd = 0;
+    int m_lock = -1;
     bool m_ok = false;
     QString m_error;
 };

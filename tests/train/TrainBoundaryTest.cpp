@@ -18,6 +18,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QProcess>
+#include <QThread>
 #include <memory>
 
 #include "Polkit.h"
@@ -290,6 +291,28 @@ TEST_F(TrainBoundaryTest, TheReplacedCopyGoesWhereTheUserCanRestoreIt) {
         run.errors.contains("Kept the replaced copy as " + apps + "/Product (replaced).app"))
         << qPrintable(run.errors);
     EXPECT_EQ(TestFiles::markerOf(apps + "/Product (replaced).app"), "new");
+}
+
+// With the project's polkit action installed, pkexec asks for it, not for
+// its generic action, and the dialog's text names the command line: the
+// rule that grants the generic action no longer lets the tool run.
+TEST_F(TrainBoundaryTest, TheProjectsPolkitActionIsUsedWhenPresent) {
+    QFile templateFile(KV_POLICY_TEMPLATE);
+    ASSERT_TRUE(templateFile.open(QIODevice::ReadOnly));
+    const QString action = "/usr/share/polkit-1/actions/org.velmora.installer.install.policy";
+    ASSERT_TRUE(TestEnvironment::writeFile(
+        action, templateFile.readAll().replace("@KV_TRAIN_PATH@", local(tool))));
+    const auto remove = qScopeGuard([&] { QFile::remove(action); });
+    QProcess lookup;
+    for (int i = 0; i < 100; ++i) {
+        lookup.start("pkaction", {"--action-id", "org.velmora.installer.install", "--verbose"});
+        lookup.waitForFinished();
+        if (lookup.exitCode() == 0) break;
+        QThread::msleep(50);
+    }
+    EXPECT_TRUE(lookup.readAllStandardOutput().contains("$(command_line)"));
+    EXPECT_EQ(train({source, rootOnly + "/Product.app"}).status, 127);
+    EXPECT_EQ(entries(rootOnly), QStringList{"keep"});
 }
 
 }  // namespace
