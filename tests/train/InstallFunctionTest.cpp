@@ -207,6 +207,27 @@ TEST_F(InstallTest, SourceAndDestinationThatOverlapAreRefused) {
     EXPECT_EQ(trashed(), QStringList());
 }
 
+// The source is the bundle it names: a link to a bundle installs a copy of
+// the bundle; a link loop, a plain file or a folder without Info.plist is no
+// bundle and replaces nothing.
+TEST_F(InstallTest, TheSourceIsTheBundleItNames) {
+    TestFiles::makeLink(folder + "/link.app", source);
+    TestFiles::makeLink(folder + "/loop.app", folder + "/loop.app");
+    TestFiles::makeFile(folder + "/plain.app", "plain", 0644);
+    QDir().mkpath(folder + "/Empty.app/Contents");
+    TestFiles::makeProduct(destination, "old");
+    for (const QString from : {"/loop.app", "/plain.app", "/Empty.app"}) {
+        LogCapture log;
+        EXPECT_EQ(InstallApplication(folder + from, destination, QString()), 2);
+        EXPECT_EQ(log.messages(), QStringList{"ERROR -- Could not copy myself to " + destination});
+    }
+    EXPECT_EQ(TestFiles::markerOf(destination), "old");
+    const QStringList bundle = TestFiles::snapshot(source);
+    EXPECT_EQ(InstallApplication(folder + "/link.app", destination, QString()), 0);
+    EXPECT_FALSE(QFileInfo(destination).isSymLink());
+    EXPECT_EQ(TestFiles::snapshot(destination), bundle);
+}
+
 // A copy that fills the disk or is killed half-way leaves the old copy in
 // place; the next run removes what the killed one left and installs.
 TEST_F(InstallTest, AnInterruptedCopyLeavesTheOldCopyInPlace) {
