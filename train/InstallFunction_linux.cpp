@@ -295,9 +295,9 @@ QList<QByteArray> InstallPlatform::contentsOf(int source, const InstallRights &r
     const AsUser user(rights);
     QList<QByteArray> names;
     if (!user.ok()) return names;
-    const QByteArray path = "/proc/self/fd/" + QByteArray::number(source);
-    for (const QString &name : KVFileManager::contentsOfDirectoryAtPath(QFile::decodeName(path)))
-        names << QFile::encodeName(name);
+    if (const auto entries = KVFileManagerPlatform::entryNamesAt(source)) {
+        for (const QByteArray &name : *entries) names << name;
+    }
     return names;
 }
 

@@ -214,13 +214,6 @@ bool sameItem(const struct stat &a, const struct stat &b) {
            (a.st_mode & S_IFMT) == (b.st_mode & S_IFMT);
 }
 
-// The names in an open folder, listed through a second descriptor so the
-// caller's stays usable.
-std::optional<std::vector<QByteArray>> entryNamesIn(int folder) {
-    const int fd = fcntl(folder, F_DUPFD_CLOEXEC, 0);
-    if (fd < 0) return std::nullopt;
-    return entryNames(fd);
-}
 }  // namespace
 
 bool KVFileManagerPlatform::copyItemAt(int sourceFolder, const QByteArray &sourceName,
@@ -286,7 +279,7 @@ bool KVFileManagerPlatform::copyFolderAt(int source, int destinationFolder,
     std::optional<std::vector<QByteArray>> names;
     {
         const ReadingAs reader(options);
-        if (reader.ok()) names = entryNamesIn(source);
+        if (reader.ok()) names = KVFileManagerPlatform::entryNamesAt(source);
     }
     if (!names) return false;
     for (const QByteArray &name : *names) {
@@ -303,7 +296,7 @@ bool KVFileManagerPlatform::removeItemAt(int folder, const QByteArray &name) {
         const FileDescriptor inner(
             openat(folder, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (inner.get() >= 0) {
-            if (const auto names = entryNamesIn(inner.get())) {
+            if (const auto names = KVFileManagerPlatform::entryNamesAt(inner.get())) {
                 for (const QByteArray &entry : *names) removeItemAt(inner.get(), entry);
             }
         }
@@ -313,20 +306,30 @@ bool KVFileManagerPlatform::removeItemAt(int folder, const QByteArray &name) {
 
 bool KVFileManagerPlatform::changeOwnerAt(int folder, const QByteArray &name, uid_t user,
                                           gid_t group) {
+    // The item as opened is the one changed, whatever takes its name meanwhile.
+    const FileDescriptor item(openat(folder, name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status;
-    if (fstatat(folder, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    if (item.get() < 0 || fstat(item.get(), &status) != 0) return false;
     bool changed = true;
     if (S_ISDIR(status.st_mode)) {
         // Contents first: a folder handed over can no longer be trusted.
-        const FileDescriptor inner(
-            openat(folder, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        const auto names = inner.get() >= 0 ? entryNamesIn(inner.get()) : std::nullopt;
+        const FileDescriptor inner(openat(item.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        const auto names =
+            inner.get() >= 0 ? KVFileManagerPlatform::entryNamesAt(inner.get()) : std::nullopt;
         if (!names) return false;
         for (const QByteArray &entry : *names)
             changed = changeOwnerAt(inner.get(), entry, user, group) && changed;
+    } else if (status.st_nlink > 1) {
+        // A file with other names may be someone else's, linked in: it stays theirs.
+        return changed;
     }
     // The kernel clears the set-id bits of a file whose owner changes.
-    return fchownat(folder, name.constData(), user, group, AT_SYMLINK_NOFOLLOW) == 0 && changed;
+    return fchownat(item.get(), "", user, group, AT_EMPTY_PATH) == 0 && changed;
+}
+
+std::optional<std::vector<QByteArray>> KVFileManagerPlatform::entryNamesAt(int folder) {
+    // Listed through a second descriptor, so that the caller's stays usable.
+    return entryNames(fcntl(folder, F_DUPFD_CLOEXEC, 0));
 }
 
 bool KVFileManagerPlatform::copyItem(const QString &source, const QString &destination) {

@@ -11,6 +11,8 @@
 #include <QByteArray>
 #include <QString>
 #include <atomic>
+#include <optional>
+#include <vector>
 
 namespace KVFileManagerPlatform {
 // An open descriptor, closed when it goes.
@@ -93,7 +95,10 @@ bool copyFolderAt(int source, int destinationFolder, const QByteArray &destinati
                   const CopyOptions &options);
 // Removes the item, a folder with everything in it, never following a link.
 bool removeItemAt(int folder, const QByteArray &name);
+// The entry names of the open folder, without "." and "..".
+std::optional<std::vector<QByteArray>> entryNamesAt(int folder);
 // Gives the item and everything in it to the user, never following a link;
-// set-id bits are cleared.
+// set-id bits are cleared, and a file with more than one name stays whose it
+// is.
 bool changeOwnerAt(int folder, const QByteArray &name, uid_t user, gid_t group);
 }  // namespace KVFileManagerPlatform
