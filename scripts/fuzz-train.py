@@ -42,7 +42,7 @@ def random_tree(rng, path, root, secret, links, depth=0):
             continue
         kind = rng.random()
         try:
-            if kind < 0.35:
+            if kind < 0.4:
                 with open(name, "wb") as f:
                     f.write(os.urandom(rng.randint(0, 2048)))
                 os.chmod(name, rng.choice([0o644, 0o755, 0o4755, 0o2755, 0o777, 0o1777, 0o600, 0o000]))
@@ -52,9 +52,9 @@ def random_tree(rng, path, root, secret, links, depth=0):
                 os.chmod(name, rng.choice([0o755, 0o777, 0o1777, 0o700, 0o2755]))
             elif kind < 0.75:
                 os.symlink(rng.choice([root, secret, "/etc/shadow", "..", "../..", "/", name, "/proc/self/root"]), name)
-            elif kind < 0.85:
+            elif kind < 0.80:
                 links.append(name)
-            elif kind < 0.92:
+            elif kind < 0.81:
                 os.mkfifo(name, 0o666)
             else:
                 os.setxattr(name if os.path.exists(name) else path, b"user.fuzz", os.urandom(8))
@@ -145,7 +145,9 @@ def one_case(rng, top):
                     os.path.join(root, b"..", b"Product.app"), os.path.join(root, b"Product.app", b"x"),
                     source, source + b"/Contents/Product.app", b"/", b"",
                     os.path.join(root, b"x" * 300, b"Product.app")]
-    argv = [rng.choice(sources), rng.choice(destinations)]
+    # Mostly the plausible vector, so that most runs copy a hostile tree.
+    argv = [source if rng.random() < 0.7 else rng.choice(sources),
+            destinations[0] if rng.random() < 0.6 else rng.choice(destinations)]
     if rng.random() < 0.2:
         argv.append(rng.choice(sources + [mine]))
     if rng.random() < 0.05:
