@@ -160,6 +160,16 @@ private:
     posix_spawnattr_t m_attributes;
 };
 
+// The descriptor moved above the standard streams: in a process that runs
+// without them a new file may get their number, which the child's own
+// redirections would then overwrite before using it.
+int aboveStandardStreams(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) return fd;
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(fd);
+    return moved;
+}
+
 // Reaps the child now when it has ended, else on a thread of its own once it
 // does: nothing waits for it, and it never stays a zombie.
 void reap(pid_t pid) {
@@ -184,7 +194,7 @@ bool KVUtilitiesPrivate::ScriptRun::start(const QString &path, const QStringList
                                           QString *error) {
     const QByteArray folder = qgetenv("TMPDIR");
     m_outputPath = (folder.isEmpty() ? QByteArray("/tmp") : folder) + "/KVScript.XXXXXX";
-    m_output = mkostemp(m_outputPath.data(), O_CLOEXEC);
+    m_output = aboveStandardStreams(mkostemp(m_outputPath.data(), O_CLOEXEC));
     if (m_output < 0) {
         *error = errorText(errno);
         m_outputPath.clear();
@@ -255,6 +265,7 @@ void KVUtilitiesPrivate::ScriptRun::removeOutput() {
 bool KVUtilitiesPrivate::commandOutput(const QString &command, QByteArray *output) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return false;
+    for (int &end : ends) end = aboveStandardStreams(end);
     Spawner spawner;
     posix_spawn_file_actions_adddup2(&spawner.actions, ends[1], STDOUT_FILENO);
     pid_t pid = -1;

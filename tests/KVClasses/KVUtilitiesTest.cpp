@@ -251,6 +251,15 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
         for (const QString &file : left) QFile::remove(temporary + "/" + file);
     }
     QDir::setCurrent(previous);
+    // In a process without standard input the output file gets its number;
+    // the script's own redirections must not lose it.
+    ASSERT_TRUE(writeScript(folder + "/hello.sh", "echo hello"));
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    const QString withoutInput = KVUtilities::runShellScript(folder + "/hello.sh", {}, 10);
+    dup2(input, STDIN_FILENO);
+    close(input);
+    EXPECT_EQ(withoutInput, "hello\n");
     // A script's child that goes on running does not hold the result back.
     ASSERT_TRUE(writeScript(folder + "/parent.sh", "sleep 30 & echo $!"));
     const pid_t left = KVUtilities::runShellScript(folder + "/parent.sh", {}, 10).toInt();
