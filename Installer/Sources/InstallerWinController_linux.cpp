@@ -30,41 +30,16 @@ bool liesInSystemPlace(const QString &path) {
     return path.contains(volumeTrash);
 }
 
-// A field of /proc/self/mountinfo: spaces, tabs, line feeds and
-// backslashes come as octal escapes.
-QString mountInfoField(const QByteArray &field) {
-    QByteArray bytes;
-    for (qsizetype i = 0; i < field.size(); ++i) {
-        bool octal = false;
-        const int value =
-            field[i] == '\\' && i + 3 < field.size() ? field.mid(i + 1, 3).toInt(&octal, 8) : 0;
-        if (octal && value < 256) {
-            bytes += char(value);
-            i += 3;
-        } else {
-            bytes += field[i];
-        }
-    }
-    return QFile::decodeName(bytes);
-}
-
-// The mount point of the file system that holds the item.
+// The mount point of the file system that holds the item: its topmost
+// folder on the same device.
 QString mountPointOf(const QString &canonicalPath, dev_t device) {
-    QFile mounts(QStringLiteral("/proc/self/mountinfo"));
-    if (!mounts.open(QIODevice::ReadOnly)) return QString();
-    const QByteArray numbers =
-        QByteArray::number(major(device)) + ':' + QByteArray::number(minor(device));
-    QString best;
-    for (const QByteArray &line : mounts.readAll().split('\n')) {
-        const QList<QByteArray> fields = line.split(' ');
-        if (fields.size() < 5 || fields[2] != numbers) continue;
-        const QString point = mountInfoField(fields[4]);
-        const bool holds = point == QLatin1String("/") || canonicalPath == point ||
-                           canonicalPath.startsWith(point + QLatin1Char('/'));
-        // Mounted later over the same place: the later one is seen.
-        if (holds && point.size() >= best.size()) best = point;
+    QString point = canonicalPath;
+    for (QString up = QFileInfo(point).path(); up != point; up = QFileInfo(up).path()) {
+        struct stat info;
+        if (stat(QFile::encodeName(up).constData(), &info) != 0 || info.st_dev != device) break;
+        point = up;
     }
-    return best;
+    return point;
 }
 
 // Whether the block device is a removable one (a partition's flag is on
