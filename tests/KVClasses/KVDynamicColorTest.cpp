@@ -1,0 +1,386 @@
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QBuffer>
+#include <QDBusConnection>
+#include <QDBusVariant>
+#include <QPaintEvent>
+#include <QThread>
+#include <QWidget>
+#include <functional>
+#include <memory>
+
+#include "KVDynamicColor.h"
+#include "KVDynamicColor_p.h"
+#include "KVUserDefaults.h"
+#include "LogCapture.h"
+#include "ViewExtensions.h"
+
+using namespace KVDynamicColorPrivate;
+
+namespace {
+
+const QColor kLight(250, 240, 230);
+const QColor kDark(20, 30, 40);
+
+enum class Palette { Inherited, Light, Dark, LightAppearance };
+
+QPalette paletteOf(bool dark) {
+    QPalette palette;
+    palette.setColor(QPalette::Window, dark ? QColor(30, 30, 30) : QColor(240, 240, 240));
+    palette.setColor(QPalette::WindowText, dark ? QColor(230, 230, 230) : QColor(10, 10, 10));
+    return palette;
+}
+
+void applyPalette(QWidget *widget, Palette palette) {
+    if (palette == Palette::LightAppearance) ViewExtensions::useLightAquaAppearance(widget, true);
+    if (palette == Palette::Light || palette == Palette::Dark)
+        widget->setPalette(paletteOf(palette == Palette::Dark));
+}
+
+// The application's own palette for the life of the object; an inherited one
+// leaves the application with none of its own.
+class ApplicationPalette {
+public:
+    explicit ApplicationPalette(Palette palette) {
+        QApplication::setPalette(
+            palette == Palette::Inherited ? QPalette() : paletteOf(palette == Palette::Dark));
+    }
+    ~ApplicationPalette() { QApplication::setPalette(QPalette()); }
+};
+
+// A widget that asks a colour for its value while it is being painted.
+class PaintProbe : public QWidget {
+public:
+    PaintProbe(QWidget *parent, const KVDynamicColor &color) : QWidget(parent), m_color(color) {
+        resize(8, 8);
+    }
+    QColor painted;
+
+protected:
+    void paintEvent(QPaintEvent *) override { painted = m_color.effectiveColor(); }
+
+private:
+    const KVDynamicColor &m_color;
+};
+
+// The desktop portal's settings, answered from a thread of its own with its
+// own bus connection, since the test's main thread blocks while it asks.
+class FakePortalSettings : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.portal.Settings")
+
+public:
+    explicit FakePortalSettings(uint scheme) : m_scheme(scheme) {}
+
+public slots:
+    QDBusVariant Read(const QString &settingNamespace, const QString &key) {
+        if (settingNamespace != QLatin1String("org.freedesktop.appearance") ||
+            key != QLatin1String("color-scheme"))
+            return QDBusVariant(QString());
+        return QDBusVariant(QVariant::fromValue(QDBusVariant(m_scheme)));
+    }
+
+private:
+    uint m_scheme;
+};
+
+class FakePortal {
+public:
+    explicit FakePortal(uint scheme) : m_settings(new FakePortalSettings(scheme)) {
+        m_settings->moveToThread(&m_thread);
+        m_thread.start();
+        m_bus = std::make_unique<QDBusConnection>(
+            QDBusConnection::connectToBus(QDBusConnection::SessionBus, kConnectionName));
+        m_registered = m_bus->registerObject(QStringLiteral("/org/freedesktop/portal/desktop"),
+                                             m_settings.get(), QDBusConnection::ExportAllSlots) &&
+                       m_bus->registerService(QStringLiteral("org.freedesktop.portal.Desktop"));
+    }
+    ~FakePortal() {
+        m_bus->unregisterService(QStringLiteral("org.freedesktop.portal.Desktop"));
+        m_bus->unregisterObject(QStringLiteral("/org/freedesktop/portal/desktop"));
+        m_bus.reset();
+        QDBusConnection::disconnectFromBus(kConnectionName);
+        m_thread.quit();
+        m_thread.wait();
+    }
+    bool registered() const { return m_registered; }
+
+private:
+    static inline const QString kConnectionName = QStringLiteral("kvtest-fake-portal");
+    QThread m_thread;
+    std::unique_ptr<FakePortalSettings> m_settings;
+    std::unique_ptr<QDBusConnection> m_bus;
+    bool m_registered = false;
+};
+
+// ---- The appearance in force ----
+
+struct AppearanceCase {
+    const char *name;
+    Palette application;
+    Palette parent;
+    Palette painted;
+    bool global;
+    bool expectDark;
+};
+
+TEST(KVDynamicColorTest, PaintedWidgetThenApplicationDecideTheAppearance) {
+    const AppearanceCase cases[] = {
+        {"nothing set, no portal", Palette::Inherited, Palette::Inherited, Palette::Inherited,
+         false, false},
+        {"dark application", Palette::Dark, Palette::Inherited, Palette::Inherited, false, true},
+        {"light-appearance parent in a dark application", Palette::Dark, Palette::LightAppearance,
+         Palette::Inherited, false, false},
+        {"dark parent in a light application", Palette::Light, Palette::Dark, Palette::Inherited,
+         false, true},
+        {"dark widget inside a light-appearance parent", Palette::Dark, Palette::LightAppearance,
+         Palette::Dark, false, true},
+        {"light widget inside a dark parent", Palette::Dark, Palette::Dark, Palette::Light, false,
+         false},
+        {"global colour ignores a dark widget", Palette::Light, Palette::Dark, Palette::Dark, true,
+         false},
+        {"global colour ignores a light-appearance widget", Palette::Dark, Palette::LightAppearance,
+         Palette::Inherited, true, true},
+    };
+    for (const AppearanceCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        const ApplicationPalette application(c.application);
+        const KVDynamicColor color = KVDynamicColor::lightColor(kLight, kDark, c.global);
+        QWidget parent;
+        applyPalette(&parent, c.parent);
+        PaintProbe probe(&parent, color);
+        applyPalette(&probe, c.painted);
+        probe.grab();
+        const QColor expected = c.expectDark ? kDark : kLight;
+        EXPECT_EQ(probe.painted, expected);
+        EXPECT_EQ(color.effectiveColor(&probe), expected);
+    }
+}
+
+TEST(KVDynamicColorTest, ColourWithoutDarkValueIsLightInDarkAppearance) {
+    const ApplicationPalette application(Palette::Dark);
+    const KVDynamicColor color = KVDynamicColor::lightColor(kLight, QColor());
+    EXPECT_EQ(color.effectiveColor(nullptr), kLight);
+    const KVDynamicColor noColor = KVDynamicColor::lightColor(QColor(), kDark);
+    EXPECT_EQ(noColor.effectiveColor(nullptr), kDark);
+    EXPECT_FALSE(KVDynamicColor::lightColor(QColor(), QColor()).isValid());
+}
+
+TEST(KVDynamicColorTest, UseGlobalAppearanceAnswersTheSameColour) {
+    const ApplicationPalette application(Palette::Light);
+    KVDynamicColor color = KVDynamicColor::lightColor(kLight, kDark);
+    EXPECT_EQ(&color.useGlobalAppearance(true), &color);
+    QWidget dark;
+    applyPalette(&dark, Palette::Dark);
+    EXPECT_EQ(color.effectiveColor(&dark), kLight);
+    EXPECT_EQ(color.useGlobalAppearance(false).effectiveColor(&dark), kDark);
+    // Questions about the colour go to the one in force.
+    EXPECT_EQ(color.name(), kLight.name());
+    EXPECT_EQ(color.lighter(), kLight.lighter());
+}
+
+TEST(KVDynamicColorTest, DesktopPortalDecidesWhenTheApplicationHasNoPalette) {
+    EXPECT_EQ(desktopPrefersDark(), std::nullopt);
+    const KVDynamicColor color = KVDynamicColor::lightColor(kLight, kDark, true);
+    EXPECT_EQ(color.effectiveColor(), kLight);
+    for (const uint scheme : {0u, 1u, 2u}) {
+        SCOPED_TRACE(scheme);
+        const FakePortal portal(scheme);
+        ASSERT_TRUE(portal.registered());
+        EXPECT_EQ(desktopPrefersDark(), scheme == 1);
+        EXPECT_EQ(color.effectiveColor(), scheme == 1 ? kDark : kLight);
+        // A palette the application set itself wins over the desktop's.
+        const ApplicationPalette application(Palette::Light);
+        EXPECT_EQ(color.effectiveColor(), kLight);
+    }
+}
+
+// ---- Ready-made colours ----
+
+TEST(KVDynamicColorTest, RedWarningTextColourIsOneSharedColour) {
+    KVDynamicColor &warning = KVDynamicColor::redWarningTextColor();
+    EXPECT_EQ(&warning, &KVDynamicColor::redWarningTextColor());
+    EXPECT_FALSE(warning.usesGlobalAppearance());
+    EXPECT_EQ(warning.aquaColor(), QColor::fromRgbF(0.75f, 0.0f, 0.0f));
+    EXPECT_EQ(warning.darkAquaColor(), QColor::fromRgbF(1.0f, 0.2f, 0.0f));
+}
+
+struct AccentCase {
+    QVariant stored;
+    QString name;
+    QStringList logged;
+};
+
+TEST(KVDynamicColorTest, AccentColourNamesFromTheStoredIndex) {
+    const QString line = QStringLiteral("*** unknown accent color index: %1");
+    // In order: an unknown index is logged unless it was the last one logged.
+    const AccentCase cases[] = {
+        {QVariant(), KVAccentColorNameBlue, {}},
+        {-1, KVAccentColorNameGraphite, {}},
+        {QStringLiteral("3"), KVAccentColorNameGreen, {}},
+        {5.9, KVAccentColorNamePurple, {}},
+        {true, KVAccentColorNameOrange, {}},
+        {QStringLiteral("purple"), KVAccentColorNameBlue, {}},
+        {QVariantList{5}, KVAccentColorNameBlue, {}},
+        {4, KVAccentColorNameBlue, {line.arg(4)}},
+        {4, KVAccentColorNameBlue, {}},
+        {QStringLiteral("4"), KVAccentColorNameBlue, {}},
+        {7, KVAccentColorNameBlue, {line.arg(7)}},
+        {4, KVAccentColorNameBlue, {line.arg(4)}},
+        {-1, KVAccentColorNameGraphite, {}},
+        {4, KVAccentColorNameBlue, {}},
+    };
+    KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
+    // Whatever unknown index was logged before, 9 is the last one now.
+    defaults.setObject(9, QStringLiteral("AppleAccentColor"));
+    {
+        const LogCapture discarded;
+        EXPECT_EQ(KVDynamicColor::accentColorName(), KVAccentColorNameBlue);
+    }
+    for (const AccentCase &c : cases) {
+        SCOPED_TRACE(c.stored.toString().toStdString());
+        defaults.setObject(c.stored, QStringLiteral("AppleAccentColor"));
+        const LogCapture log;
+        EXPECT_EQ(KVDynamicColor::accentColorName(), c.name);
+        EXPECT_EQ(log.messages(), c.logged);
+    }
+    defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
+}
+
+struct HighlightCase {
+    QString accent;
+    std::array<double, 6> menu;   // light r, g, b, then dark r, g, b
+    std::array<int, 6> menuItem;  // in 255ths
+};
+
+TEST(KVDynamicColorTest, MenuHighlightsFollowTheAccentColour) {
+    const HighlightCase cases[] = {
+        {KVAccentColorNameBlue, {.16, .43, .95, .04, .29, .76}, {60, 139, 246, 12, 111, 225}},
+        {KVAccentColorNamePurple, {.57, .26, .58, .44, .18, .45}, {169, 99, 170, 135, 59, 135}},
+        {KVAccentColorNamePink, {.95, .31, .61, .73, .16, .43}, {248, 114, 176, 218, 74, 142}},
+        {KVAccentColorNameRed, {.85, .25, .29, .76, .18, .22}, {229, 95, 100, 199, 54, 60}},
+        {KVAccentColorNameOrange, {.95, .51, .22, .73, .34, .08}, {248, 154, 79, 218, 117, 31}},
+        {KVAccentColorNameYellow, {.97, .71, .25, .76, .53, .11}, {252, 198, 90, 222, 164, 42}},
+        {KVAccentColorNameGreen, {.42, .73, .32, .26, .54, .17}, {128, 198, 107, 90, 165, 66}},
+        {KVAccentColorNameGraphite, {.59, .59, .59, .34, .34, .34}, {162, 162, 162, 124, 128, 131}},
+    };
+    const QMap<QString, QVariant> index = {
+        {KVAccentColorNameBlue, QVariant()}, {KVAccentColorNamePurple, 5},
+        {KVAccentColorNamePink, 6},          {KVAccentColorNameRed, 0},
+        {KVAccentColorNameOrange, 1},        {KVAccentColorNameYellow, 2},
+        {KVAccentColorNameGreen, 3},         {KVAccentColorNameGraphite, -1}};
+    const auto expectRgb = [](const QColor &color, double r, double g, double b) {
+        EXPECT_NEAR(color.redF(), r, 1e-4);
+        EXPECT_NEAR(color.greenF(), g, 1e-4);
+        EXPECT_NEAR(color.blueF(), b, 1e-4);
+        EXPECT_EQ(color.alphaF(), 1.0f);
+    };
+    KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
+    QSet<const KVDynamicColor *> seen;
+    for (const HighlightCase &c : cases) {
+        SCOPED_TRACE(c.accent.toStdString());
+        defaults.setObject(index.value(c.accent), QStringLiteral("AppleAccentColor"));
+        const LogCapture quiet;
+        KVDynamicColor &menu = KVDynamicColor::menuHighlightColor();
+        KVDynamicColor &item = KVDynamicColor::menuItemHighlightColor();
+        EXPECT_EQ(&menu, &KVDynamicColor::menuHighlightColor());
+        EXPECT_TRUE(menu.usesGlobalAppearance());
+        EXPECT_FALSE(item.usesGlobalAppearance());
+        seen << &menu << &item;
+        for (const bool dark : {false, true}) {
+            const ApplicationPalette application(dark ? Palette::Dark : Palette::Light);
+            const int o = dark ? 3 : 0;
+            expectRgb(menu.effectiveColor(), c.menu[o], c.menu[o + 1], c.menu[o + 2]);
+            expectRgb(item.effectiveColor(nullptr), c.menuItem[o] / 255.0,
+                      c.menuItem[o + 1] / 255.0, c.menuItem[o + 2] / 255.0);
+        }
+    }
+    EXPECT_EQ(seen.size(), 16);
+    defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
+}
+
+// ---- Archiving ----
+
+QByteArray encoded(const KVDynamicColor &color) {
+    QByteArray bytes;
+    QDataStream out(&bytes, QIODevice::WriteOnly);
+    color.encodeWithCoder(out);
+    return bytes;
+}
+
+std::optional<KVDynamicColor> decoded(const QByteArray &bytes, QDataStream::Status *status) {
+    QDataStream in(bytes);
+    std::optional<KVDynamicColor> color = KVDynamicColor::initWithCoder(in);
+    *status = in.status();
+    return color;
+}
+
+QByteArray archive(const std::function<void(QDataStream &)> &write) {
+    QByteArray bytes;
+    QDataStream out(&bytes, QIODevice::WriteOnly);
+    write(out);
+    return bytes;
+}
+
+// A key as it appears in an archive, without its length.
+QByteArray utf16Key(const char *key) {
+    return archive([key](QDataStream &s) { s << QString::fromLatin1(key); }).mid(4);
+}
+
+TEST(KVDynamicColorTest, ArchivedColoursComeBackFollowingWhatIsPainted) {
+    const struct {
+        QColor light;
+        QColor dark;
+    } cases[] = {{kLight, kDark}, {kLight, QColor()}, {QColor(), kDark}, {QColor(), QColor()}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.light.name().toStdString() + " " + c.dark.name().toStdString());
+        const QByteArray bytes = encoded(KVDynamicColor::lightColor(c.light, c.dark, true));
+        EXPECT_TRUE(bytes.contains(utf16Key("aquaColor")));
+        EXPECT_EQ(bytes.contains(utf16Key("darkAquaColor")), c.dark.isValid());
+        QDataStream::Status status;
+        const std::optional<KVDynamicColor> back = decoded(bytes, &status);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(status, QDataStream::Ok);
+        EXPECT_EQ(back->aquaColor(), c.light);
+        EXPECT_EQ(back->darkAquaColor(), c.dark);
+        EXPECT_FALSE(back->usesGlobalAppearance());
+    }
+}
+
+TEST(KVDynamicColorTest, ArchivesWithAnythingButColoursAreRefused) {
+    const QString aqua = QStringLiteral("aquaColor");
+    const QString colorClass = QStringLiteral("QColor");
+    const QByteArray good = encoded(KVDynamicColor::lightColor(kLight, kDark));
+    const struct {
+        const char *name;
+        QByteArray bytes;
+    } cases[] = {
+        {"empty", {}},
+        {"cut inside the dark colour", good.left(good.size() - 3)},
+        {"a text where a colour belongs", archive([&](QDataStream &s) {
+             s << kLight << quint32(1) << aqua << QStringLiteral("QString") << aqua;
+         })},
+        {"a variant where a colour belongs", archive([&](QDataStream &s) {
+             s << kLight << quint32(1) << aqua << QStringLiteral("QVariant") << QVariant(kLight);
+         })},
+        {"more entries than keys", archive([&](QDataStream &s) {
+             s << kLight << quint32(0xFFFFFFFF) << aqua << colorClass << kLight;
+         })},
+        {"a key claiming 2 GB",
+         archive([&](QDataStream &s) { s << kLight << quint32(1) << quint32(0x7FFFFFFE); })},
+        {"a class name cut short", archive([&](QDataStream &s) {
+             s << kLight << quint32(1) << aqua << quint32(12) << quint16('Q');
+         })},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        QDataStream::Status status;
+        EXPECT_FALSE(decoded(c.bytes, &status));
+        EXPECT_NE(status, QDataStream::Ok);
+    }
+}
+
+}  // namespace
+
+#include "KVDynamicColorTest.moc"
