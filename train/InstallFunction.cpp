@@ -19,7 +19,9 @@ std::atomic<bool> s_cancelled{false};
 const Place *s_stagingPlace = nullptr;
 QByteArray s_stagingName;
 
-QByteArray stagingNameFor(const QByteArray &name) { return "." + name + ".installing"; }
+// Hidden, and within the file system's 255 bytes a name, however long the
+// product's own is.
+QByteArray stagingNameFor(const QByteArray &name) { return "." + name.left(240) + ".installing"; }
 
 // Copies the source (or its item name) to a staging item beside the place,
 // then lets replace(staging) put it there. A failed copy or replacement
@@ -70,6 +72,17 @@ void logOverlap(const QString &source, const QString &destination) {
     kvLog("ERROR -- Will not install %@ over or into itself: %@", source, destination);
 }
 
+// Whether the folder at the place holds a bundle at the destination's name,
+// looked at with the process's own rights.
+bool holdsBundle(const Place &folder, const QString &destination) {
+    const std::optional<FileDescriptor> opened = openFolder(folder);
+    if (!opened) return false;
+    const Place product =
+        placeIn(*opened, QFile::encodeName(KVPath::lastPathComponent(destination)), destination);
+    const std::optional<FileDescriptor> bundle = openFolder(product);
+    return bundle && isBundle(bundle->get(), InstallRights());
+}
+
 int copyFailed(const QString &destination) {
     kvLog("ERROR -- Could not copy myself to %@", destination);
     return 2;
@@ -98,13 +111,22 @@ int InstallApplication(const QString &source, const QString &destination, const 
     }
     const QString topFolder = KVPath::stringByDeletingLastPathComponent(top);
     bool waited = false;
-    if (!lockFolder(*topPlace, &waited)) kvLog("Could not lock %@", topFolder);
-    if (waited) kvLog("Waited for another installation into %@ to end", topFolder);
+    if (!lockFolder(*topPlace, &waited))
+        kvLog("Could not lock %@", topFolder);
+    else if (waited)
+        kvLog("Waited for another installation into %@ to end", topFolder);
 
     if (!wrapper.isNull()) {
         const std::optional<FileDescriptor> wrapperFolder = openSource(wrapper, rights);
         if (wrapperFolder && overlaps(wrapperFolder->get(), *topPlace)) {
             logOverlap(wrapper, top);
+            return 2;
+        }
+        // A privileged run replaces the items of an installed wrapper only
+        // in a folder that holds the product already: any other folder's
+        // items are not the wrapper's to replace.
+        if (exists(*topPlace) && rights.restricted && !holdsBundle(*topPlace, destination)) {
+            kvLog("ERROR -- %@ holds no installed copy of the product; its items stay", top);
             return 2;
         }
         if (exists(*topPlace) && wrapperFolder) {

@@ -138,22 +138,48 @@ std::optional<Trash> volumeTrash(int folder, const InstallRights &rights) {
     const ssize_t length = readlink(link.constData(), path, sizeof path - 1);
     if (length <= 0) return std::nullopt;
     const QByteArray name = ".Trash-" + QByteArray::number(rights.user);
-    // Made by root, handed to the user; one that is a link or not the
-    // user's own is never used.
-    if (mkdirat(top.get(), name.constData(), 0700) == 0 &&
-        fchownat(top.get(), name.constData(), rights.user, rights.group, AT_SYMLINK_NOFOLLOW) != 0)
-        return std::nullopt;
-    FileDescriptor trash(openat(top.get(), name.constData(), kFolderFlags));
+    // Made as the user, where the user may make it; one that is a link or
+    // not the user's own is never used.
+    const AsUser user(rights);
+    if (!user.ok()) return std::nullopt;
+    const std::optional<FileDescriptor> trash =
+        openOrMakeFolderAt(top.get(), name.constData(), 0700);
     struct stat status;
-    if (trash.get() < 0 || !statAt(trash.get(), "", &status) || status.st_uid != rights.user ||
+    if (!trash || !statAt(trash->get(), "", &status) || status.st_uid != rights.user ||
         (status.st_mode & 0777) != 0700)
         return std::nullopt;
-    return openTrashParts(trash.get(), rights, QByteArray(path, length));
+    return openTrashParts(trash->get(), rights, QByteArray(path, length));
+}
+
+// Whether the user could read the item and everything in it: only then may
+// the user have it.
+bool isReadableBy(int folder, const QByteArray &name, const InstallRights &rights, int depth = 0) {
+    const AsUser user(rights);
+    struct stat status;
+    if (!user.ok() || depth > KVFileManagerPlatform::kMaximumDepth ||
+        !statAt(folder, name.constData(), &status))
+        return false;
+    if (S_ISLNK(status.st_mode)) return true;
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return false;
+    const FileDescriptor item(openat(folder, name.constData(),
+                                     O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC |
+                                         (S_ISDIR(status.st_mode) ? O_DIRECTORY : 0)));
+    if (item.get() < 0) return false;
+    if (S_ISREG(status.st_mode)) return true;
+    const auto names = KVFileManagerPlatform::entryNamesAt(item.get());
+    if (!names) return false;
+    for (const QByteArray &entry : *names) {
+        if (!isReadableBy(item.get(), entry, rights, depth + 1)) return false;
+    }
+    return true;
 }
 
 bool moveToUsersTrash(const Place &place, const InstallRights &rights) {
+    // What the user could not read stays out of the user's hands.
     struct stat folder;
-    if (!statAt(place.folder.get(), "", &folder)) return false;
+    if (!isReadableBy(place.folder.get(), place.name, rights) ||
+        !statAt(place.folder.get(), "", &folder))
+        return false;
     std::optional<Trash> trash = homeTrash(folder, rights);
     if (!trash) trash = volumeTrash(place.folder.get(), rights);
     if (!trash) return false;
@@ -185,9 +211,11 @@ bool moveToUsersTrash(const Place &place, const InstallRights &rights) {
         }
         if (renameat2(place.folder.get(), place.name.constData(), trash->files.get(),
                       name.constData(), RENAME_NOREPLACE) == 0) {
-            // The user can now restore or delete it like anything trashed.
-            KVFileManagerPlatform::changeOwnerAt(trash->files.get(), name, rights.user,
-                                                 rights.group);
+            // The user can now restore or delete it like anything trashed. A
+            // folder only: a file's name could be the user's hard link.
+            const FileDescriptor moved(openat(trash->files.get(), name.constData(), kFolderFlags));
+            if (moved.get() >= 0)
+                KVFileManagerPlatform::changeOwnerAt(moved.get(), ".", rights.user, rights.group);
             return true;
         }
         const int error = errno;
@@ -263,14 +291,16 @@ Place InstallPlatform::placeIn(const FileDescriptor &folder, const QByteArray &n
 }
 
 bool InstallPlatform::lockFolder(const Place &place, bool *waited) {
+    // Anyone who may read the folder may lock it, so the wait has an end;
+    // the staged replace needs no lock to keep the product whole.
     *waited = false;
-    if (flock(place.folder.get(), LOCK_EX | LOCK_NB) == 0) return true;
-    if (errno != EWOULDBLOCK) return false;
-    *waited = true;
-    while (flock(place.folder.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) return false;
+    for (int attempt = 0; attempt < 6000; ++attempt) {
+        if (flock(place.folder.get(), LOCK_EX | LOCK_NB) == 0) return true;
+        if (errno != EWOULDBLOCK && errno != EINTR) return false;
+        *waited = true;
+        usleep(10000);
     }
-    return true;
+    return false;
 }
 
 std::optional<FileDescriptor> InstallPlatform::openSource(const QString &path,

@@ -9,6 +9,7 @@
 // other write permission and no extended attribute outside user.*.
 #include <grp.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sysexits.h>
 #include <unistd.h>
@@ -41,19 +42,43 @@ bool invokingUser(InstallRights *rights) {
     }
     return setgroups(size_t(count), groups.data()) == 0;
 }
+
+// The user's resource limits come along through pkexec; a low one could end
+// the run at a moment the user chooses, or make it fail half-way.
+void liftLimits() {
+    const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+    for (const int resource : {RLIMIT_CPU, RLIMIT_FSIZE, RLIMIT_AS, RLIMIT_DATA})
+        setrlimit(resource, &unlimited);
+    const rlimit files{4096, 4096};
+    setrlimit(RLIMIT_NOFILE, &files);
+    const rlimit stack{64 << 20, 64 << 20};
+    setrlimit(RLIMIT_STACK, &stack);
+}
+
+// A path travels as bytes: one that does not come back the same from text
+// would be installed under another name than the one authorised, and a
+// control character could make the dialog show another command line.
+bool isPlainPath(const char *argument) {
+    const QByteArray bytes(argument);
+    for (const char c : bytes) {
+        if (uchar(c) < 0x20 || c == 0x7f) return false;
+    }
+    return QFile::encodeName(QFile::decodeName(bytes)) == bytes;
+}
 }  // namespace
 
 int main(int argc, char **argv) {
     // Running as root, the tool takes nothing it was not built for: two or
     // three absolute paths, nothing relative to wherever it was started.
     bool usable = argc == 3 || argc == 4;
-    for (int i = 1; usable && i < argc; ++i) usable = argv[i][0] == '/';
+    for (int i = 1; usable && i < argc; ++i) usable = argv[i][0] == '/' && isPlainPath(argv[i]);
     if (!usable) {
         fprintf(stderr, "usage: train source-path destination-path [wrapper-path]\n");
         return EX_USAGE;
     }
     InstallRights rights;
     rights.restricted = geteuid() == 0;
+    if (rights.restricted) liftLimits();
     if (!invokingUser(&rights)) {
         fprintf(stderr, "train: cannot take the invoking user's identity\n");
         return EX_NOPERM;

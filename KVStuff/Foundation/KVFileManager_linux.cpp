@@ -97,6 +97,29 @@ public:
         : FileSystemIdentity(options.readerUser, options.readerGroup) {}
 };
 
+// The link's target; null when it cannot be read. Kept out of the copy's
+// frame, which a deep tree repeats.
+QByteArray linkTarget(int folder, const QByteArray &name) {
+    std::vector<char> buffer(PATH_MAX);
+    const ssize_t length = readlinkat(folder, name.constData(), buffer.data(), buffer.size());
+    if (length < 0 || size_t(length) >= buffer.size()) return {};
+    return QByteArray(buffer.data(), length);
+}
+
+// Counts the folders the thread is inside of while walking a tree.
+class Nesting {
+public:
+    Nesting() { ++t_depth; }
+    ~Nesting() { --t_depth; }
+    Nesting(const Nesting &) = delete;
+    Nesting &operator=(const Nesting &) = delete;
+    bool tooDeep() const { return t_depth > KVFileManagerPlatform::kMaximumDepth; }
+
+private:
+    static thread_local int t_depth;
+};
+thread_local int Nesting::t_depth = 0;
+
 bool isCancelled(const KVFileManagerPlatform::CopyOptions &options) {
     return options.cancel && options.cancel->load();
 }
@@ -240,14 +263,10 @@ bool KVFileManagerPlatform::copyItemAt(int sourceFolder, const QByteArray &sourc
                 opened = openat(sourceFolder, sourceName.constData(),
                                 O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
                 break;
-            case S_IFLNK: {
-                char buffer[PATH_MAX];
-                const ssize_t length =
-                    readlinkat(sourceFolder, sourceName.constData(), buffer, sizeof buffer);
-                if (length < 0 || size_t(length) >= sizeof buffer) return false;
-                target = QByteArray(buffer, length);
+            case S_IFLNK:
+                target = linkTarget(sourceFolder, sourceName);
+                if (target.isNull()) return false;
                 break;
-            }
             default:
                 // FIFOs, devices and sockets: reading them could block for ever
                 // and their contents are no file.
@@ -267,8 +286,9 @@ bool KVFileManagerPlatform::copyItemAt(int sourceFolder, const QByteArray &sourc
 bool KVFileManagerPlatform::copyFolderAt(int source, int destinationFolder,
                                          const QByteArray &destinationName,
                                          const CopyOptions &options) {
+    const Nesting nesting;
     struct stat status;
-    if (fstat(source, &status) != 0 || !S_ISDIR(status.st_mode)) return false;
+    if (nesting.tooDeep() || fstat(source, &status) != 0 || !S_ISDIR(status.st_mode)) return false;
     // Writable by the copier while it is filled, whatever the source's mode.
     if (mkdirat(destinationFolder, destinationName.constData(), 0700) != 0) return false;
     FileDescriptor out(openat(destinationFolder, destinationName.constData(),
@@ -289,8 +309,10 @@ bool KVFileManagerPlatform::copyFolderAt(int source, int destinationFolder,
 }
 
 bool KVFileManagerPlatform::removeItemAt(int folder, const QByteArray &name) {
+    const Nesting nesting;
     struct stat status;
-    if (fstatat(folder, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    if (nesting.tooDeep() || fstatat(folder, name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
     if (S_ISDIR(status.st_mode)) {
         // Everything that can go goes; whatever stays makes the last step fail.
         const FileDescriptor inner(
@@ -307,9 +329,11 @@ bool KVFileManagerPlatform::removeItemAt(int folder, const QByteArray &name) {
 bool KVFileManagerPlatform::changeOwnerAt(int folder, const QByteArray &name, uid_t user,
                                           gid_t group) {
     // The item as opened is the one changed, whatever takes its name meanwhile.
+    const Nesting nesting;
     const FileDescriptor item(openat(folder, name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status;
-    if (item.get() < 0 || fstat(item.get(), &status) != 0) return false;
+    if (nesting.tooDeep() || item.get() < 0 || fstat(item.get(), &status) != 0) return false;
+    if (status.st_uid != geteuid()) return true;
     bool changed = true;
     if (S_ISDIR(status.st_mode)) {
         // Contents first: a folder handed over can no longer be trusted.

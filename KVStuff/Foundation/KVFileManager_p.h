@@ -62,6 +62,10 @@ private:
     gid_t m_group = 0;
 };
 
+// Folders nested deeper than this are not walked: a hostile tree must not
+// exhaust the stack of whoever copies, removes or hands it over.
+inline constexpr int kMaximumDepth = 256;
+
 // The copy itself; the arguments have been checked by copyItemAtPath.
 bool copyItem(const QString &source, const QString &destination);
 
@@ -97,8 +101,9 @@ bool copyFolderAt(int source, int destinationFolder, const QByteArray &destinati
 bool removeItemAt(int folder, const QByteArray &name);
 // The entry names of the open folder, without "." and "..".
 std::optional<std::vector<QByteArray>> entryNamesAt(int folder);
-// Gives the item and everything in it to the user, never following a link;
-// set-id bits are cleared, and a file with more than one name stays whose it
-// is.
+// Gives the item and everything in it that the caller owns to the user,
+// never following a link and never entering a folder the caller does not
+// own (its entries could change meanwhile); set-id bits are cleared, and a
+// file with more than one name stays whose it is.
 bool changeOwnerAt(int folder, const QByteArray &name, uid_t user, gid_t group);
 }  // namespace KVFileManagerPlatform

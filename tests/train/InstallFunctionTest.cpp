@@ -102,12 +102,17 @@ TEST_F(InstallTest, TrainRejectsWrongArgumentsWithUsageAndTouchesNothing) {
                                         {"Volume/" + name, destination},
                                         {source, "Applications/" + name},
                                         {"", destination},
-                                        {source, destination, ""}};
+                                        {source, destination, ""},
+                                        {source + "\n" + destination, destination}};
     for (const QStringList &arguments : vectors) {
         const Run result = train(arguments);
         EXPECT_EQ(result.status, 64) << qPrintable(arguments.join(" | "));
         EXPECT_EQ(result.errors, "usage: train source-path destination-path [wrapper-path]\n");
     }
+    // A name that is no text would be installed under another name.
+    const QString invalid =
+        QString("exec \"$0\" \"$(printf '%1/Volume/\\377.app')\" \"$1\"").arg(folder);
+    EXPECT_EQ(QProcess::execute("/bin/sh", {"-c", invalid, KV_TRAIN_TOOL, destination}), 64);
     EXPECT_EQ(TestFiles::snapshot(folder), before);
 }
 

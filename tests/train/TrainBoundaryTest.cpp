@@ -218,6 +218,26 @@ TEST_F(TrainBoundaryTest, SourcesAreReadWithTheUsersRights) {
     }
 }
 
+// A wrapper replaces the items of an installed wrapper folder only: in a
+// folder that does not hold the product, root's items stay. A tree nested
+// deeper than any bundle fails the copy and leaves nothing behind.
+TEST_F(TrainBoundaryTest, WrappersAndDeepTreesCannotReachRootsItems) {
+    const QString wrapper = mine + "/Volume";
+    makeFile(wrapper + "/keep", "the user's", 0755);
+    giveToUser(mine);
+    const QStringList before = TestFiles::snapshot(rootOnly);
+    EXPECT_EQ(train({source, rootOnly + "/Product.app", wrapper}).status, 2);
+    EXPECT_EQ(TestFiles::snapshot(rootOnly), before);
+
+    QString deep = mine + "/Deep.app/Contents";
+    for (int level = 0; level < 300; ++level) deep += "/d";
+    QDir().mkpath(deep);
+    makeFile(mine + "/Deep.app/Contents/Info.plist", "<plist/>", 0644);
+    giveToUser(mine);
+    EXPECT_EQ(train({mine + "/Deep.app", rootOnly + "/Deep.app"}).status, 2);
+    EXPECT_EQ(entries(rootOnly), QStringList{"keep"});
+}
+
 // The user exchanges folders and links in the user's own folder while root
 // copies into it; every write goes through folders root opened itself, so
 // not one lands in root's folder.
@@ -260,7 +280,8 @@ TEST_F(TrainBoundaryTest, ExchangingFoldersDuringTheCopyRedirectsNoWrite) {
 TEST_F(TrainBoundaryTest, TheReplacedCopyGoesWhereTheUserCanRestoreIt) {
     const QString volume = folder + "/volume";
     QDir().mkpath(volume);
-    ASSERT_EQ(mount("kvtest", local(volume).constData(), "tmpfs", 0, "size=16m,mode=0755"), 0);
+    // A volume whose top everyone may write, as /tmp: the user makes the trash there.
+    ASSERT_EQ(mount("kvtest", local(volume).constData(), "tmpfs", 0, "size=16m,mode=1777"), 0);
     const auto unmount = qScopeGuard([&] { umount2(local(volume).constData(), MNT_DETACH); });
     const QString apps = volume + "/apps";
     TestFiles::makeProduct(apps + "/Product.app", "old");
