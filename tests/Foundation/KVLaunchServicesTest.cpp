@@ -14,7 +14,6 @@
 
 #include "KVLaunchServices.h"
 #include "KVLoginItems.h"
-#include "KVProcess.h"
 #include "KVUserDefaults.h"
 #include "TestBundle.h"
 #include "TestEnvironment.h"
@@ -64,12 +63,7 @@ TEST_F(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) 
     // What it objects to appears in the test's output.
     EXPECT_EQ(QProcess::execute(validator, {entryPath("org.velmora.test.shown")}), 0);
     EXPECT_EQ(QProcess::execute("gio", {"launch", entryPath("org.velmora.test.shown")}), 0);
-    const auto started = [&] {
-        for (const KVProcessRef &process : KVProcess::allProcesses())
-            if (process->path() == bundle) return true;
-        return false;
-    };
-    EXPECT_TRUE(QTest::qWaitFor(started, 10000));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return TestBundle::runningFrom(bundle) > 0; }, 10000));
     TestBundle::stopProcessesAt(bundle);
 }
 

@@ -10,19 +10,11 @@
 #include <QFileInfo>
 #include <QTest>
 
-#include "KVProcess.h"
 #include "KVWorkspace.h"
 #include "TestBundle.h"
 #include "TestEnvironment.h"
 
 namespace {
-
-// The pid of the process running the bundle's executable; 0 when none does.
-pid_t runningFrom(const QString &bundle) {
-    for (const KVProcessRef &process : KVProcess::allProcesses())
-        if (process->path() == bundle) return process->unixPID();
-    return 0;
-}
 
 // Fields 4 (parent) and 6 (session) of /proc/<pid>/stat.
 QList<QByteArray> parentAndSession(pid_t pid) {
@@ -43,7 +35,8 @@ TEST(KVWorkspaceTest, ApplicationsStartAsTheDesktopStartsThem) {
     ASSERT_TRUE(KVWorkspace::openFile(bundle));
     close(inherited);
     pid_t pid = 0;
-    ASSERT_TRUE(QTest::qWaitFor([&] { return (pid = runningFrom(bundle)) > 0; }, 10000));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return (pid = TestBundle::runningFrom(bundle)) > 0; }, 10000));
     const QString proc = QString("/proc/%1").arg(pid);
 
     const QStringList descriptors =

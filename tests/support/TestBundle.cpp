@@ -48,6 +48,12 @@ void TestBundle::stopProcessesAt(const QString &path) {
         if (process->path().startsWith(path)) kill(process->unixPID(), SIGKILL);
 }
 
+pid_t TestBundle::runningFrom(const QString &path) {
+    for (const KVProcessRef &process : KVProcess::allProcesses())
+        if (process->path() == path) return process->unixPID();
+    return 0;
+}
+
 void TestBundle::stop(pid_t pid) {
     if (pid <= 0) return;
     kill(pid, SIGKILL);

@@ -26,4 +26,6 @@ void stop(pid_t pid);
 // Ends every process of the user whose bundle (or executable) lies at or
 // below the path: launched copies run in sessions of their own, found by path.
 void stopProcessesAt(const QString &path);
+// The pid of a process running the bundle (or executable); 0 when none does.
+pid_t runningFrom(const QString &path);
 }  // namespace TestBundle
