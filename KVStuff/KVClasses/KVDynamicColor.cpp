@@ -2,7 +2,6 @@
 
 #include <QApplication>
 #include <QEvent>
-#include <QJsonValue>
 #include <QPointer>
 #include <QThread>
 #include <QWidget>
@@ -14,6 +13,7 @@
 #include "KVLog.h"
 #include "KVUserDefaults.h"
 #include "KVUtilities.h"
+#include "KVUtilities_p.h"
 #include "ViewExtensions_p.h"
 
 using namespace KVDynamicColorPrivate;
@@ -91,19 +91,10 @@ const std::array<AccentIndex, 7> kAccentIndices{{{-1, KVAccentColorNameGraphite}
 // The stored value as a number: a number, or (the settings file keeps no
 // types) a text that is a whole decimal number.
 std::optional<qint64> storedInteger(const QVariant &stored) {
-    if (stored.typeId() == QMetaType::QString) {
-        bool ok = false;
-        const qint64 value = stored.toString().trimmed().toLongLong(&ok);
-        return ok ? std::optional<qint64>(value) : std::nullopt;
-    }
-    // JSON's kinds tell numbers (and booleans, numbers too in a property list)
-    // from every other type.
-    const QJsonValue json = QJsonValue::fromVariant(stored);
-    if (!json.isDouble() && !json.isBool()) return std::nullopt;
-    // A fraction is cut toward zero, as integerValue does; Qt would round.
-    const bool fraction =
-        stored.typeId() == QMetaType::Double || stored.typeId() == QMetaType::Float;
-    return fraction ? qint64(stored.toDouble()) : stored.toLongLong();
+    if (stored.typeId() != QMetaType::QString) return KVUtilitiesPrivate::numberValue(stored);
+    bool ok = false;
+    const qint64 value = stored.toString().trimmed().toLongLong(&ok);
+    return ok ? std::optional<qint64>(value) : std::nullopt;
 }
 
 struct HighlightRow {

@@ -4,18 +4,22 @@
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 
+#include <QJsonValue>
 #include <QLocale>
+#include <QMutex>
 #include <chrono>
 #include <cmath>
 #include <memory>
 #include <thread>
 
+#include "DateExtensions.h"
 #include "KVBundle.h"
 #include "KVFileManager.h"
 #include "KVICU_p.h"
 #include "KVLog.h"
 #include "KVPath.h"
 #include "KVProcess.h"
+#include "KVPropertyList.h"
 #include "KVUserDefaults.h"
 #include "KVUtilities_p.h"
 #include "KVWindowServer.h"
@@ -474,3 +478,105 @@ void KVUtilities::launchMicro(bool leaveWindowOrder) {
         leaveWindowOrder,
         KVBundle::mainBundle().pathForResource(QStringLiteral("Micro"), QStringLiteral("app")));
 }
+
+// ---- The user's environment ----
+
+std::optional<qint64> KVUtilitiesPrivate::numberValue(const QVariant &value) {
+    // JSON's kinds tell numbers (booleans are numbers in a property list too)
+    // from every other type.
+    const QJsonValue json = QJsonValue::fromVariant(value);
+    if (value.typeId() == QMetaType::QString || (!json.isDouble() && !json.isBool()))
+        return std::nullopt;
+    // A fraction is cut toward zero, as integerValue does; Qt would round.
+    const bool fraction = value.typeId() == QMetaType::Double || value.typeId() == QMetaType::Float;
+    return fraction ? qint64(value.toDouble()) : value.toLongLong();
+}
+
+std::optional<qint64> KVUtilitiesPrivate::integerValue(const QVariant &value) {
+    if (value.typeId() == QMetaType::QString) return KVUserDefaults::integerValue(value.toString());
+    return numberValue(value);
+}
+
+bool KVUtilitiesPrivate::timeInRange(const QVariant &start, const QVariant &end, int nowMinutes) {
+    constexpr qint64 kMinutesPerDay = 1440;
+    std::optional<qint64> from = integerValue(start);
+    std::optional<qint64> to = integerValue(end);
+    if (!from || !to) return false;
+    for (std::optional<qint64> *minutes : {&from, &to}) {
+        if (**minutes < 0) **minutes += kMinutesPerDay;
+        **minutes %= kMinutesPerDay;
+    }
+    if (*to > *from) return *from <= nowMinutes && nowMinutes < *to;
+    if (*from > *to) return nowMinutes >= *from || nowMinutes < *to;
+    return false;
+}
+
+bool KVUtilitiesPrivate::doNotDisturbScheduled(const QVariant &preferences) {
+    if (preferences.typeId() != QMetaType::QByteArray) return false;
+    const QVariant parsed = KVPropertyList::fromData(preferences.toByteArray());
+    if (parsed.typeId() != QMetaType::QVariantMap) return false;
+    const QVariantMap dnd = parsed.toMap();
+    if (dnd.contains(QStringLiteral("userPref"))) return true;
+    const QVariant scheduled = dnd.value(QStringLiteral("scheduledTime"));
+    if (scheduled.typeId() != QMetaType::QVariantMap) return false;
+    const QVariantMap schedule = scheduled.toMap();
+    if (integerValue(schedule.value(QStringLiteral("enabled"))) != 1) return false;
+    return KVUtilities::currentTimeInDNDRangeStartMinutes(schedule.value(QStringLiteral("start")),
+                                                          schedule.value(QStringLiteral("end")));
+}
+
+QString KVUtilitiesPrivate::processorTypeLetter(const QString &type, bool translated) {
+    // Linux calls 64-bit ARM "aarch64" where other systems say "arm64".
+    if (type.startsWith(QLatin1String("arm")) || type.startsWith(QLatin1String("aarch64")))
+        return QStringLiteral("A");
+    if (type.startsWith(QLatin1String("x86"))) return QLatin1String(translated ? "A" : "I");
+    return type;
+}
+
+bool KVUtilitiesPrivate::statusShowsTracer(QByteArrayView status) {
+    static constexpr QByteArrayView kKey = "\nTracerPid:";
+    const qsizetype at = status.indexOf(kKey);
+    if (at < 0) return false;
+    QByteArrayView rest = status.sliced(at + kKey.size());
+    const qsizetype end = rest.indexOf('\n');
+    if (end >= 0) rest.truncate(end);
+    bool ok = false;
+    const qint64 tracer = rest.trimmed().toLongLong(&ok);
+    return ok && tracer != 0;
+}
+
+bool KVUtilities::doNotDisturbMode() {
+    if (KVUtilitiesPrivate::notificationsInhibited().value_or(false)) return true;
+    // The kit version is fixed at one that keeps the quiet hours here.
+    static const KVUserDefaults *notificationDefaults =
+        new KVUserDefaults(QStringLiteral("com.apple.ncprefs"));
+    return KVUtilitiesPrivate::doNotDisturbScheduled(
+        notificationDefaults->objectForKey(QStringLiteral("dnd_prefs")));
+}
+
+bool KVUtilities::currentTimeInDNDRangeStartMinutes(const QVariant &start,
+                                                    const QVariant &endMinutes) {
+    const KVDateComponents now = DateExtensions::gregorianDateComponents(
+        QDateTime::currentDateTime(), KVCalendarUnit::Hour | KVCalendarUnit::Minute);
+    return KVUtilitiesPrivate::timeInRange(start, endMinutes, int(now.hour * 60 + now.minute));
+}
+
+QString KVUtilities::uniqueComputerID() {
+    static QMutex lock;
+    static QString found;
+    const QMutexLocker locker(&lock);
+    if (found.isNull()) found = KVUtilitiesPrivate::machineSerialNumber();
+    return found;
+}
+
+QString KVUtilities::computerModel() { return KVUtilitiesPrivate::machineModel(); }
+
+QString KVUtilities::processorType() { return KVUtilitiesPrivate::machineType(); }
+
+QString KVUtilities::processorTypeLetter() {
+    return KVUtilitiesPrivate::processorTypeLetter(processorType(), rosettaMode());
+}
+
+bool KVUtilities::rosettaMode() { return KVUtilitiesPrivate::runsTranslated(); }
+
+bool KVUtilities::debugging() { return KVUtilitiesPrivate::tracerAttached(); }

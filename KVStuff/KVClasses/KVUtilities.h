@@ -7,6 +7,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVariant>
 #include <cstdint>
 #include <optional>
 
@@ -127,4 +128,28 @@ public:
     // front window only, unless leaveWindowOrder). Does nothing in full-screen
     // mode. Blocks for about a second.
     static void launchMicro(bool leaveWindowOrder);
+
+    // ---- The user's environment ----
+
+    // The notification server holds notifications back, or the scheduled
+    // quiet hours of the notification preferences are on and hold now.
+    static bool doNotDisturbMode();
+    // Whether the local time of day lies in [start, end) minutes after
+    // midnight, across midnight when start > end; never when they are equal.
+    // Both must be numbers or texts (read as integerValue); else false.
+    static bool currentTimeInDNDRangeStartMinutes(const QVariant &start,
+                                                  const QVariant &endMinutes);
+    // The machine's serial number, else its machine id; kept once found,
+    // null while neither can be read.
+    static QString uniqueComputerID();
+    // The machine's product name; null when the firmware names none.
+    static QString computerModel();
+    // The machine field of uname ("x86_64", "aarch64"); "?" when it fails.
+    static QString processorType();
+    // "A" for ARM (or x86 under translation), "I" for x86, else the type.
+    static QString processorTypeLetter();
+    // Whether this process runs translated for another processor.
+    static bool rosettaMode();
+    // Whether a debugger (any tracer) is attached to this process.
+    static bool debugging();
 };

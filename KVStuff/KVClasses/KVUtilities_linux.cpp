@@ -10,6 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVariant>
 #include <QFile>
 #include <QList>
 #include <algorithm>
@@ -413,4 +416,99 @@ bool KVUtilitiesPrivate::launchedFromAutostart() {
     if (!qgetenv("DESKTOP_AUTOSTART_ID").isEmpty()) return true;
     QFile groups(QStringLiteral("/proc/self/cgroup"));
     return groups.open(QIODevice::ReadOnly) && isAutostartControlGroup(groups.readAll());
+}
+
+// ---- The user's environment ----
+
+namespace {
+
+// A service that hangs must not hold its caller (a painting, say) for long.
+constexpr int kServiceTimeoutMilliseconds = 250;
+constexpr qsizetype kMaxIdentityFileBytes = 4096;
+
+// Up to the buffer's size from a regular file, never waiting on a FIFO or a
+// device; -1 when it cannot be read.
+ssize_t readRegularFile(const char *path, char *buffer, size_t size) {
+    const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return -1;
+    struct stat info {};
+    ssize_t length = -1;
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        length = 0;
+        ssize_t got = 0;
+        while (size_t(length) < size &&
+               (got = ::read(fd, buffer + length, size - size_t(length))) != 0) {
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) break;
+            length += got;
+        }
+    }
+    ::close(fd);
+    return length;
+}
+
+}  // namespace
+
+std::optional<QVariant> KVUtilitiesPrivate::askRunningService(QDBusMessage call) {
+    const QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) return std::nullopt;
+    // Asking starts no service: one that is not running has no answer.
+    call.setAutoStartService(false);
+    const QDBusMessage reply = bus.call(call, QDBus::Block, kServiceTimeoutMilliseconds);
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
+        return std::nullopt;
+    QVariant value = reply.arguments().constFirst();
+    // Settings come wrapped in as many as two variants.
+    for (int depth = 0; depth < 4 && value.metaType() == QMetaType::fromType<QDBusVariant>();
+         ++depth)
+        value = qvariant_cast<QDBusVariant>(value).variant();
+    return value;
+}
+
+std::optional<bool> KVUtilitiesPrivate::notificationsInhibited() {
+    QDBusMessage get = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.Notifications"),
+        QStringLiteral("/org/freedesktop/Notifications"),
+        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    get << QStringLiteral("org.freedesktop.Notifications") << QStringLiteral("Inhibited");
+    const std::optional<QVariant> value = askRunningService(get);
+    if (!value || value->typeId() != QMetaType::Bool) return std::nullopt;
+    return value->toBool();
+}
+
+QString KVUtilitiesPrivate::firstReadableText(const QStringList &paths) {
+    for (const QString &path : paths) {
+        char buffer[kMaxIdentityFileBytes];
+        const ssize_t length =
+            readRegularFile(QFile::encodeName(path).constData(), buffer, sizeof buffer);
+        if (length <= 0) continue;
+        const QString text = QString::fromUtf8(buffer, length).trimmed();
+        if (!text.isEmpty()) return text;
+    }
+    return QString();
+}
+
+QString KVUtilitiesPrivate::machineSerialNumber() {
+    // The serial is for root only; everyone may read the machine id.
+    return firstReadableText(
+        {QStringLiteral("/sys/class/dmi/id/product_serial"), QStringLiteral("/etc/machine-id")});
+}
+
+QString KVUtilitiesPrivate::machineModel() {
+    return firstReadableText({QStringLiteral("/sys/class/dmi/id/product_name")});
+}
+
+QString KVUtilitiesPrivate::machineType() {
+    struct utsname names {};
+    if (::uname(&names) != 0) return QStringLiteral("?");
+    return QString::fromUtf8(names.machine);
+}
+
+// Linux runs no program translated for another processor by itself.
+bool KVUtilitiesPrivate::runsTranslated() { return false; }
+
+bool KVUtilitiesPrivate::tracerAttached() {
+    char status[kMaxIdentityFileBytes];
+    const ssize_t length = readRegularFile("/proc/self/status", status, sizeof status);
+    return length > 0 && statusShowsTracer(QByteArrayView(status, length));
 }

@@ -6,13 +6,16 @@
 #include <sys/types.h>
 
 #include <QByteArray>
+#include <QDBusMessage>
 #include <QString>
 #include <QStringDecoder>
 #include <QStringList>
 #include <QStringView>
+#include <QVariant>
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "KVCompatibility.h"
 
@@ -157,5 +160,41 @@ QString unpackResourceType(uint32_t packed);
 // proper prefix sorts first.
 NSComparisonResult numericCompare(QStringView a, QStringView b,
                                   Qt::CaseSensitivity cs = Qt::CaseSensitive);
+
+// ---- The user's environment ----
+
+// A number of any kind (a fraction cut toward zero, a boolean 0 or 1);
+// nothing for texts and every other type.
+std::optional<qint64> numberValue(const QVariant &value);
+// What a stored object answers as its integer value: a number, or a text by
+// its leading digits; nothing for every other type.
+std::optional<qint64> integerValue(const QVariant &value);
+// currentTimeInDNDRangeStartMinutes at that time of day (minutes).
+bool timeInRange(const QVariant &start, const QVariant &end, int nowMinutes);
+// The scheduled quiet hours of the notification preferences' "dnd_prefs"
+// property list (data), at the current time.
+bool doNotDisturbScheduled(const QVariant &preferences);
+QString processorTypeLetter(const QString &type, bool translated);
+// Whether a /proc/<pid>/status listing names a tracer.
+bool statusShowsTracer(QByteArrayView status);
+
+// Operating-system half.
+#if defined(Q_OS_LINUX)
+// The first value of the answer of a session-bus service that is already
+// running, out of its variants; nothing when none answers soon.
+std::optional<QVariant> askRunningService(QDBusMessage call);
+#endif
+// The notification server's own switch; nothing when no server answers.
+std::optional<bool> notificationsInhibited();
+// The trimmed text of the first of the regular files that can be read and
+// is not blank (4 KB at the most); null when none is.
+QString firstReadableText(const QStringList &paths);
+QString machineSerialNumber();
+QString machineModel();
+QString machineType();
+bool runsTranslated();
+// Reads this process's status without Qt, so it also works in a child
+// made by fork.
+bool tracerAttached();
 
 }  // namespace KVUtilitiesPrivate

@@ -1,15 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
-#include <QBuffer>
-#include <QDBusConnection>
 #include <QDBusVariant>
 #include <QPaintEvent>
-#include <QThread>
 #include <QWidget>
 #include <functional>
 #include <memory>
 
+#include "BusPeer.h"
 #include "KVDynamicColor.h"
 #include "KVDynamicColor_p.h"
 #include "KVUserDefaults.h"
@@ -64,8 +62,7 @@ private:
     const KVDynamicColor &m_color;
 };
 
-// The desktop portal's settings, answered from a thread of its own with its
-// own bus connection, since the test's main thread blocks while it asks.
+// The desktop portal's settings.
 class FakePortalSettings : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.portal.Settings")
@@ -83,35 +80,6 @@ public slots:
 
 private:
     uint m_scheme;
-};
-
-class FakePortal {
-public:
-    explicit FakePortal(uint scheme) : m_settings(new FakePortalSettings(scheme)) {
-        m_settings->moveToThread(&m_thread);
-        m_thread.start();
-        m_bus = std::make_unique<QDBusConnection>(
-            QDBusConnection::connectToBus(QDBusConnection::SessionBus, kConnectionName));
-        m_registered = m_bus->registerObject(QStringLiteral("/org/freedesktop/portal/desktop"),
-                                             m_settings.get(), QDBusConnection::ExportAllSlots) &&
-                       m_bus->registerService(QStringLiteral("org.freedesktop.portal.Desktop"));
-    }
-    ~FakePortal() {
-        m_bus->unregisterService(QStringLiteral("org.freedesktop.portal.Desktop"));
-        m_bus->unregisterObject(QStringLiteral("/org/freedesktop/portal/desktop"));
-        m_bus.reset();
-        QDBusConnection::disconnectFromBus(kConnectionName);
-        m_thread.quit();
-        m_thread.wait();
-    }
-    bool registered() const { return m_registered; }
-
-private:
-    static inline const QString kConnectionName = QStringLiteral("kvtest-fake-portal");
-    QThread m_thread;
-    std::unique_ptr<FakePortalSettings> m_settings;
-    std::unique_ptr<QDBusConnection> m_bus;
-    bool m_registered = false;
 };
 
 // ---- The appearance in force ----
@@ -186,7 +154,9 @@ TEST(KVDynamicColorTest, DesktopPortalDecidesWhenTheApplicationHasNoPalette) {
     EXPECT_EQ(color.effectiveColor(), kLight);
     for (const uint scheme : {0u, 1u, 2u}) {
         SCOPED_TRACE(scheme);
-        const FakePortal portal(scheme);
+        const BusPeer portal(new FakePortalSettings(scheme),
+                             QStringLiteral("org.freedesktop.portal.Desktop"),
+                             QStringLiteral("/org/freedesktop/portal/desktop"));
         ASSERT_TRUE(portal.registered());
         EXPECT_EQ(desktopPrefersDark(), scheme == 1);
         EXPECT_EQ(color.effectiveColor(), scheme == 1 ? kDark : kLight);

@@ -1,0 +1,222 @@
+#include <gtest/gtest.h>
+#include <sys/ptrace.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QFile>
+#include <QTime>
+
+#include "BusPeer.h"
+#include "KVPropertyList.h"
+#include "KVUserDefaults.h"
+#include "KVUtilities.h"
+#include "KVUtilities_p.h"
+#include "TestEnvironment.h"
+
+using namespace KVUtilitiesPrivate;
+
+namespace {
+
+// ---- Do not disturb ----
+
+struct WindowCase {
+    QVariant start;
+    QVariant end;
+    int now;
+    bool inside;
+};
+
+TEST(KVUtilitiesEnvironmentTest, QuietHoursWindowInMinutesAfterMidnight) {
+    const WindowCase cases[] = {
+        {1320, 420, 23 * 60 + 30, true},  // 22:00 to 07:00, across midnight
+        {1320, 420, 6 * 60 + 59, true},
+        {1320, 420, 7 * 60, false},
+        {1320, 420, 12 * 60, false},
+        {1320, 420, 1320, true},
+        {-60, 60, 23 * 60, true},  // -60 is 23:00
+        {-60, 60, 22 * 60 + 59, false},
+        {1440 + 60, 120, 60, true},  // past a day wraps around
+        {600, 660, 600, true},
+        {600, 660, 660, false},
+        {600, 600, 600, false},  // equal ends are never inside
+        {QStringLiteral("600"), QStringLiteral("660 minutes"), 630, true},
+        {600.9, 660.9, 660, false},
+        {QVariant(), 660, 630, false},
+        {600, QVariantList{660}, 630, false},
+        {QByteArray("600"), 660, 630, false},
+    };
+    for (const WindowCase &c : cases) {
+        SCOPED_TRACE(c.start.toString().toStdString() + "-" + c.end.toString().toStdString() +
+                     " at " + std::to_string(c.now));
+        EXPECT_EQ(timeInRange(c.start, c.end, c.now), c.inside);
+    }
+    const QTime now = QTime::currentTime();
+    const int minutes = now.hour() * 60 + now.minute();
+    EXPECT_TRUE(KVUtilities::currentTimeInDNDRangeStartMinutes(minutes - 2, minutes + 3));
+    EXPECT_FALSE(KVUtilities::currentTimeInDNDRangeStartMinutes(minutes + 5, minutes + 10));
+}
+
+class FakeNotificationServer : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+    Q_PROPERTY(bool Inhibited READ inhibited)
+
+public:
+    explicit FakeNotificationServer(bool inhibited) : m_inhibited(inhibited) {}
+    bool inhibited() const { return m_inhibited; }
+
+private:
+    bool m_inhibited;
+};
+
+enum class Server { None, Inhibited, NotInhibited };
+
+struct QuietCase {
+    const char *name;
+    Server server;
+    QVariant preferences;
+    bool quiet;
+};
+
+QVariant plist(const QVariantMap &map) {
+    return KVPropertyList::toData(map, KVPropertyList::Format::Binary);
+}
+
+QVariantMap schedule(const QVariant &enabled, int fromNow, int toNow) {
+    const QTime now = QTime::currentTime();
+    const int minutes = now.hour() * 60 + now.minute();
+    return {
+        {QStringLiteral("scheduledTime"), QVariantMap{{QStringLiteral("enabled"), enabled},
+                                                      {QStringLiteral("start"), minutes + fromNow},
+                                                      {QStringLiteral("end"), minutes + toNow}}}};
+}
+
+TEST(KVUtilitiesEnvironmentTest, DoNotDisturbFromTheServerOrTheQuietHours) {
+    const QVariantMap userPref{{QStringLiteral("userPref"), QVariantMap()}};
+    const QuietCase cases[] = {
+        {"no server, no preferences", Server::None, QVariant(), false},
+        {"server holding back", Server::Inhibited, QVariant(), true},
+        {"server not holding back", Server::NotInhibited, QVariant(), false},
+        {"switched on by hand", Server::NotInhibited, plist(userPref), true},
+        {"quiet hours now", Server::None, plist(schedule(1, -2, 3)), true},
+        {"quiet hours later", Server::NotInhibited, plist(schedule(1, 5, 10)), false},
+        {"quiet hours switched off", Server::None, plist(schedule(0, -2, 3)), false},
+        {"enabled is not exactly 1", Server::None, plist(schedule(2, -2, 3)), false},
+        {"enabled as a text", Server::None, plist(schedule(QStringLiteral("1"), -2, 3)), true},
+        {"a list, not a dictionary", Server::None,
+         KVPropertyList::toData(QVariantList{userPref}, KVPropertyList::Format::Xml), false},
+        {"not a property list", Server::None, QByteArray("userPref\0\xff", 10), false},
+        {"a text, not data", Server::None, QStringLiteral("userPref"), false},
+    };
+    KVUserDefaults notificationDefaults(QStringLiteral("com.apple.ncprefs"));
+    for (const QuietCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        std::unique_ptr<BusPeer> server;
+        if (c.server != Server::None) {
+            server =
+                std::make_unique<BusPeer>(new FakeNotificationServer(c.server == Server::Inhibited),
+                                          QStringLiteral("org.freedesktop.Notifications"),
+                                          QStringLiteral("/org/freedesktop/Notifications"));
+            ASSERT_TRUE(server->registered());
+        }
+        notificationDefaults.setObject(c.preferences, QStringLiteral("dnd_prefs"));
+        EXPECT_EQ(KVUtilities::doNotDisturbMode(), c.quiet);
+    }
+    notificationDefaults.removeObjectForKey(QStringLiteral("dnd_prefs"));
+}
+
+// ---- Machine and process ----
+
+TEST(KVUtilitiesEnvironmentTest, ProcessorLetterNamesTheArchitecture) {
+    const struct {
+        const char *type;
+        bool translated;
+        const char *letter;
+    } cases[] = {
+        {"x86_64", false, "I"}, {"x86_64", true, "A"},   {"arm64", false, "A"},
+        {"armv7l", false, "A"}, {"aarch64", false, "A"}, {"riscv64", false, "riscv64"},
+        {"", false, ""},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(processorTypeLetter(QString::fromLatin1(c.type), c.translated),
+                  QString::fromLatin1(c.letter))
+            << c.type << " " << c.translated;
+    EXPECT_FALSE(KVUtilities::rosettaMode());
+    EXPECT_EQ(KVUtilities::processorTypeLetter(),
+              processorTypeLetter(KVUtilities::processorType(), false));
+}
+
+TEST(KVUtilitiesEnvironmentTest, IdentityFilesGiveTheirFirstReadableText) {
+    const QString dir = TestEnvironment::makeTempDir(QStringLiteral("identity"));
+    const QString missing = dir + QStringLiteral("/missing");
+    const QString blank = dir + QStringLiteral("/blank");
+    const QString serial = dir + QStringLiteral("/serial");
+    const QString fifo = dir + QStringLiteral("/fifo");
+    const QString huge = dir + QStringLiteral("/huge");
+    const QString latin1 = dir + QStringLiteral("/latin1");
+    ASSERT_TRUE(TestEnvironment::writeFile(blank, " \n\t\n"));
+    ASSERT_TRUE(TestEnvironment::writeFile(serial, "  C02X1234\n"));
+    ASSERT_TRUE(TestEnvironment::writeFile(huge, QByteArray(10000, 'z')));
+    ASSERT_TRUE(TestEnvironment::writeFile(latin1, "S\xe9rie\n"));
+    ASSERT_EQ(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    const struct {
+        QStringList paths;
+        QString text;
+    } cases[] = {
+        {{serial}, QStringLiteral("C02X1234")},
+        {{missing, blank, dir, fifo, serial}, QStringLiteral("C02X1234")},
+        {{missing, blank, dir, fifo}, QString()},
+        {{}, QString()},
+        {{huge}, QString(4096, u'z')},
+        {{latin1}, QStringLiteral("S\uFFFDrie")},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.paths.join(u' ').toStdString());
+        const QString text = firstReadableText(c.paths);
+        EXPECT_EQ(text, c.text);
+        EXPECT_EQ(text.isNull(), c.text.isNull());
+    }
+    // The machine id stands in where the firmware's serial is missing or
+    // for root only; once found it is kept.
+    const QString id = KVUtilities::uniqueComputerID();
+    EXPECT_FALSE(id.isEmpty());
+    EXPECT_EQ(KVUtilities::uniqueComputerID().constData(), id.constData());
+}
+
+TEST(KVUtilitiesEnvironmentTest, TracerInTheProcessStatus) {
+    const struct {
+        QByteArray status;
+        bool traced;
+    } cases[] = {
+        {"Name:\tx\nTracerPid:\t0\nUid:\t0\n", false},
+        {"Name:\tx\nTracerPid:\t4242\nUid:\t0\n", true},
+        {"Name:\tx\nTracerPid:\t77", true},
+        {"Name:\tx\nTracerPid:\tjunk\n", false},
+        {"Name:\tx\nTracerPid:\n", false},
+        {"Name:\tx\n", false},
+        {"", false},
+    };
+    for (const auto &c : cases) EXPECT_EQ(statusShowsTracer(c.status), c.traced) << c.status.data();
+}
+
+// A child that this process traces sees a debugger; an untraced one does not.
+TEST(KVUtilitiesEnvironmentTest, DebuggingWhileTraced) {
+    for (const bool traced : {false, true}) {
+        SCOPED_TRACE(traced ? "traced" : "untraced");
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            if (traced && ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(3);
+            _exit(KVUtilities::debugging() ? 1 : 2);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), traced ? 1 : 2);
+    }
+}
+
+}  // namespace
+
+#include "KVUtilitiesEnvironmentTest.moc"
