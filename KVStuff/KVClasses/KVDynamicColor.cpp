@@ -7,6 +7,7 @@
 #include <QWidget>
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <vector>
 
 #include "KVDynamicColor_p.h"
@@ -228,7 +229,9 @@ QColor KVDynamicColor::effectiveColor(const QWidget *widget) const {
     if (!KVUtilities::mojaveOrNewer() || !m_darkAquaColor.isValid()) return m_aquaColor;
     const std::optional<bool> widgetDark =
         m_useGlobalAppearance ? std::nullopt : widgetIsDark(widget);
-    return widgetDark.value_or(applicationIsDark()) ? m_darkAquaColor : m_aquaColor;
+    // The application is asked only when no widget decided: it may ask the
+    // portal.
+    return (widgetDark ? *widgetDark : applicationIsDark()) ? m_darkAquaColor : m_aquaColor;
 }
 
 // ---- Ready-made colours ----
@@ -253,9 +256,28 @@ QString KVDynamicColorPrivate::accentColorNameForValue(const QVariant &stored) {
     return KVAccentColorNameBlue;
 }
 
+QString KVDynamicColorPrivate::nearestAccentColorName(const QColor &accent) {
+    // Measured against the light menu highlights, which show each accent.
+    const auto distance = [&](const HighlightRow &row) {
+        return std::pow(accent.redF() - row.light[0], 2) +
+               std::pow(accent.greenF() - row.light[1], 2) +
+               std::pow(accent.blueF() - row.light[2], 2);
+    };
+    return std::min_element(kMenuHighlights.begin(), kMenuHighlights.end(),
+                            [&](const HighlightRow &a, const HighlightRow &b) {
+                                return distance(a) < distance(b);
+                            })
+        ->accent;
+}
+
 QString KVDynamicColor::accentColorName() {
-    return accentColorNameForValue(
-        KVUserDefaults::standardUserDefaults().objectForKey(QStringLiteral("AppleAccentColor")));
+    const QVariant stored =
+        KVUserDefaults::standardUserDefaults().objectForKey(QStringLiteral("AppleAccentColor"));
+    // Without a choice of the user's own, the desktop's accent colour counts.
+    if (!stored.isValid())
+        if (const std::optional<QColor> accent = desktopAccentColor())
+            return nearestAccentColorName(*accent);
+    return accentColorNameForValue(stored);
 }
 
 KVDynamicColor &KVDynamicColor::menuHighlightColor() {

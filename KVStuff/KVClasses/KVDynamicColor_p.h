@@ -2,6 +2,7 @@
 // half and with the tests. Not part of the library's interface.
 #pragma once
 
+#include <QColor>
 #include <QPalette>
 #include <QVariant>
 #include <optional>
@@ -26,11 +27,15 @@ bool applicationIsDark();
 // The accent-colour name for the stored "AppleAccentColor" value; an unknown
 // index is logged unless it was also the last one logged.
 QString accentColorNameForValue(const QVariant &stored);
+// The name of the accent colour closest to that colour.
+QString nearestAccentColorName(const QColor &accent);
 
 // ---- Operating-system half ----
 
 // Whether the desktop's colour scheme prefers dark; nothing when no desktop
 // service answers.
 std::optional<bool> desktopPrefersDark();
+// The desktop's accent colour; nothing when no desktop service names one.
+std::optional<QColor> desktopAccentColor();
 
 }  // namespace KVDynamicColorPrivate

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QDBusArgument>
 #include <QDBusVariant>
 #include <QPaintEvent>
 #include <QWidget>
@@ -62,25 +63,43 @@ private:
     const KVDynamicColor &m_color;
 };
 
-// The desktop portal's settings.
+using Rgb = std::array<double, 3>;
+
+// The desktop portal's appearance settings; anything else is an empty text.
 class FakePortalSettings : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.portal.Settings")
 
 public:
-    explicit FakePortalSettings(uint scheme) : m_scheme(scheme) {}
+    explicit FakePortalSettings(uint scheme, Rgb accent = {-1, -1, -1})
+        : m_scheme(scheme), m_accent(accent) {}
 
 public slots:
     QDBusVariant Read(const QString &settingNamespace, const QString &key) {
-        if (settingNamespace != QLatin1String("org.freedesktop.appearance") ||
-            key != QLatin1String("color-scheme"))
-            return QDBusVariant(QString());
-        return QDBusVariant(QVariant::fromValue(QDBusVariant(m_scheme)));
+        QVariant value = QString();
+        if (settingNamespace == QLatin1String("org.freedesktop.appearance")) {
+            if (key == QLatin1String("color-scheme")) value = m_scheme;
+            if (key == QLatin1String("accent-color")) {
+                QDBusArgument rgb;
+                rgb.beginStructure();
+                rgb << m_accent[0] << m_accent[1] << m_accent[2];
+                rgb.endStructure();
+                value = QVariant::fromValue(rgb);
+            }
+        }
+        // The portal wraps each value in a second variant.
+        return QDBusVariant(QVariant::fromValue(QDBusVariant(value)));
     }
 
 private:
     uint m_scheme;
+    Rgb m_accent;
 };
+
+BusPeer *newPortal(FakePortalSettings *settings) {
+    return new BusPeer(settings, QStringLiteral("org.freedesktop.portal.Desktop"),
+                       QStringLiteral("/org/freedesktop/portal/desktop"));
+}
 
 // ---- The appearance in force ----
 
@@ -154,10 +173,8 @@ TEST(KVDynamicColorTest, DesktopPortalDecidesWhenTheApplicationHasNoPalette) {
     EXPECT_EQ(color.effectiveColor(), kLight);
     for (const uint scheme : {0u, 1u, 2u}) {
         SCOPED_TRACE(scheme);
-        const BusPeer portal(new FakePortalSettings(scheme),
-                             QStringLiteral("org.freedesktop.portal.Desktop"),
-                             QStringLiteral("/org/freedesktop/portal/desktop"));
-        ASSERT_TRUE(portal.registered());
+        const std::unique_ptr<BusPeer> portal(newPortal(new FakePortalSettings(scheme)));
+        ASSERT_TRUE(portal->registered());
         EXPECT_EQ(desktopPrefersDark(), scheme == 1);
         EXPECT_EQ(color.effectiveColor(), scheme == 1 ? kDark : kLight);
         // A palette the application set itself wins over the desktop's.
@@ -214,6 +231,31 @@ TEST(KVDynamicColorTest, AccentColourNamesFromTheStoredIndex) {
         const LogCapture log;
         EXPECT_EQ(KVDynamicColor::accentColorName(), c.name);
         EXPECT_EQ(log.messages(), c.logged);
+    }
+    defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
+}
+
+TEST(KVDynamicColorTest, DesktopAccentColourCountsWithoutAStoredChoice) {
+    const struct {
+        Rgb accent;
+        QString name;
+    } cases[] = {
+        {{0.21, 0.52, 0.89}, KVAccentColorNameBlue},  {{0.57, 0.25, 0.67}, KVAccentColorNamePurple},
+        {{0.9, 0.2, 0.26}, KVAccentColorNameRed},     {{0.3, 0.8, 0.3}, KVAccentColorNameGreen},
+        {{0.5, 0.5, 0.5}, KVAccentColorNameGraphite}, {{1.0, 0.75, 0.2}, KVAccentColorNameYellow},
+        {{-1, -1, -1}, KVAccentColorNameBlue},  // none set
+        {{2.0, 0.2, 0.2}, KVAccentColorNameBlue},
+    };
+    KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name.toStdString());
+        const std::unique_ptr<BusPeer> portal(newPortal(new FakePortalSettings(0, c.accent)));
+        ASSERT_TRUE(portal->registered());
+        defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
+        EXPECT_EQ(KVDynamicColor::accentColorName(), c.name);
+        // The user's own choice wins.
+        defaults.setObject(5, QStringLiteral("AppleAccentColor"));
+        EXPECT_EQ(KVDynamicColor::accentColorName(), KVAccentColorNamePurple);
     }
     defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
 }
