@@ -65,6 +65,8 @@ public:
     // Nothing, and the stream marked corrupt, for anything but that form
     // with colours as its values.
     static std::optional<KVDynamicColor> initWithCoder(QDataStream &in);
+    // Decoding checks each value's kind before reading it.
+    static constexpr bool supportsSecureCoding() { return true; }
 
     // Every question QColor answers, answered by the colour in force. What
     // they make (lighter, toHsv ...) is a plain colour of that moment.
