@@ -113,6 +113,7 @@ struct AppearanceCase {
 };
 
 TEST(KVDynamicColorTest, PaintedWidgetThenApplicationDecideTheAppearance) {
+    const BusNamesTurn turn;
     const AppearanceCase cases[] = {
         {"nothing set, no portal", Palette::Inherited, Palette::Inherited, Palette::Inherited,
          false, false},
@@ -168,6 +169,7 @@ TEST(KVDynamicColorTest, UseGlobalAppearanceAnswersTheSameColour) {
 }
 
 TEST(KVDynamicColorTest, DesktopPortalDecidesWhenTheApplicationHasNoPalette) {
+    const BusNamesTurn turn;
     EXPECT_EQ(desktopPrefersDark(), std::nullopt);
     const KVDynamicColor color = KVDynamicColor::lightColor(kLight, kDark, true);
     EXPECT_EQ(color.effectiveColor(), kLight);
@@ -200,6 +202,7 @@ struct AccentCase {
 };
 
 TEST(KVDynamicColorTest, AccentColourNamesFromTheStoredIndex) {
+    const BusNamesTurn turn;
     const QString line = QStringLiteral("*** unknown accent color index: %1");
     // In order: an unknown index is logged unless it was the last one logged.
     const AccentCase cases[] = {
@@ -236,6 +239,7 @@ TEST(KVDynamicColorTest, AccentColourNamesFromTheStoredIndex) {
 }
 
 TEST(KVDynamicColorTest, DesktopAccentColourCountsWithoutAStoredChoice) {
+    const BusNamesTurn turn;
     const struct {
         Rgb accent;
         QString name;
@@ -267,6 +271,7 @@ struct HighlightCase {
 };
 
 TEST(KVDynamicColorTest, MenuHighlightsFollowTheAccentColour) {
+    const BusNamesTurn turn;
     const HighlightCase cases[] = {
         {KVAccentColorNameBlue, {.16, .43, .95, .04, .29, .76}, {60, 139, 246, 12, 111, 225}},
         {KVAccentColorNamePurple, {.57, .26, .58, .44, .18, .45}, {169, 99, 170, 135, 59, 135}},

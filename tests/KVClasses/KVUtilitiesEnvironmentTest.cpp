@@ -93,6 +93,7 @@ QVariantMap schedule(const QVariant &enabled, int fromNow, int toNow) {
 }
 
 TEST(KVUtilitiesEnvironmentTest, DoNotDisturbFromTheServerOrTheQuietHours) {
+    const BusNamesTurn turn;
     const QVariantMap userPref{{QStringLiteral("userPref"), QVariantMap()}};
     const QuietCase cases[] = {
         {"no server, no preferences", Server::None, QVariant(), false},

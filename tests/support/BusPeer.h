@@ -3,10 +3,40 @@
 // thread may block on a call to it.
 #pragma once
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <QCryptographicHash>
 #include <QDBusConnection>
+#include <QFile>
 #include <QObject>
 #include <QThread>
 #include <memory>
+
+// CTest runs tests in parallel on one session bus: those that own a desktop
+// service's name, or count on nobody owning it, take turns while they live.
+class BusNamesTurn {
+public:
+    BusNamesTurn() {
+        const QByteArray bus =
+            QCryptographicHash::hash(qgetenv("DBUS_SESSION_BUS_ADDRESS"), QCryptographicHash::Md5)
+                .toHex();
+        m_lock = ::open(QFile::encodeName(
+                            QStringLiteral("/tmp/kvtest-bus-%1.lock").arg(QString::fromLatin1(bus)))
+                            .constData(),
+                        O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+        if (m_lock >= 0) ::flock(m_lock, LOCK_EX);
+    }
+    ~BusNamesTurn() {
+        if (m_lock >= 0) ::close(m_lock);
+    }
+    BusNamesTurn(const BusNamesTurn &) = delete;
+    BusNamesTurn &operator=(const BusNamesTurn &) = delete;
+
+private:
+    int m_lock = -1;
+};
 
 class BusPeer {
 public:
