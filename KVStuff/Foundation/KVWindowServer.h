@@ -11,6 +11,10 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+#include <functional>
+#include <optional>
+
 namespace KVWindowServer {
 // An X11 display can be reached ($DISPLAY set, connection succeeds) and the
 // session is not a Wayland one.
@@ -26,4 +30,16 @@ bool bringProcessToFront(pid_t pid, bool frontWindowOnly);
 // Minimizes all windows of the process, or brings them back from being
 // minimized. Returns whether the process has any window.
 bool setProcessHidden(pid_t pid, bool hidden);
+
+// Milliseconds since the user's last input, from the server's screen-saver
+// extension; nothing without a display or the extension.
+std::optional<uint32_t> idleMilliseconds();
+// Another client holds the keyboard grabbed, as password dialogs and screen
+// lockers do so that no other program reads what is typed.
+bool isKeyboardGrabbedElsewhere();
+// Calls changed with isFrontWindowFullScreen() on the thread of the running
+// Qt application whenever the active window or its state changes, from X
+// events on a connection of its own (no polling), for the rest of the
+// process. False, with nothing watched, without a display or an application.
+bool watchFrontWindowFullScreen(std::function<void(bool fullScreen)> changed);
 }  // namespace KVWindowServer

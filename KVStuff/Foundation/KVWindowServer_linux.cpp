@@ -1,7 +1,9 @@
 #include <unistd.h>
+#include <xcb/screensaver.h>
 #include <xcb/xcb.h>
 
 #include <QApplication>
+#include <QSocketNotifier>
 #include <QThread>
 #include <QWidget>
 #include <algorithm>
@@ -299,4 +301,120 @@ bool KVWindowServer::setProcessHidden(pid_t pid, bool hidden) {
             unminimize(*c, window);
     }
     return flush(*c);
+}
+
+std::optional<uint32_t> KVWindowServer::idleMilliseconds() {
+    const ConnectionRef c = connection();
+    if (!c) return std::nullopt;
+    const xcb_query_extension_reply_t *extension =
+        xcb_get_extension_data(c->xcb, &xcb_screensaver_id);
+    if (!extension || !extension->present) return std::nullopt;
+    xcb_generic_error_t *error = nullptr;
+    xcb_screensaver_query_info_reply_t *info = xcb_screensaver_query_info_reply(
+        c->xcb, xcb_screensaver_query_info(c->xcb, c->root), &error);
+    free(error);
+    if (!info) return std::nullopt;
+    const uint32_t idle = info->ms_since_user_input;
+    free(info);
+    return idle;
+}
+
+bool KVWindowServer::isKeyboardGrabbedElsewhere() {
+    const ConnectionRef c = connection();
+    if (!c) return false;
+    // Asking is trying to grab it: a grab of this connection's own is given
+    // back at once, so at most a key pressed in that instant is lost.
+    xcb_generic_error_t *error = nullptr;
+    xcb_grab_keyboard_reply_t *reply =
+        xcb_grab_keyboard_reply(c->xcb,
+                                xcb_grab_keyboard(c->xcb, 0, c->root, XCB_CURRENT_TIME,
+                                                  XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC),
+                                &error);
+    free(error);
+    if (!reply) return false;
+    const uint8_t status = reply->status;
+    free(reply);
+    if (status == XCB_GRAB_STATUS_SUCCESS) {
+        xcb_ungrab_keyboard(c->xcb, XCB_CURRENT_TIME);
+        flush(*c);
+    }
+    return status == XCB_GRAB_STATUS_ALREADY_GRABBED;
+}
+
+namespace {
+
+// Property changes of the root window (the active window) and of the active
+// window (its state), on a connection of their own: the shared one drops
+// every event it sees.
+struct FullScreenWatch {
+    ConnectionRef events;
+    std::function<void(bool)> changed;
+    xcb_window_t followed = XCB_NONE;
+
+    void follow(xcb_window_t window) {
+        if (window == followed) return;
+        // The window left behind may be gone already; the error that brings
+        // is read and dropped with the events.
+        const uint32_t none = XCB_EVENT_MASK_NO_EVENT, property = XCB_EVENT_MASK_PROPERTY_CHANGE;
+        if (followed != XCB_NONE)
+            xcb_change_window_attributes(events->xcb, followed, XCB_CW_EVENT_MASK, &none);
+        if (window != XCB_NONE)
+            xcb_change_window_attributes(events->xcb, window, XCB_CW_EVENT_MASK, &property);
+        followed = window;
+    }
+
+    // Whether any event read tells of a change that matters.
+    bool readEvents() {
+        bool relevant = false;
+        while (xcb_generic_event_t *event = xcb_poll_for_event(events->xcb)) {
+            if ((event->response_type & 0x7f) == XCB_PROPERTY_NOTIFY) {
+                const auto *notify = reinterpret_cast<const xcb_property_notify_event_t *>(event);
+                if (notify->window == events->root &&
+                    notify->atom == events->atoms[NetActiveWindow]) {
+                    follow(activeWindow(*events));
+                    relevant = true;
+                } else if (notify->window == followed &&
+                           notify->atom == events->atoms[NetWmState]) {
+                    relevant = true;
+                }
+            }
+            free(event);
+        }
+        xcb_flush(events->xcb);
+        return relevant;
+    }
+};
+
+}  // namespace
+
+bool KVWindowServer::watchFrontWindowFullScreen(std::function<void(bool)> changed) {
+    QCoreApplication *app = QCoreApplication::instance();
+    const ConnectionRef shared = connection();
+    if (!app || !shared) return false;
+    auto watch = std::make_shared<FullScreenWatch>();
+    watch->events = open(shared->display);
+    if (!watch->events) return false;
+    watch->changed = std::move(changed);
+    const uint32_t property = XCB_EVENT_MASK_PROPERTY_CHANGE;
+    xcb_change_window_attributes(watch->events->xcb, watch->events->root, XCB_CW_EVENT_MASK,
+                                 &property);
+    watch->follow(activeWindow(*watch->events));
+    xcb_flush(watch->events->xcb);
+    // The notifier lives on the application's thread, which also runs the
+    // callbacks, whichever thread asked for the watch.
+    QMetaObject::invokeMethod(
+        app,
+        [watch] {
+            auto *notifier =
+                new QSocketNotifier(xcb_get_file_descriptor(watch->events->xcb),
+                                    QSocketNotifier::Read, QCoreApplication::instance());
+            QObject::connect(notifier, &QSocketNotifier::activated, notifier, [watch, notifier] {
+                const bool relevant = watch->readEvents();
+                // A broken connection stays readable for ever.
+                if (xcb_connection_has_error(watch->events->xcb)) notifier->setEnabled(false);
+                if (relevant) watch->changed(KVWindowServer::isFrontWindowFullScreen());
+            });
+        },
+        QThread::currentThread() == app->thread() ? Qt::DirectConnection : Qt::QueuedConnection);
+    return true;
 }

@@ -7,13 +7,17 @@
 #include <QJsonValue>
 #include <QLocale>
 #include <QMutex>
+#include <QPainter>
 #include <chrono>
 #include <cmath>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include "DateExtensions.h"
 #include "KVBundle.h"
+#include "KVDynamicColor.h"
+#include "KVDynamicColor_p.h"
 #include "KVFileManager.h"
 #include "KVICU_p.h"
 #include "KVLog.h"
@@ -543,6 +547,96 @@ bool KVUtilitiesPrivate::statusShowsTracer(QByteArrayView status) {
     bool ok = false;
     const qint64 tracer = rest.trimmed().toLongLong(&ok);
     return ok && tracer != 0;
+}
+
+QString KVUtilitiesPrivate::systemTintImageName(bool yosemiteOrNewer, bool darkMenuTheme,
+                                                bool blueTint) {
+    const char *base = !yosemiteOrNewer ? "tintMav" : darkMenuTheme ? "tintYosDark" : "tintYos";
+    return QLatin1String(base) + QLatin1String(blueTint ? "Blue" : "Graphite");
+}
+
+QImage KVUtilitiesPrivate::tintImageNamed(const QString &name) {
+    struct Drawing {
+        const char *base;
+        QColor frame;
+    };
+    // The older look has a darker frame; the dark one a light frame that
+    // stands out on a dark menu.
+    static const Drawing kDrawings[] = {
+        {"tintYosDark", QColor(255, 255, 255, 140)},
+        {"tintYos", QColor(0, 0, 0, 60)},
+        {"tintMav", QColor(0, 0, 0, 140)},
+    };
+    const QColor blue(10, 96, 255), graphite(142, 142, 147);
+    for (const Drawing &drawing : kDrawings) {
+        const QLatin1String base(drawing.base);
+        if (!name.startsWith(base)) continue;
+        const QStringView tint = QStringView(name).sliced(base.size());
+        if (tint != u"Blue" && tint != u"Graphite") return QImage();
+        constexpr int kSide = 16;
+        QImage image(kSide, kSide, QImage::Format_ARGB32_Premultiplied);
+        image.fill(Qt::transparent);
+        QPainter painter(&image);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setPen(QPen(drawing.frame, 1.0));
+        painter.setBrush(tint == u"Blue" ? blue : graphite);
+        painter.drawEllipse(QRectF(1.5, 1.5, kSide - 3, kSide - 3));
+        return image;
+    }
+    return QImage();
+}
+
+bool KVUtilities::darkMenuTheme() {
+    if (mojaveOrNewer()) return darkAppearance();
+    if (yosemiteOrNewer())
+        return KVUserDefaults::standardUserDefaults().stringForKey(
+                   QStringLiteral("AppleInterfaceStyle")) == QLatin1String("Dark");
+    return false;
+}
+
+bool KVUtilities::darkAppearance() {
+    return mojaveOrNewer() && KVDynamicColorPrivate::applicationIsDark();
+}
+
+bool KVUtilities::reducedTransparency() {
+    return KVUserDefaults(QStringLiteral("com.apple.universalaccess"))
+        .boolForKey(QStringLiteral("reduceTransparency"));
+}
+
+QImage KVUtilities::systemTintImage() {
+    // Only the graphite accent makes the controls graphite; every other
+    // accent keeps the blue tint.
+    const bool blueTint = KVDynamicColor::accentColorName() != KVAccentColorNameGraphite;
+    return KVUtilitiesPrivate::tintImageNamed(
+        KVUtilitiesPrivate::systemTintImageName(yosemiteOrNewer(), darkMenuTheme(), blueTint));
+}
+
+bool KVUtilities::displayIsZoomed() { return false; }
+
+double KVUtilities::idleTime() {
+    const std::optional<uint32_t> idle = KVWindowServer::idleMilliseconds();
+    return idle ? *idle / 1000.0 : -1.0;
+}
+
+namespace {
+// Named after what hides the menu bar elsewhere; YES means full screen.
+std::atomic<bool> s_menuBarIsShown{false};
+}  // namespace
+
+bool KVUtilities::fullScreenMode() {
+    static std::once_flag installed;
+    std::call_once(installed, [] {
+        if (!KVWindowServer::watchFrontWindowFullScreen(
+                [](bool fullScreen) { s_menuBarIsShown = fullScreen; }))
+            kvLog(QStringLiteral("could not install menu bar visibility event handl)"));
+    });
+    return s_menuBarIsShown;
+}
+
+QList<KVProcessRef> KVUtilities::secureInputProcesses() {
+    if (!KVWindowServer::isKeyboardGrabbedElsewhere()) return {};
+    const KVProcessRef front = KVProcess::frontProcess();
+    return front ? QList<KVProcessRef>{front} : QList<KVProcessRef>{};
 }
 
 bool KVUtilities::doNotDisturbMode() {

@@ -5,6 +5,8 @@
 // Statics only.
 #pragma once
 
+#include <QImage>
+#include <QList>
 #include <QString>
 #include <QStringList>
 #include <QVariant>
@@ -12,6 +14,7 @@
 #include <optional>
 
 #include "KVCompatibility.h"
+#include "KVProcess.h"
 
 class KVUtilities {
 public:
@@ -130,6 +133,30 @@ public:
     static void launchMicro(bool leaveWindowOrder);
 
     // ---- The user's environment ----
+
+    // The menu bar and menus are dark: the dark appearance is in force.
+    static bool darkMenuTheme();
+    // The application's appearance is the dark one: its own palette when it
+    // set one, else the desktop's colour scheme; NO without an answer.
+    static bool darkAppearance();
+    // The user asked for less transparency ("reduceTransparency" of the
+    // universal-access preferences).
+    static bool reducedTransparency();
+    // The drawn image of the control tint for the appearance in force:
+    // "tintYos", "tintYosDark" or "tintMav", then "Blue" or "Graphite".
+    static QImage systemTintImage();
+    // The screen is never magnified for the program.
+    static bool displayIsZoomed();
+    // Seconds since the user's last input; -1.0 without a display or without
+    // the server's screen-saver extension.
+    static double idleTime();
+    // YES once the active window has turned full screen, NO once a window
+    // that is not has become active, and NO before either has happened. The
+    // first call starts watching, on the main thread.
+    static bool fullScreenMode();
+    // The front process while another program holds the keyboard grabbed
+    // (it reads a password, say); empty (none) otherwise.
+    static QList<KVProcessRef> secureInputProcesses();
 
     // The notification server holds notifications back, or the scheduled
     // quiet hours of the notification preferences are on and hold now.

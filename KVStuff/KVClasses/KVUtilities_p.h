@@ -7,6 +7,7 @@
 
 #include <QByteArray>
 #include <QDBusMessage>
+#include <QImage>
 #include <QString>
 #include <QStringDecoder>
 #include <QStringList>
@@ -175,6 +176,11 @@ bool timeInRange(const QVariant &start, const QVariant &end, int nowMinutes);
 // property list (data), at the current time.
 bool doNotDisturbScheduled(const QVariant &preferences);
 QString processorTypeLetter(const QString &type, bool translated);
+// The name of the control-tint image for those answers.
+QString systemTintImageName(bool yosemiteOrNewer, bool darkMenuTheme, bool blueTint);
+// The control-tint image of that name, drawn here; a null image for a name
+// that is none of them.
+QImage tintImageNamed(const QString &name);
 // Whether a /proc/<pid>/status listing names a tracer.
 bool statusShowsTracer(QByteArrayView status);
 

@@ -4,15 +4,24 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <QApplication>
 #include <QFile>
+#include <QPalette>
+#include <QProcess>
+#include <QTest>
 #include <QTime>
 
 #include "BusPeer.h"
+#include "KVDynamicColor.h"
 #include "KVPropertyList.h"
 #include "KVUserDefaults.h"
 #include "KVUtilities.h"
 #include "KVUtilities_p.h"
+#include "KVWindowServer.h"
+#include "LogCapture.h"
+#include "Relaunch.h"
 #include "TestEnvironment.h"
+#include "XSession.h"
 
 using namespace KVUtilitiesPrivate;
 
@@ -125,6 +134,188 @@ TEST(KVUtilitiesEnvironmentTest, DoNotDisturbFromTheServerOrTheQuietHours) {
         EXPECT_EQ(KVUtilities::doNotDisturbMode(), c.quiet);
     }
     notificationDefaults.removeObjectForKey(QStringLiteral("dnd_prefs"));
+}
+
+// ---- Appearance ----
+
+QPalette paletteOf(bool dark) {
+    QPalette palette;
+    palette.setColor(QPalette::Window, dark ? QColor(30, 30, 30) : QColor(240, 240, 240));
+    palette.setColor(QPalette::WindowText, dark ? QColor(230, 230, 230) : QColor(10, 10, 10));
+    return palette;
+}
+
+// Without a palette of the application's own and without a desktop portal
+// the appearance is light; the application's palette decides when it set
+// one. The tint image follows the appearance and the graphite accent.
+TEST(KVUtilitiesEnvironmentTest, AppearanceAndTintFollowTheApplication) {
+    const BusNamesTurn noPortal;
+    KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
+    const struct {
+        std::optional<bool> darkPalette;
+        QVariant accent;
+        bool dark;
+        const char *tint;
+    } cases[] = {
+        {std::nullopt, QVariant(), false, "tintYosBlue"},
+        {true, QVariant(), true, "tintYosDarkBlue"},
+        {false, 3, false, "tintYosBlue"},
+        {true, -1, true, "tintYosDarkGraphite"},
+        {false, -1, false, "tintYosGraphite"},
+        {std::nullopt, QStringLiteral("-1"), false, "tintYosGraphite"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.tint);
+        QApplication::setPalette(c.darkPalette ? paletteOf(*c.darkPalette) : QPalette());
+        defaults.setObject(c.accent, QStringLiteral("AppleAccentColor"));
+        EXPECT_EQ(KVUtilities::darkAppearance(), c.dark);
+        EXPECT_EQ(KVUtilities::darkMenuTheme(), c.dark);
+        const QImage tint = KVUtilities::systemTintImage();
+        EXPECT_FALSE(tint.isNull());
+        EXPECT_EQ(tint, tintImageNamed(QString::fromLatin1(c.tint)));
+    }
+    QApplication::setPalette(QPalette());
+    defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
+    EXPECT_EQ(systemTintImageName(false, true, true), QStringLiteral("tintMavBlue"));
+    EXPECT_EQ(systemTintImageName(false, false, false), QStringLiteral("tintMavGraphite"));
+}
+
+TEST(KVUtilitiesEnvironmentTest, TintImagesAreDrawnForTheirNamesOnly) {
+    QList<QImage> drawn;
+    for (const char *name : {"tintYosDarkBlue", "tintYosDarkGraphite", "tintYosBlue",
+                             "tintYosGraphite", "tintMavBlue", "tintMavGraphite"}) {
+        const QImage image = tintImageNamed(QString::fromLatin1(name));
+        EXPECT_EQ(image.size(), QSize(16, 16)) << name;
+        EXPECT_FALSE(drawn.contains(image)) << name << " looks like another one";
+        drawn.append(image);
+    }
+    for (const char *name : {"", "tintYos", "tintYosDark", "tintYosRed", "tintYosBlueX",
+                             "tintYosDarkBlu", "TintYosBlue", "xtintYosBlue"})
+        EXPECT_TRUE(tintImageNamed(QString::fromLatin1(name)).isNull()) << name;
+}
+
+TEST(KVUtilitiesEnvironmentTest, ReducedTransparencyFromTheUniversalAccessSuite) {
+    KVUserDefaults universalAccess(QStringLiteral("com.apple.universalaccess"));
+    const struct {
+        QVariant stored;
+        bool reduced;
+    } cases[] = {
+        {QVariant(), false},
+        {true, true},
+        {1, true},
+        {QStringLiteral("YES"), true},
+        {false, false},
+        {0, false},
+        {QStringLiteral("junk"), false},
+        {QVariantList{true}, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.stored.toString().toStdString());
+        universalAccess.setObject(c.stored, QStringLiteral("reduceTransparency"));
+        EXPECT_EQ(KVUtilities::reducedTransparency(), c.reduced);
+    }
+    universalAccess.removeObjectForKey(QStringLiteral("reduceTransparency"));
+    EXPECT_FALSE(KVUtilities::displayIsZoomed());
+}
+
+// ---- The desktop: idle time, secure input, full screen ----
+
+constexpr int kWindowTimeoutMs = 20000;
+
+// A window program of the test's X session, brought to the front.
+std::unique_ptr<QProcess> frontWindow(const QStringList &arguments) {
+    QString error;
+    std::unique_ptr<QProcess> window =
+        XSession::startWindowProgram(KV_TEST_WINDOW, arguments, &error);
+    EXPECT_TRUE(window) << qPrintable(error);
+    if (!window) return window;
+    const pid_t pid = pid_t(window->processId());
+    KVWindowServer::bringProcessToFront(pid, false);
+    EXPECT_TRUE(QTest::qWaitFor([pid] { return KVWindowServer::frontProcessID() == pid; },
+                                kWindowTimeoutMs));
+    return window;
+}
+
+pid_t pidOf(const std::unique_ptr<QProcess> &process) {
+    return process ? pid_t(process->processId()) : 0;
+}
+
+QList<pid_t> secureInputPIDs() {
+    QList<pid_t> pids;
+    for (const KVProcessRef &process : KVUtilities::secureInputProcesses())
+        pids.append(process->unixPID());
+    return pids;
+}
+
+TEST(KVUtilitiesDesktopTest, WithoutADisplayThereIsNoAnswer) {
+    const ScopedEnv noDisplay("DISPLAY", std::nullopt);
+    EXPECT_EQ(KVUtilities::idleTime(), -1.0);
+    EXPECT_TRUE(KVUtilities::secureInputProcesses().isEmpty());
+}
+
+// In copies of this program without a display: full-screen mode cannot be
+// watched, which is logged once, and answers NO.
+TEST(KVUtilitiesNoDisplayCopy, FullScreenModeIsLoggedOnceAndNo) {
+    if (!Relaunch::isCopy()) GTEST_SKIP() << "runs in copies";
+    const LogCapture log;
+    EXPECT_FALSE(KVUtilities::fullScreenMode());
+    EXPECT_FALSE(KVUtilities::fullScreenMode());
+    EXPECT_EQ(log.messages(), QStringList("could not install menu bar visibility event handl)"));
+}
+
+TEST(KVUtilitiesDesktopTest, FullScreenModeWithoutADisplay) {
+    if (Relaunch::isCopy()) GTEST_SKIP() << "starts the copy";
+    const QString copy = TestEnvironment::makeTempDir(QStringLiteral("nodisplay")) + "/copy";
+    QString output;
+    EXPECT_EQ(Relaunch::runCopy(copy, "KVUtilitiesNoDisplayCopy.*", {}, &output, {"DISPLAY="}), 0)
+        << qPrintable(output);
+    EXPECT_TRUE(output.contains("[  PASSED  ] 1 test")) << qPrintable(output);
+}
+
+TEST(KVUtilitiesDesktopTest, IdleTimeAndAKeyboardGrabOfAnotherProgram) {
+    const QString error = XSession::start();
+    ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
+    EXPECT_GE(KVUtilities::idleTime(), 0.0);
+    std::unique_ptr<QProcess> plain = frontWindow({});
+    EXPECT_EQ(secureInputPIDs(), QList<pid_t>());
+    std::unique_ptr<QProcess> grabbing = frontWindow({"--grab-keyboard"});
+    EXPECT_EQ(secureInputPIDs(), QList<pid_t>{pidOf(grabbing)});
+    // Asking gives nothing away: the grab stays with its owner.
+    EXPECT_EQ(secureInputPIDs(), QList<pid_t>{pidOf(grabbing)});
+    XSession::stop(grabbing);
+    EXPECT_TRUE(QTest::qWaitFor([] { return secureInputPIDs().isEmpty(); }, kWindowTimeoutMs));
+    XSession::stop(plain);
+    XSession::stop();
+}
+
+// The first answer is NO even in front of a full-screen window: only what
+// happens from then on counts. Activating a full-screen window turns it YES,
+// activating another one NO again.
+TEST(KVUtilitiesDesktopTest, FullScreenModeFollowsTheActiveWindow) {
+    const QString error = XSession::start();
+    ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
+    std::unique_ptr<QProcess> plain = frontWindow({});
+    std::unique_ptr<QProcess> fullScreen = frontWindow({"--fullscreen"});
+    ASSERT_TRUE(QTest::qWaitFor([] { return KVWindowServer::isFrontWindowFullScreen(); },
+                                kWindowTimeoutMs));
+    EXPECT_FALSE(KVUtilities::fullScreenMode());
+    for (int round = 0; round < 2; ++round) {
+        SCOPED_TRACE(round);
+        KVWindowServer::bringProcessToFront(pidOf(plain), false);
+        EXPECT_TRUE(QTest::qWaitFor(
+            [&] {
+                return KVWindowServer::frontProcessID() == pidOf(plain) &&
+                       !KVUtilities::fullScreenMode();
+            },
+            kWindowTimeoutMs));
+        KVWindowServer::bringProcessToFront(pidOf(fullScreen), false);
+        EXPECT_TRUE(
+            QTest::qWaitFor([] { return KVUtilities::fullScreenMode(); }, kWindowTimeoutMs));
+    }
+    XSession::stop(fullScreen);
+    EXPECT_TRUE(QTest::qWaitFor([] { return !KVUtilities::fullScreenMode(); }, kWindowTimeoutMs));
+    XSession::stop(plain);
+    XSession::stop();
 }
 
 // ---- Machine and process ----

@@ -4,6 +4,8 @@
 //   --title NAME  window title; with several windows "NAME 1", "NAME 2", ...
 //   --windows N   number of top-level windows (default 1)
 //   --fullscreen  the windows fill the screen
+//   --grab-keyboard  the first window holds the keyboard grabbed, as a
+//                 password dialog does ("ready" only once it holds it)
 #include <QApplication>
 #include <QTimer>
 #include <QWidget>
@@ -18,6 +20,7 @@ int main(int argc, char **argv) {
     int count = 1;
     const QStringList arguments = app.arguments();
     const bool fullScreen = arguments.contains(QLatin1String("--fullscreen"));
+    const bool grabKeyboard = arguments.contains(QLatin1String("--grab-keyboard"));
     for (qsizetype i = 1; i + 1 < arguments.size(); ++i) {
         if (arguments[i] == QLatin1String("--title"))
             title = arguments[++i];
@@ -39,6 +42,8 @@ int main(int argc, char **argv) {
     QObject::connect(&poll, &QTimer::timeout, [&] {
         for (const auto &window : windows)
             if (!window->windowHandle() || !window->windowHandle()->isExposed()) return;
+        // Another client may hold the keyboard for a moment: try again.
+        if (grabKeyboard && !windows.front()->windowHandle()->setKeyboardGrabEnabled(true)) return;
         poll.stop();
         std::fputs("ready\n", stdout);
         std::fflush(stdout);
