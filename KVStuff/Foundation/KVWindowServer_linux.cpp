@@ -395,25 +395,29 @@ bool KVWindowServer::watchFrontWindowFullScreen(std::function<void(bool)> change
     watch->events = open(shared->display);
     if (!watch->events) return false;
     watch->changed = std::move(changed);
-    const uint32_t property = XCB_EVENT_MASK_PROPERTY_CHANGE;
-    xcb_change_window_attributes(watch->events->xcb, watch->events->root, XCB_CW_EVENT_MASK,
-                                 &property);
-    watch->follow(activeWindow(*watch->events));
-    xcb_flush(watch->events->xcb);
-    // The notifier lives on the application's thread, which also runs the
-    // callbacks, whichever thread asked for the watch.
+    // Everything else, the callbacks included, happens on the application's
+    // thread, whichever thread asked for the watch.
     QMetaObject::invokeMethod(
         app,
         [watch] {
+            const uint32_t property = XCB_EVENT_MASK_PROPERTY_CHANGE;
+            xcb_change_window_attributes(watch->events->xcb, watch->events->root, XCB_CW_EVENT_MASK,
+                                         &property);
+            watch->follow(activeWindow(*watch->events));
+            xcb_flush(watch->events->xcb);
             auto *notifier =
                 new QSocketNotifier(xcb_get_file_descriptor(watch->events->xcb),
                                     QSocketNotifier::Read, QCoreApplication::instance());
-            QObject::connect(notifier, &QSocketNotifier::activated, notifier, [watch, notifier] {
+            const auto handle = [watch, notifier] {
                 const bool relevant = watch->readEvents();
                 // A broken connection stays readable for ever.
                 if (xcb_connection_has_error(watch->events->xcb)) notifier->setEnabled(false);
                 if (relevant) watch->changed(KVWindowServer::isFrontWindowFullScreen());
-            });
+            };
+            QObject::connect(notifier, &QSocketNotifier::activated, notifier, handle);
+            // Events read while asking for the active window wait in xcb's
+            // queue, where the notifier cannot see them.
+            handle();
         },
         QThread::currentThread() == app->thread() ? Qt::DirectConnection : Qt::QueuedConnection);
     return true;

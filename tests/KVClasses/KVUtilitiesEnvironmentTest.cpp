@@ -10,6 +10,7 @@
 #include <QProcess>
 #include <QTest>
 #include <QTime>
+#include <thread>
 
 #include "BusPeer.h"
 #include "KVDynamicColor.h"
@@ -298,6 +299,10 @@ TEST(KVUtilitiesDesktopTest, FullScreenModeFollowsTheActiveWindow) {
     std::unique_ptr<QProcess> fullScreen = frontWindow({"--fullscreen"});
     ASSERT_TRUE(QTest::qWaitFor([] { return KVWindowServer::isFrontWindowFullScreen(); },
                                 kWindowTimeoutMs));
+    // Asked first from another thread, it still watches on the main thread.
+    bool first = true;
+    std::thread([&first] { first = KVUtilities::fullScreenMode(); }).join();
+    EXPECT_FALSE(first);
     EXPECT_FALSE(KVUtilities::fullScreenMode());
     for (int round = 0; round < 2; ++round) {
         SCOPED_TRACE(round);
