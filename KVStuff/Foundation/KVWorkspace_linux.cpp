@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "KVBundle.h"
+#include "KVSpawnSignals_p.h"
 #include "KVWorkspace.h"
 
 extern char **environ;
@@ -38,13 +39,7 @@ bool startApplication(const QByteArray &executable) {
     posix_spawn_file_actions_addchdir_np(&actions, home.constData());
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
-    sigset_t none, all;
-    sigemptyset(&none);
-    sigfillset(&all);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &all);
-    posix_spawnattr_setflags(&attributes,
-                             POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    kvSetDefaultSignals(&attributes, POSIX_SPAWN_SETSID);
     std::vector<char *> argv{const_cast<char *>(executable.constData()), nullptr};
     pid_t pid = 0;
     const int result =

@@ -24,6 +24,7 @@
 #include "KVBundle.h"
 #include "KVFormat.h"
 #include "KVPath.h"
+#include "KVSpawnSignals_p.h"
 #include "KVUtilities_p.h"
 #include "KVWorkspace.h"
 
@@ -121,18 +122,12 @@ QByteArray expandedTilde(const QString &path) {
     return home + (slash < 0 ? QByteArray() : bytes.mid(slash));
 }
 
-// posix_spawn with the child's signals as a new program expects them: none
-// blocked and none ignored, whatever this process does with its own.
+// posix_spawn with the child's signals as a new program expects them.
 class Spawner {
 public:
     Spawner() {
         posix_spawn_file_actions_init(&actions);
         posix_spawnattr_init(&m_attributes);
-        sigset_t none, all;
-        sigemptyset(&none);
-        sigfillset(&all);
-        posix_spawnattr_setsigmask(&m_attributes, &none);
-        posix_spawnattr_setsigdefault(&m_attributes, &all);
     }
     ~Spawner() {
         posix_spawn_file_actions_destroy(&actions);
@@ -145,8 +140,7 @@ public:
     // PATH; one with a slash runs as it is, never handed to a shell when it
     // is no program.
     int spawn(const QList<QByteArray> &words, pid_t *pid, bool newSession = false) {
-        posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                                    (newSession ? POSIX_SPAWN_SETSID : 0));
+        kvSetDefaultSignals(&m_attributes, newSession ? POSIX_SPAWN_SETSID : 0);
         std::vector<char *> argv;
         for (const QByteArray &word : words) argv.push_back(const_cast<char *>(word.constData()));
         argv.push_back(nullptr);
