@@ -53,7 +53,6 @@ public:
     bool exitedCleanly() {
         return waitForFinished(kWait) && exitStatus() == NormalExit && exitCode() == 0;
     }
-    pid_t pid() const { return pid_t(processId()); }
 };
 
 // Delivery in both modes with the parameter unchanged; a missing handler is
@@ -64,7 +63,7 @@ TEST(KVAppleEventToReceiverTest, DeliversEventsAndAnswersWaitingSendersUntilItQu
     ASSERT_FALSE(qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) << kNoBus;
     Receiver receiver;
     ASSERT_EQ(receiver.start(), "ready");
-    const pid_t pid = receiver.pid();
+    const pid_t pid = pid_t(receiver.processId());
     const auto sendTest = [&](const char *eventID, const QString &parameter, int timeout) {
         return send(pid, code("TEST"), code(eventID), parameter, timeout);
     };
@@ -90,7 +89,6 @@ TEST(KVAppleEventToReceiverTest, DeliversEventsAndAnswersWaitingSendersUntilItQu
     ASSERT_TRUE(receiver.exitedCleanly());
     // The bus lets go of the name as soon as it notices the closed connection.
     EXPECT_TRUE(QTest::qWaitFor([&] { return sendTest("Echo", "", 0) == procNotFound; }, kWait));
-    EXPECT_EQ(sendTest("Echo", "", kWait), procNotFound);
 }
 
 // Bad arguments are refused before anything is sent; a live process that
@@ -198,8 +196,8 @@ TEST(KVAppleEventNoBusTest, SendingFailsWithConnectionInvalidAndReceivingIsOffLo
     const QStringList arguments{"--send", "1", "TEST", "Echo", "0",    "x",
                                 "--send", "1", "TEST", "Echo", "1000", "x"};
     ASSERT_EQ(receiver.start(arguments, environment), "not receiving");
-    EXPECT_EQ(receiver.nextLine(), QString("sent %1").arg(connectionInvalid));
-    EXPECT_EQ(receiver.nextLine(), QString("sent %1").arg(connectionInvalid));
+    for (int timeout : {0, 1000})
+        EXPECT_EQ(receiver.nextLine(), QString("sent %1").arg(connectionInvalid)) << timeout;
     receiver.terminate();
     EXPECT_TRUE(receiver.exitedCleanly());
     const QString log = QString::fromUtf8(receiver.readAllStandardError());

@@ -79,12 +79,10 @@ TEST(KVFormatTest, WritesAndReadsRealsWithAPointUnderAGermanLocale) {
 // long lines (likely to be split if written in pieces) arrive whole.
 TEST(KVLogTest, WritesWholeLinesInThePlatformFormatFromAnyThread) {
     const auto isLogLine = [](const QString &line, long thread, const QString &message) {
-        return QRegularExpression(
-                   QString(
-                       R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} FoundationTests\[%1:%2\] %3\z)")
-                       .arg(getpid())
-                       .arg(thread)
-                       .arg(QRegularExpression::escape(message)))
+        const QString pattern =
+            R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} FoundationTests\[%1:%2\] %3\z)";
+        const auto escaped = QRegularExpression::escape(message);
+        return QRegularExpression(pattern.arg(getpid()).arg(thread).arg(escaped))
             .match(line)
             .hasMatch();
     };
