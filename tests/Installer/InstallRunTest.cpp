@@ -51,13 +51,9 @@ private:
 // The product's code, this test process's own: a run quits every running
 // copy with the code, and other test processes run their products beside.
 QString productCode() {
-    static const QString code = [] {
-        static const char digits[] =
-            "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-        QString text = "R";
-        for (int n = getpid(), i = 0; i < 3; ++i, n /= 62) text += QChar(digits[n % 62]);
-        return text;
-    }();
+    const char *digits = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+    QString code = "R";
+    for (int n = getpid(), i = 0; i < 3; ++i, n /= 62) code += QChar(digits[n % 62]);
     return code;
 }
 
@@ -360,16 +356,10 @@ TEST_F(EngineTest, UnwritableDestinationGoesThroughTheRealPkexec) {
 }
 
 // Run only as the unprivileged user, through the test above.
-class AsUserEngine : public testing::Test {
-protected:
-    void SetUp() override {
-        if (!Relaunch::isCopy() || Relaunch::isRoot()) GTEST_SKIP() << "runs in a user's copy";
-        // pkexec refuses a SHELL that is no login shell (the test user has none).
-        qunsetenv("SHELL");
-    }
-};
-
-TEST_F(AsUserEngine, PrivilegedCopyFollowsThePolicy) {
+TEST(AsUserEngine, PrivilegedCopyFollowsThePolicy) {
+    if (!Relaunch::isCopy() || Relaunch::isRoot()) GTEST_SKIP() << "runs in a user's copy";
+    // pkexec refuses a SHELL that is no login shell (the test user has none).
+    qunsetenv("SHELL");
     const QString destination = qEnvironmentVariable("KV_ENGINE_DESTINATION");
     InstallerWinController c(
         {"/x/Installer", "-sourcePath", qEnvironmentVariable("KV_ENGINE_SOURCE"),

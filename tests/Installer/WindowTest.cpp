@@ -206,22 +206,6 @@ TEST_F(WindowTest, SetupErrorsShowTheirMessageAndOKQuits) {
     }
 }
 
-TEST_F(WindowTest, WithoutReadMeTheInstallPageComesFirstAndCancelQuits) {
-    ASSERT_TRUE(setUp(productWords()));
-    EXPECT_TRUE(controller->window()->isVisible());
-    EXPECT_EQ(seen(), "1 Install/Cancel q0");
-    EXPECT_EQ(controller->window()->windowTitle(), "Install Product");
-    EXPECT_EQ(ui().nameField->text(), "Product 2.1");
-    EXPECT_EQ(ui().introField->text(), "This installs Product on your computer.");
-    EXPECT_EQ(ui().pathField->text(), folder + "/Product");
-    EXPECT_EQ(hidden(), (QStringList{"messageField", "helpButton"}));
-    EXPECT_TRUE(ui().checkmarkField->isHidden());
-    expectInstallPageLaidOut();
-    screenshot("install-page");
-    QTest::mouseClick(ui().cancelButton, Qt::LeftButton);
-    EXPECT_EQ(quits->count(), 1);
-}
-
 // With a read-me the buttons walk between the pages before they quit: by
 // click, by Return (the main button) and by Escape (Cancel / Go Back).
 TEST_F(WindowTest, ReadMeComesFirstAndTheButtonsAndKeysWalkBetweenThePages) {
@@ -241,11 +225,9 @@ TEST_F(WindowTest, ReadMeComesFirstAndTheButtonsAndKeysWalkBetweenThePages) {
     EXPECT_EQ(seen(), "0 Continue/Cancel q0");
     QTest::keyClick(controller->window(), Qt::Key_Escape);
     EXPECT_EQ(quits->count(), 1);
-}
 
-// The key still counts when its file is missing: the install page comes
-// first, and Go Back leads to an empty read-me page.
-TEST_F(WindowTest, ReadMeKeyWithoutFileStartsOnTheInstallPageWithGoBack) {
+    // The key still counts when its file is missing: the install page comes
+    // first, and Go Back leads to an empty read-me page.
     ASSERT_TRUE(setUp(productWords({"-readMePath", folder + "/missing.rtf"})));
     EXPECT_EQ(seen(), "1 Install/Go Back q0");
     QTest::mouseClick(ui().cancelButton, Qt::LeftButton);
@@ -255,7 +237,7 @@ TEST_F(WindowTest, ReadMeKeyWithoutFileStartsOnTheInstallPageWithGoBack) {
 
 // The "?" button appears only with documentation that exists; without, the
 // action logs and opens nothing.
-TEST_F(WindowTest, HelpButtonOpensTheDocumentationOrLogsAndBeeps) {
+TEST_F(WindowTest, HelpButtonOpensTheDocumentationOrLogsAndInstallPageWithoutIt) {
     const QString doc = file("Manual.pdf", "%PDF-1.4");
     ASSERT_TRUE(setUp(productWords({"-documentationPath", doc})));
     EXPECT_EQ(hidden(), QStringList{"messageField"});
@@ -265,6 +247,8 @@ TEST_F(WindowTest, HelpButtonOpensTheDocumentationOrLogsAndBeeps) {
     ASSERT_EQ(opened.urls.size(), 1);
     EXPECT_EQ(opened.urls.first().toLocalFile(), doc);
 
+    // Missing documentation is no documentation; without a read-me the
+    // install page comes first, and Cancel quits.
     ASSERT_TRUE(setUp(productWords({"-documentationPath", folder + "/none.pdf"})));
     EXPECT_FALSE(has("documentationPath"));
     EXPECT_EQ(hidden(), (QStringList{"messageField", "helpButton"}));
@@ -272,6 +256,17 @@ TEST_F(WindowTest, HelpButtonOpensTheDocumentationOrLogsAndBeeps) {
     controller->openDocumentation();
     EXPECT_EQ(capture.messages(), QStringList{"documentation path missing"});
     EXPECT_EQ(opened.urls.size(), 1);
+    EXPECT_TRUE(controller->window()->isVisible());
+    EXPECT_EQ(seen(), "1 Install/Cancel q0");
+    EXPECT_EQ(controller->window()->windowTitle(), "Install Product");
+    EXPECT_EQ(ui().nameField->text(), "Product 2.1");
+    EXPECT_EQ(ui().introField->text(), "This installs Product on your computer.");
+    EXPECT_EQ(ui().pathField->text(), folder + "/Product");
+    EXPECT_TRUE(ui().checkmarkField->isHidden());
+    expectInstallPageLaidOut();
+    screenshot("install-page");
+    QTest::mouseClick(ui().cancelButton, Qt::LeftButton);
+    EXPECT_EQ(quits->count(), 1);
 }
 
 // The icon path comes first, then the bundle's icon file, read by its name's
@@ -316,20 +311,11 @@ TEST_F(WindowTest, HostileReadMeImagesAndIconsNeverHoldUpTheWindow) {
     EXPECT_FALSE(fifo.readerWaited());
 }
 
-// The quit delay is honoured however long: more than a timer counts (2^32 ms
-// and a little) does not wrap around into a quit at once.
-TEST_F(WindowTest, AQuitDelayOfMonthsDoesNotQuitAtOnce) {
-    ASSERT_TRUE(setUp(productWords({"-completionQuit", "4294967.297"})));
-    LogCapture capture;
-    controller->installationFinished("Installation failed.");
-    EXPECT_EQ(capture.messages(), QStringList{"quit delay: 4294967.3"});
-    EXPECT_FALSE(quits->wait(1500));
-}
-
 // A "Done" event's text comes from outside: the line that logs it carries
-// only so much of it.
-TEST_F(WindowTest, AHugeDoneEventIsLoggedInPart) {
-    ASSERT_TRUE(setUp(productWords()));
+// only so much of it. The quit delay is honoured however long: more than a
+// timer counts (2^32 ms and a little) does not wrap around into a quit at once.
+TEST_F(WindowTest, AHugeDoneEventAndAQuitDelayOfMonths) {
+    ASSERT_TRUE(setUp(productWords({"-completionQuit", "4294967.297"})));
     LogCapture capture;
     controller->installationDone(QString(8 * 1024 * 1024, QLatin1Char('x')));
     const QStringList lines = capture.messages();
@@ -338,6 +324,9 @@ TEST_F(WindowTest, AHugeDoneEventIsLoggedInPart) {
     static const QRegularExpression cut(
         "^received Done event \\(x+\\.\\.\\. \\(\\d+ more characters\\)$");
     EXPECT_TRUE(cut.match(lines[0]).hasMatch()) << qPrintable(lines[0].right(80));
+    controller->installationFinished("Installation failed.");
+    EXPECT_EQ(capture.messages().mid(1), QStringList{"quit delay: 4294967.3"});
+    EXPECT_FALSE(quits->wait(1500));
 }
 
 // A too-old system gets a window-modal sheet; both its buttons quit, the
