@@ -13,6 +13,7 @@
 #include "KVDynamicColor_p.h"
 #include "KVUserDefaults.h"
 #include "LogCapture.h"
+#include "TestPalette.h"
 #include "ViewExtensions.h"
 
 using namespace KVDynamicColorPrivate;
@@ -24,17 +25,10 @@ const QColor kDark(20, 30, 40);
 
 enum class Palette { Inherited, Light, Dark, LightAppearance };
 
-QPalette paletteOf(bool dark) {
-    QPalette palette;
-    palette.setColor(QPalette::Window, dark ? QColor(30, 30, 30) : QColor(240, 240, 240));
-    palette.setColor(QPalette::WindowText, dark ? QColor(230, 230, 230) : QColor(10, 10, 10));
-    return palette;
-}
-
 void applyPalette(QWidget *widget, Palette palette) {
     if (palette == Palette::LightAppearance) ViewExtensions::useLightAquaAppearance(widget, true);
     if (palette == Palette::Light || palette == Palette::Dark)
-        widget->setPalette(paletteOf(palette == Palette::Dark));
+        widget->setPalette(testPalette(palette == Palette::Dark));
 }
 
 // The application's own palette for the life of the object; an inherited one
@@ -43,7 +37,7 @@ class ApplicationPalette {
 public:
     explicit ApplicationPalette(Palette palette) {
         QApplication::setPalette(
-            palette == Palette::Inherited ? QPalette() : paletteOf(palette == Palette::Dark));
+            palette == Palette::Inherited ? QPalette() : testPalette(palette == Palette::Dark));
     }
     ~ApplicationPalette() { QApplication::setPalette(QPalette()); }
 };
@@ -114,23 +108,20 @@ struct AppearanceCase {
 
 TEST(KVDynamicColorTest, PaintedWidgetThenApplicationDecideTheAppearance) {
     const BusNamesTurn turn;
+    using enum Palette;
+    // clang-format off
     const AppearanceCase cases[] = {
-        {"nothing set, no portal", Palette::Inherited, Palette::Inherited, Palette::Inherited,
-         false, false},
-        {"dark application", Palette::Dark, Palette::Inherited, Palette::Inherited, false, true},
-        {"light-appearance parent in a dark application", Palette::Dark, Palette::LightAppearance,
-         Palette::Inherited, false, false},
-        {"dark parent in a light application", Palette::Light, Palette::Dark, Palette::Inherited,
-         false, true},
-        {"dark widget inside a light-appearance parent", Palette::Dark, Palette::LightAppearance,
-         Palette::Dark, false, true},
-        {"light widget inside a dark parent", Palette::Dark, Palette::Dark, Palette::Light, false,
+        {"nothing set, no portal", Inherited, Inherited, Inherited, false, false},
+        {"dark application", Dark, Inherited, Inherited, false, true},
+        {"light-appearance parent in a dark application", Dark, LightAppearance, Inherited, false,
          false},
-        {"global colour ignores a dark widget", Palette::Light, Palette::Dark, Palette::Dark, true,
-         false},
-        {"global colour ignores a light-appearance widget", Palette::Dark, Palette::LightAppearance,
-         Palette::Inherited, true, true},
-    };
+        {"dark parent in a light application", Light, Dark, Inherited, false, true},
+        {"dark widget inside a light-appearance parent", Dark, LightAppearance, Dark, false, true},
+        {"light widget inside a dark parent", Dark, Dark, Light, false, false},
+        {"global colour ignores a dark widget", Light, Dark, Dark, true, false},
+        {"global colour ignores a light-appearance widget", Dark, LightAppearance, Inherited, true,
+         true}};
+    // clang-format on
     for (const AppearanceCase &c : cases) {
         SCOPED_TRACE(c.name);
         const ApplicationPalette application(c.application);
@@ -195,32 +186,20 @@ TEST(KVDynamicColorTest, RedWarningTextColourIsOneSharedColour) {
     EXPECT_EQ(warning.darkAquaColor(), QColor::fromRgbF(1.0f, 0.2f, 0.0f));
 }
 
-struct AccentCase {
-    QVariant stored;
-    QString name;
-    QStringList logged;
-};
-
 TEST(KVDynamicColorTest, AccentColourNamesFromTheStoredIndex) {
     const BusNamesTurn turn;
     const QString line = QStringLiteral("*** unknown accent color index: %1");
     // In order: an unknown index is logged unless it was the last one logged.
-    const AccentCase cases[] = {
-        {QVariant(), KVAccentColorNameBlue, {}},
-        {-1, KVAccentColorNameGraphite, {}},
-        {QStringLiteral("3"), KVAccentColorNameGreen, {}},
-        {5.9, KVAccentColorNamePurple, {}},
-        {true, KVAccentColorNameOrange, {}},
-        {QStringLiteral("purple"), KVAccentColorNameBlue, {}},
-        {QVariantList{5}, KVAccentColorNameBlue, {}},
-        {4, KVAccentColorNameBlue, {line.arg(4)}},
-        {4, KVAccentColorNameBlue, {}},
-        {QStringLiteral("4"), KVAccentColorNameBlue, {}},
-        {7, KVAccentColorNameBlue, {line.arg(7)}},
-        {4, KVAccentColorNameBlue, {line.arg(4)}},
-        {-1, KVAccentColorNameGraphite, {}},
-        {4, KVAccentColorNameBlue, {}},
-    };
+    // clang-format off
+    const std::tuple<QVariant, QString, QStringList> cases[] = {  // stored, name, logged
+        {QVariant(), KVAccentColorNameBlue, {}}, {-1, KVAccentColorNameGraphite, {}},
+        {QStringLiteral("3"), KVAccentColorNameGreen, {}}, {5.9, KVAccentColorNamePurple, {}},
+        {true, KVAccentColorNameOrange, {}}, {QStringLiteral("purple"), KVAccentColorNameBlue, {}},
+        {QVariantList{5}, KVAccentColorNameBlue, {}}, {4, KVAccentColorNameBlue, {line.arg(4)}},
+        {4, KVAccentColorNameBlue, {}}, {QStringLiteral("4"), KVAccentColorNameBlue, {}},
+        {7, KVAccentColorNameBlue, {line.arg(7)}}, {4, KVAccentColorNameBlue, {line.arg(4)}},
+        {-1, KVAccentColorNameGraphite, {}}, {4, KVAccentColorNameBlue, {}}};
+    // clang-format on
     KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
     // Whatever unknown index was logged before, 9 is the last one now.
     defaults.setObject(9, QStringLiteral("AppleAccentColor"));
@@ -228,12 +207,12 @@ TEST(KVDynamicColorTest, AccentColourNamesFromTheStoredIndex) {
         const LogCapture discarded;
         EXPECT_EQ(KVDynamicColor::accentColorName(), KVAccentColorNameBlue);
     }
-    for (const AccentCase &c : cases) {
-        SCOPED_TRACE(c.stored.toString().toStdString());
-        defaults.setObject(c.stored, QStringLiteral("AppleAccentColor"));
+    for (const auto &[stored, name, logged] : cases) {
+        SCOPED_TRACE(stored.toString().toStdString());
+        defaults.setObject(stored, QStringLiteral("AppleAccentColor"));
         const LogCapture log;
-        EXPECT_EQ(KVDynamicColor::accentColorName(), c.name);
-        EXPECT_EQ(log.messages(), c.logged);
+        EXPECT_EQ(KVDynamicColor::accentColorName(), name);
+        EXPECT_EQ(log.messages(), logged);
     }
     defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
 }
@@ -248,8 +227,7 @@ TEST(KVDynamicColorTest, DesktopAccentColourCountsWithoutAStoredChoice) {
         {{0.9, 0.2, 0.26}, KVAccentColorNameRed},     {{0.3, 0.8, 0.3}, KVAccentColorNameGreen},
         {{0.5, 0.5, 0.5}, KVAccentColorNameGraphite}, {{1.0, 0.75, 0.2}, KVAccentColorNameYellow},
         {{-1, -1, -1}, KVAccentColorNameBlue},  // none set
-        {{2.0, 0.2, 0.2}, KVAccentColorNameBlue},
-    };
+        {{2.0, 0.2, 0.2}, KVAccentColorNameBlue}};
     KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name.toStdString());
@@ -266,27 +244,25 @@ TEST(KVDynamicColorTest, DesktopAccentColourCountsWithoutAStoredChoice) {
 
 struct HighlightCase {
     QString accent;
+    QVariant stored;              // the index that picks it
     std::array<double, 6> menu;   // light r, g, b, then dark r, g, b
     std::array<int, 6> menuItem;  // in 255ths
 };
 
 TEST(KVDynamicColorTest, MenuHighlightsFollowTheAccentColour) {
     const BusNamesTurn turn;
+    // clang-format off
     const HighlightCase cases[] = {
-        {KVAccentColorNameBlue, {.16, .43, .95, .04, .29, .76}, {60, 139, 246, 12, 111, 225}},
-        {KVAccentColorNamePurple, {.57, .26, .58, .44, .18, .45}, {169, 99, 170, 135, 59, 135}},
-        {KVAccentColorNamePink, {.95, .31, .61, .73, .16, .43}, {248, 114, 176, 218, 74, 142}},
-        {KVAccentColorNameRed, {.85, .25, .29, .76, .18, .22}, {229, 95, 100, 199, 54, 60}},
-        {KVAccentColorNameOrange, {.95, .51, .22, .73, .34, .08}, {248, 154, 79, 218, 117, 31}},
-        {KVAccentColorNameYellow, {.97, .71, .25, .76, .53, .11}, {252, 198, 90, 222, 164, 42}},
-        {KVAccentColorNameGreen, {.42, .73, .32, .26, .54, .17}, {128, 198, 107, 90, 165, 66}},
-        {KVAccentColorNameGraphite, {.59, .59, .59, .34, .34, .34}, {162, 162, 162, 124, 128, 131}},
-    };
-    const QMap<QString, QVariant> index = {
-        {KVAccentColorNameBlue, QVariant()}, {KVAccentColorNamePurple, 5},
-        {KVAccentColorNamePink, 6},          {KVAccentColorNameRed, 0},
-        {KVAccentColorNameOrange, 1},        {KVAccentColorNameYellow, 2},
-        {KVAccentColorNameGreen, 3},         {KVAccentColorNameGraphite, -1}};
+        {KVAccentColorNameBlue, {}, {.16, .43, .95, .04, .29, .76}, {60, 139, 246, 12, 111, 225}},
+        {KVAccentColorNamePurple, 5, {.57, .26, .58, .44, .18, .45}, {169, 99, 170, 135, 59, 135}},
+        {KVAccentColorNamePink, 6, {.95, .31, .61, .73, .16, .43}, {248, 114, 176, 218, 74, 142}},
+        {KVAccentColorNameRed, 0, {.85, .25, .29, .76, .18, .22}, {229, 95, 100, 199, 54, 60}},
+        {KVAccentColorNameOrange, 1, {.95, .51, .22, .73, .34, .08}, {248, 154, 79, 218, 117, 31}},
+        {KVAccentColorNameYellow, 2, {.97, .71, .25, .76, .53, .11}, {252, 198, 90, 222, 164, 42}},
+        {KVAccentColorNameGreen, 3, {.42, .73, .32, .26, .54, .17}, {128, 198, 107, 90, 165, 66}},
+        {KVAccentColorNameGraphite, -1, {.59, .59, .59, .34, .34, .34},
+         {162, 162, 162, 124, 128, 131}}};
+    // clang-format on
     const auto expectRgb = [](const QColor &color, double r, double g, double b) {
         EXPECT_NEAR(color.redF(), r, 1e-4);
         EXPECT_NEAR(color.greenF(), g, 1e-4);
@@ -297,7 +273,7 @@ TEST(KVDynamicColorTest, MenuHighlightsFollowTheAccentColour) {
     QSet<const KVDynamicColor *> seen;
     for (const HighlightCase &c : cases) {
         SCOPED_TRACE(c.accent.toStdString());
-        defaults.setObject(index.value(c.accent), QStringLiteral("AppleAccentColor"));
+        defaults.setObject(c.stored, QStringLiteral("AppleAccentColor"));
         const LogCapture quiet;
         KVDynamicColor &menu = KVDynamicColor::menuHighlightColor();
         KVDynamicColor &item = KVDynamicColor::menuItemHighlightColor();
@@ -319,11 +295,15 @@ TEST(KVDynamicColorTest, MenuHighlightsFollowTheAccentColour) {
 
 // ---- Archiving ----
 
-QByteArray encoded(const KVDynamicColor &color) {
+QByteArray archive(const std::function<void(QDataStream &)> &write) {
     QByteArray bytes;
     QDataStream out(&bytes, QIODevice::WriteOnly);
-    color.encodeWithCoder(out);
+    write(out);
     return bytes;
+}
+
+QByteArray encoded(const KVDynamicColor &color) {
+    return archive([&color](QDataStream &s) { color.encodeWithCoder(s); });
 }
 
 std::optional<KVDynamicColor> decoded(const QByteArray &bytes, QDataStream::Status *status) {
@@ -333,34 +313,25 @@ std::optional<KVDynamicColor> decoded(const QByteArray &bytes, QDataStream::Stat
     return color;
 }
 
-QByteArray archive(const std::function<void(QDataStream &)> &write) {
-    QByteArray bytes;
-    QDataStream out(&bytes, QIODevice::WriteOnly);
-    write(out);
-    return bytes;
-}
-
 // A key as it appears in an archive, without its length.
 QByteArray utf16Key(const char *key) {
     return archive([key](QDataStream &s) { s << QString::fromLatin1(key); }).mid(4);
 }
 
 TEST(KVDynamicColorTest, ArchivedColoursComeBackFollowingWhatIsPainted) {
-    const struct {
-        QColor light;
-        QColor dark;
-    } cases[] = {{kLight, kDark}, {kLight, QColor()}, {QColor(), kDark}, {QColor(), QColor()}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.light.name().toStdString() + " " + c.dark.name().toStdString());
-        const QByteArray bytes = encoded(KVDynamicColor::lightColor(c.light, c.dark, true));
+    const std::pair<QColor, QColor> cases[] = {
+        {kLight, kDark}, {kLight, QColor()}, {QColor(), kDark}, {QColor(), QColor()}};
+    for (const auto &[light, dark] : cases) {
+        SCOPED_TRACE(light.name().toStdString() + " " + dark.name().toStdString());
+        const QByteArray bytes = encoded(KVDynamicColor::lightColor(light, dark, true));
         EXPECT_TRUE(bytes.contains(utf16Key("aquaColor")));
-        EXPECT_EQ(bytes.contains(utf16Key("darkAquaColor")), c.dark.isValid());
+        EXPECT_EQ(bytes.contains(utf16Key("darkAquaColor")), dark.isValid());
         QDataStream::Status status;
         const std::optional<KVDynamicColor> back = decoded(bytes, &status);
         ASSERT_TRUE(back);
         EXPECT_EQ(status, QDataStream::Ok);
-        EXPECT_EQ(back->aquaColor(), c.light);
-        EXPECT_EQ(back->darkAquaColor(), c.dark);
+        EXPECT_EQ(back->aquaColor(), light);
+        EXPECT_EQ(back->darkAquaColor(), dark);
         EXPECT_FALSE(back->usesGlobalAppearance());
     }
 }
@@ -388,8 +359,7 @@ TEST(KVDynamicColorTest, ArchivesWithAnythingButColoursAreRefused) {
          archive([&](QDataStream &s) { s << kLight << quint32(1) << quint32(0x7FFFFFFE); })},
         {"a class name cut short", archive([&](QDataStream &s) {
              s << kLight << quint32(1) << aqua << quint32(12) << quint16('Q');
-         })},
-    };
+         })}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         QDataStream::Status status;

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "BusPeer.h"
+#include "FrontWindow.h"
 #include "KVDynamicColor.h"
 #include "KVPropertyList.h"
 #include "KVUserDefaults.h"
@@ -22,6 +23,7 @@
 #include "LogCapture.h"
 #include "Relaunch.h"
 #include "TestEnvironment.h"
+#include "TestPalette.h"
 #include "XSession.h"
 
 using namespace KVUtilitiesPrivate;
@@ -38,24 +40,17 @@ struct WindowCase {
 };
 
 TEST(KVUtilitiesEnvironmentTest, QuietHoursWindowInMinutesAfterMidnight) {
+    // clang-format off
     const WindowCase cases[] = {
-        {1320, 420, 23 * 60 + 30, true},  // 22:00 to 07:00, across midnight
-        {1320, 420, 6 * 60 + 59, true},
-        {1320, 420, 7 * 60, false},
-        {1320, 420, 12 * 60, false},
-        {1320, 420, 1320, true},
-        {-60, 60, 23 * 60, true},  // -60 is 23:00
-        {-60, 60, 22 * 60 + 59, false},
+        {1320, 420, 23 * 60 + 30, true}, {1320, 420, 6 * 60 + 59, true},  // 22:00 to 07:00
+        {1320, 420, 7 * 60, false}, {1320, 420, 12 * 60, false}, {1320, 420, 1320, true},
+        {-60, 60, 23 * 60, true}, {-60, 60, 22 * 60 + 59, false},  // -60 is 23:00
         {1440 + 60, 120, 60, true},  // past a day wraps around
-        {600, 660, 600, true},
-        {600, 660, 660, false},
-        {600, 600, 600, false},  // equal ends are never inside
+        {600, 660, 600, true}, {600, 660, 660, false}, {600, 600, 600, false},  // equal: never
         {QStringLiteral("600"), QStringLiteral("660 minutes"), 630, true},
-        {600.9, 660.9, 660, false},
-        {QVariant(), 660, 630, false},
-        {600, QVariantList{660}, 630, false},
-        {QByteArray("600"), 660, 630, false},
-    };
+        {600.9, 660.9, 660, false}, {QVariant(), 660, 630, false},
+        {600, QVariantList{660}, 630, false}, {QByteArray("600"), 660, 630, false}};
+    // clang-format on
     for (const WindowCase &c : cases) {
         SCOPED_TRACE(c.start.toString().toStdString() + "-" + c.end.toString().toStdString() +
                      " at " + std::to_string(c.now));
@@ -118,8 +113,7 @@ TEST(KVUtilitiesEnvironmentTest, DoNotDisturbFromTheServerOrTheQuietHours) {
         {"a list, not a dictionary", Server::None,
          KVPropertyList::toData(QVariantList{userPref}, KVPropertyList::Format::Xml), false},
         {"not a property list", Server::None, QByteArray("userPref\0\xff", 10), false},
-        {"a text, not data", Server::None, QStringLiteral("userPref"), false},
-    };
+        {"a text, not data", Server::None, QStringLiteral("userPref"), false}};
     KVUserDefaults notificationDefaults(QStringLiteral("com.apple.ncprefs"));
     for (const QuietCase &c : cases) {
         SCOPED_TRACE(c.name);
@@ -139,19 +133,13 @@ TEST(KVUtilitiesEnvironmentTest, DoNotDisturbFromTheServerOrTheQuietHours) {
 
 // ---- Appearance ----
 
-QPalette paletteOf(bool dark) {
-    QPalette palette;
-    palette.setColor(QPalette::Window, dark ? QColor(30, 30, 30) : QColor(240, 240, 240));
-    palette.setColor(QPalette::WindowText, dark ? QColor(230, 230, 230) : QColor(10, 10, 10));
-    return palette;
-}
-
 // Without a palette of the application's own and without a desktop portal
 // the appearance is light; the application's palette decides when it set
 // one. The tint image follows the appearance and the graphite accent.
 TEST(KVUtilitiesEnvironmentTest, AppearanceAndTintFollowTheApplication) {
     const BusNamesTurn noPortal;
     KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
+    // clang-format off
     const struct {
         std::optional<bool> darkPalette;
         QVariant accent;
@@ -159,15 +147,13 @@ TEST(KVUtilitiesEnvironmentTest, AppearanceAndTintFollowTheApplication) {
         const char *tint;
     } cases[] = {
         {std::nullopt, QVariant(), false, "tintYosBlue"},
-        {true, QVariant(), true, "tintYosDarkBlue"},
-        {false, 3, false, "tintYosBlue"},
-        {true, -1, true, "tintYosDarkGraphite"},
-        {false, -1, false, "tintYosGraphite"},
-        {std::nullopt, QStringLiteral("-1"), false, "tintYosGraphite"},
-    };
+        {true, QVariant(), true, "tintYosDarkBlue"}, {false, 3, false, "tintYosBlue"},
+        {true, -1, true, "tintYosDarkGraphite"}, {false, -1, false, "tintYosGraphite"},
+        {std::nullopt, QStringLiteral("-1"), false, "tintYosGraphite"}};
+    // clang-format on
     for (const auto &c : cases) {
         SCOPED_TRACE(c.tint);
-        QApplication::setPalette(c.darkPalette ? paletteOf(*c.darkPalette) : QPalette());
+        QApplication::setPalette(c.darkPalette ? testPalette(*c.darkPalette) : QPalette());
         defaults.setObject(c.accent, QStringLiteral("AppleAccentColor"));
         EXPECT_EQ(KVUtilities::darkAppearance(), c.dark);
         EXPECT_EQ(KVUtilities::darkMenuTheme(), c.dark);
@@ -195,19 +181,14 @@ TEST(KVUtilitiesEnvironmentTest, TintImagesAreDrawnForTheirNamesOnly) {
 
 TEST(KVUtilitiesEnvironmentTest, ReducedTransparencyFromTheUniversalAccessSuite) {
     KVUserDefaults universalAccess(QStringLiteral("com.apple.universalaccess"));
+    // clang-format off
     const struct {
         QVariant stored;
         bool reduced;
     } cases[] = {
-        {QVariant(), false},
-        {true, true},
-        {1, true},
-        {QStringLiteral("YES"), true},
-        {false, false},
-        {0, false},
-        {QStringLiteral("junk"), false},
-        {QVariantList{true}, false},
-    };
+        {QVariant(), false}, {true, true}, {1, true}, {QStringLiteral("YES"), true}, {false, false},
+        {0, false}, {QStringLiteral("junk"), false}, {QVariantList{true}, false}};
+    // clang-format on
     for (const auto &c : cases) {
         SCOPED_TRACE(c.stored.toString().toStdString());
         universalAccess.setObject(c.stored, QStringLiteral("reduceTransparency"));
@@ -220,24 +201,6 @@ TEST(KVUtilitiesEnvironmentTest, ReducedTransparencyFromTheUniversalAccessSuite)
 // ---- The desktop: idle time, secure input, full screen ----
 
 constexpr int kWindowTimeoutMs = 20000;
-
-// A window program of the test's X session, brought to the front.
-std::unique_ptr<QProcess> frontWindow(const QStringList &arguments) {
-    QString error;
-    std::unique_ptr<QProcess> window =
-        XSession::startWindowProgram(KV_TEST_WINDOW, arguments, &error);
-    EXPECT_TRUE(window) << qPrintable(error);
-    if (!window) return window;
-    const pid_t pid = pid_t(window->processId());
-    KVWindowServer::bringProcessToFront(pid, false);
-    EXPECT_TRUE(QTest::qWaitFor([pid] { return KVWindowServer::frontProcessID() == pid; },
-                                kWindowTimeoutMs));
-    return window;
-}
-
-pid_t pidOf(const std::unique_ptr<QProcess> &process) {
-    return process ? pid_t(process->processId()) : 0;
-}
 
 QList<pid_t> secureInputPIDs() {
     QList<pid_t> pids;
@@ -323,15 +286,16 @@ TEST(KVUtilitiesDesktopTest, FullScreenModeFollowsTheActiveWindow) {
 // ---- Machine and process ----
 
 TEST(KVUtilitiesEnvironmentTest, ProcessorLetterNamesTheArchitecture) {
+    // clang-format off
     const struct {
         const char *type;
         bool translated;
         const char *letter;
     } cases[] = {
-        {"x86_64", false, "I"}, {"x86_64", true, "A"},   {"arm64", false, "A"},
+        {"x86_64", false, "I"}, {"x86_64", true, "A"}, {"arm64", false, "A"},
         {"armv7l", false, "A"}, {"aarch64", false, "A"}, {"riscv64", false, "riscv64"},
-        {"", false, ""},
-    };
+        {"", false, ""}};
+    // clang-format on
     for (const auto &c : cases)
         EXPECT_EQ(processorTypeLetter(QString::fromLatin1(c.type), c.translated),
                   QString::fromLatin1(c.letter))
@@ -343,28 +307,23 @@ TEST(KVUtilitiesEnvironmentTest, ProcessorLetterNamesTheArchitecture) {
 
 TEST(KVUtilitiesEnvironmentTest, IdentityFilesGiveTheirFirstReadableText) {
     const QString dir = TestEnvironment::makeTempDir(QStringLiteral("identity"));
-    const QString missing = dir + QStringLiteral("/missing");
-    const QString blank = dir + QStringLiteral("/blank");
-    const QString serial = dir + QStringLiteral("/serial");
-    const QString fifo = dir + QStringLiteral("/fifo");
-    const QString huge = dir + QStringLiteral("/huge");
-    const QString latin1 = dir + QStringLiteral("/latin1");
+    const QString missing = dir + "/missing", blank = dir + "/blank", serial = dir + "/serial",
+                  fifo = dir + "/fifo", huge = dir + "/huge", latin1 = dir + "/latin1";
     ASSERT_TRUE(TestEnvironment::writeFile(blank, " \n\t\n"));
     ASSERT_TRUE(TestEnvironment::writeFile(serial, "  C02X1234\n"));
     ASSERT_TRUE(TestEnvironment::writeFile(huge, QByteArray(10000, 'z')));
     ASSERT_TRUE(TestEnvironment::writeFile(latin1, "S\xe9rie\n"));
     ASSERT_EQ(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    // clang-format off
     const struct {
         QStringList paths;
         QString text;
     } cases[] = {
         {{serial}, QStringLiteral("C02X1234")},
         {{missing, blank, dir, fifo, serial}, QStringLiteral("C02X1234")},
-        {{missing, blank, dir, fifo}, QString()},
-        {{}, QString()},
-        {{huge}, QString(4096, u'z')},
-        {{latin1}, QStringLiteral("S\uFFFDrie")},
-    };
+        {{missing, blank, dir, fifo}, QString()}, {{}, QString()}, {{huge}, QString(4096, u'z')},
+        {{latin1}, QStringLiteral("S\uFFFDrie")}};
+    // clang-format on
     for (const auto &c : cases) {
         SCOPED_TRACE(c.paths.join(u' ').toStdString());
         const QString text = firstReadableText(c.paths);
@@ -379,19 +338,15 @@ TEST(KVUtilitiesEnvironmentTest, IdentityFilesGiveTheirFirstReadableText) {
 }
 
 TEST(KVUtilitiesEnvironmentTest, TracerInTheProcessStatus) {
-    const struct {
-        QByteArray status;
-        bool traced;
-    } cases[] = {
+    // clang-format off
+    const std::pair<QByteArray, bool> cases[] = {
         {"Name:\tx\nTracerPid:\t0\nUid:\t0\n", false},
-        {"Name:\tx\nTracerPid:\t4242\nUid:\t0\n", true},
-        {"Name:\tx\nTracerPid:\t77", true},
-        {"Name:\tx\nTracerPid:\tjunk\n", false},
-        {"Name:\tx\nTracerPid:\n", false},
-        {"Name:\tx\n", false},
-        {"", false},
-    };
-    for (const auto &c : cases) EXPECT_EQ(statusShowsTracer(c.status), c.traced) << c.status.data();
+        {"Name:\tx\nTracerPid:\t4242\nUid:\t0\n", true}, {"Name:\tx\nTracerPid:\t77", true},
+        {"Name:\tx\nTracerPid:\tjunk\n", false}, {"Name:\tx\nTracerPid:\n", false},
+        {"Name:\tx\n", false}, {"", false}};
+    // clang-format on
+    for (const auto &[status, traced] : cases)
+        EXPECT_EQ(statusShowsTracer(status), traced) << status.data();
 }
 
 // A child that this process traces sees a debugger; an untraced one does not.

@@ -15,13 +15,13 @@
 #include <cstring>
 #include <thread>
 
+#include "FrontWindow.h"
 #include "KVBundle.h"
 #include "KVPath.h"
 #include "KVProcess.h"
 #include "KVUserDefaults.h"
 #include "KVUtilities.h"
 #include "KVUtilities_p.h"
-#include "KVWindowServer.h"
 #include "LogCapture.h"
 #include "Relaunch.h"
 #include "TestBundle.h"
@@ -550,22 +550,12 @@ TEST(KVUtilitiesMicroTest, TheFrontGoesToMicroAndBack) {
         caller.join();
         return log.messages();
     };
-    const auto showWindow = [](const QStringList &arguments, std::unique_ptr<QProcess> *window) {
-        QString error;
-        *window = XSession::startWindowProgram(KV_TEST_WINDOW, arguments, &error);
-        const pid_t pid = *window ? pid_t((*window)->processId()) : 0;
-        KVWindowServer::bringProcessToFront(pid, false);
-        EXPECT_TRUE(
-            QTest::qWaitFor([pid] { return KVWindowServer::frontProcessID() == pid; }, kTimeoutMs))
-            << qPrintable(error);
-        return pid;
-    };
     QStringList fronts;
     if (KVWindowServer::frontProcessID() == 0) {
         EXPECT_EQ(launchMicro(micro, &fronts), QStringList("wait count (Micro) = 0"));
     }
-    std::unique_ptr<QProcess> window;
-    const pid_t pid = showWindow({}, &window);
+    std::unique_ptr<QProcess> window = frontWindow({});
+    const pid_t pid = pidOf(window);
     EXPECT_FALSE(KVWindowServer::isFrontWindowFullScreen());
     fronts.clear();
     EXPECT_EQ(launchMicro(micro, &fronts), QStringList("wait count (Micro) = 500"));
@@ -579,7 +569,8 @@ TEST(KVUtilitiesMicroTest, TheFrontGoesToMicroAndBack) {
               QStringList("** Error while running Micro: the helper application Micro is missing"));
     EXPECT_EQ(KVWindowServer::frontProcessID(), pid);
     XSession::stop(window);
-    const pid_t fullScreen = showWindow({"--fullscreen"}, &window);
+    window = frontWindow({"--fullscreen"});
+    const pid_t fullScreen = pidOf(window);
     EXPECT_TRUE(
         QTest::qWaitFor([] { return KVWindowServer::isFrontWindowFullScreen(); }, kTimeoutMs));
     EXPECT_EQ(launchMicro(micro, &fronts), QStringList());
