@@ -42,7 +42,7 @@ TEST(KVWorkspaceTest, ApplicationsStartAsTheDesktopStartsThem) {
     // The program's own start-up (a sanitizer's runtime) may hold a file open
     // for a moment; an inherited descriptor stays.
     QStringList descriptors;
-    QTest::qWaitFor(
+    (void)QTest::qWaitFor(
         [&] {
             descriptors = QDir(proc + "/fd")
                               .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
