@@ -204,6 +204,11 @@ QList<KVProcessRef> KVProcess::cachedProcesses() {
     return cache();
 }
 
+const void *KVProcess::classObject() {
+    static const char tag = 0;
+    return &tag;
+}
+
 // Application start and end events keep the cache clean; they are installed
 // by the notification layer, which is not built yet.
 void KVProcess::installNotifications() {}

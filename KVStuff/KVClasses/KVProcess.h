@@ -53,6 +53,8 @@ public:
     static qsizetype indexOfCachedProcessWithSerialNumber(const ProcessSerialNumber &psn);
     static KVProcessRef cachedProcessWithSerialNumber(const ProcessSerialNumber &psn);
     static void cleanupCache();
+    // The sender of KVProcessChangeNotification: the class itself, not a record.
+    static const void *classObject();
     static QList<KVProcessRef> cachedProcesses();
     // Puts this record at the front of the cache (no duplicate check). Only a
     // record owned by a KVProcessRef can be cached.
