@@ -1,3 +1,4 @@
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
@@ -29,8 +30,18 @@ pid_t AuthorizedExecutePrivate::start(const QString &command, const QString &too
     std::vector<char *> argv;
     for (QByteArray &word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
+    // An unattended installer ignores a broken pipe; the tool gets the
+    // default back, as any program expects.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    posix_spawnattr_setsigdefault(&attributes, &pipe);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     pid_t pid = 0;
-    const int error = posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ);
+    const int error = posix_spawnp(&pid, argv[0], nullptr, &attributes, argv.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     return error == 0 ? pid : -error;
 }
 

@@ -129,6 +129,8 @@ bool InstallerWinController::setUp() {
         m_arguments.remove(KVInstallerKeyDocumentationPath);
     if (!completeCodes()) return false;
     kvLog("Updated arguments: %@", m_arguments);
+    // Nobody sees the window of an unattended run: it is not filled in.
+    if (m_unattended) return true;
     showTexts();
     m_ui.messageField->hide();
     const int firstPage = loadReadMe();
@@ -229,10 +231,7 @@ void InstallerWinController::showSystemVersionAlert() {
     alert->addButton(localized("Visit Archive"), QMessageBox::ActionRole);
     alert->setDefaultButton(quitButton);
     alert->setIcon(QMessageBox::Critical);
-    alert->setText(kvFormat(
-        localized("%1$@ %2$@ cannot be installed on this computer because it requires Mac OS X "
-                  "%3$@ or newer."),
-        productName(), m_version, m_minSystemVersion));
+    alert->setText(systemVersionText());
     alert->setInformativeText(
         kvFormat(localized("To check if an older version of %@ is available for your computer, "
                            "please visit our software archive."),
@@ -245,6 +244,13 @@ void InstallerWinController::showSystemVersionAlert() {
         systemVersionAlertDidEnd(alert, code, nullptr);
     });
     alert->open();
+}
+
+QString InstallerWinController::systemVersionText() const {
+    return kvFormat(
+        localized("%1$@ %2$@ cannot be installed on this computer because it requires Mac OS X "
+                  "%3$@ or newer."),
+        productName(), m_version, m_minSystemVersion);
 }
 
 void InstallerWinController::systemVersionAlertDidEnd(QMessageBox *, int returnCode, void *) {
@@ -284,6 +290,10 @@ void InstallerWinController::install() {
     m_ui.cancelButton->setEnabled(false);
     // Holding Option (Alt) while starting the run forces the administrator path.
     m_optionKeyDown = QGuiApplication::queryKeyboardModifiers().testFlag(Qt::AltModifier);
+    startInstallThread();
+}
+
+void InstallerWinController::startInstallThread() {
     // One thread per run, left to itself: quitting the program ends it.
     QThread *worker = QThread::create([this] { installThread(); });
     connect(worker, &QThread::finished, worker, &QObject::deleteLater);
@@ -320,6 +330,7 @@ void InstallerWinController::installThread() {
     QString outcome;
     if (!refusing.isNull()) {
         kvLog("%@ refused to quit; installation cancelled", refusing);
+        m_failureStatus = InstallerExitStatus::RefusedToQuit;
         outcome = kvFormat(localized("%1$@ cannot be running during the installation.\rQuit %1$@, "
                                      "then click \"Install\" again."),
                            refusing);
@@ -339,6 +350,12 @@ void InstallerWinController::installThread() {
 }
 
 void InstallerWinController::installationFinished(const QString &message) {
+    if (m_unattended) {
+        finishUnattended(
+            message.isNull() ? finalText("%@ was successfully installed.") : forDisplay(message),
+            message.isNull() ? InstallerExitStatus::Installed : m_failureStatus);
+        return;
+    }
     if (!message.isNull()) {
         // The reason stays out of sight (the field was hidden by the set-up);
         // the log carries it.
@@ -390,6 +407,9 @@ void InstallerWinController::installationDone(const QString &directParameter) {
     kvLog("received Done event (%@), current installation: %@", directParameter, label);
     if (label.isNull() || label != directParameter) return;
     kvLog("installation finished");
+    // Unattended, the worker's own report ends the run: it comes once the
+    // launch is over, and the exit status is its.
+    if (m_unattended) return;
     QMetaObject::invokeMethod(this, "installationFinished", Qt::QueuedConnection,
                               Q_ARG(QString, QString()));
 }
@@ -563,6 +583,10 @@ bool InstallerWinController::completeCodes() {
 
 void InstallerWinController::showSetupError(const QString &message) {
     kvLog("%@", message);
+    if (m_unattended) {
+        finishUnattended(finalText(message), InstallerExitStatus::BadArguments);
+        return;
+    }
     showFinalMessage(message);
     completeWindow();
     // The window is on screen as loaded, so the message can be read; the
@@ -579,11 +603,18 @@ void InstallerWinController::showFinalMessage(const QString &key) {
     m_ui.explanationField->hide();
     m_ui.messageField->hide();
     m_ui.helpButton->hide();
-    m_ui.introField->setText(forDisplay(kvFormat(localized(key), productName())));
+    m_ui.introField->setText(finalText(key));
     m_finished = true;
 }
 
+QString InstallerWinController::finalText(const QString &key) const {
+    return forDisplay(kvFormat(localized(key), productName()));
+}
+
 void InstallerWinController::playDoneSound() {
+    // Unattended, nobody waits at the window for it (and on a fleet it would
+    // sound in rooms where people work); the exit status tells the script.
+    if (m_unattended) return;
     if (m_arguments.value(KVInstallerCompletionSound).toString() != QLatin1String("YES")) return;
     // The installer's own bundle first (it is the main bundle when the
     // installer runs as an application), then the named-sound lookup.

@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 
+#include "InstallerExitStatus.h"
 #include "KVBundle.h"
 #include "KVCompatibility.h"
 #include "ui_InstallerWindow.h"
@@ -49,6 +50,16 @@ public:
     InstallerWindow *window() const { return m_window.get(); }
     const Ui::InstallerWindow &outlets() const { return m_ui; }
     QMessageBox *systemVersionAlert() const { return m_systemVersionAlert; }
+
+    // Unattended mode ("-unattended YES", a user default): the same set-up
+    // and run, the window never shown. The outcome's text goes to standard
+    // error as it was at the start (before the log took it over), and the
+    // program ends with the outcome's exit status.
+    static bool isUnattendedRequested();
+    void runUnattended();
+    bool isUnattended() const { return m_unattended; }
+    // Why the command line cannot drive an unattended run; null when it can.
+    QString unattendedArgumentError() const;
 
     // Command line and product description.
     bool isLaunchedWithArguments() const;
@@ -144,7 +155,18 @@ private:
     int loadReadMe();
     void showWindow();
     void showSystemVersionAlert();
+    QString systemVersionText() const;
     QString productName() const;
+    // The localized key used as a format with the product name, its lines
+    // broken for display.
+    QString finalText(const QString &key) const;
+    // Starts the worker thread of one install run.
+    void startInstallThread();
+    // Unattended: the outcome's text to the saved standard error, then the
+    // end of the program with the status (once the event loop runs).
+    void finishUnattended(const QString &text, InstallerExitStatus status);
+    static int keepStandardError();
+    static void writeLineTo(int stream, const QString &text);
     // Ends the program, as the application's terminate: does.
     void terminate();
 
@@ -169,4 +191,9 @@ private:
     bool m_finished = false;
     bool m_optionKeyDown = false;
     bool m_receivesDoneEvents = false;
+    bool m_unattended = false;
+    // Where the outcome goes in unattended mode (-1: nowhere yet).
+    int m_outcomeStream = -1;
+    // Why the last run failed, set by the worker before it reports.
+    InstallerExitStatus m_failureStatus = InstallerExitStatus::CopyFailed;
 };

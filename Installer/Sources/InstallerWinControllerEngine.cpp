@@ -223,8 +223,14 @@ QString InstallerWinController::installMyselfInDestination() {
     }
     if (!privileged) {
         const int result = InstallApplication(source, destination, wrapper);
-        if (result == 1) return QStringLiteral("Could not delete existing copy.");
-        if (result != 0) return QStringLiteral("Installation failed.");
+        if (result == 1) {
+            m_failureStatus = InstallerExitStatus::CouldNotDeleteExistingCopy;
+            return QStringLiteral("Could not delete existing copy.");
+        }
+        if (result != 0) {
+            m_failureStatus = InstallerExitStatus::CopyFailed;
+            return QStringLiteral("Installation failed.");
+        }
     } else {
         bool canceled = false;
         if (!authorizedInstall(source, destination, wrapper, &canceled)) {
@@ -244,6 +250,8 @@ QString InstallerWinController::installMyselfInDestination() {
 bool InstallerWinController::authorizedInstall(const QString &source, const QString &to,
                                                const QString &wrap, bool *canceled) {
     if (canceled) *canceled = false;
+    // Until the tool itself has run, a failure is one of getting the rights.
+    m_failureStatus = InstallerExitStatus::AuthorizationNotGiven;
     if (to.trimmed().isEmpty() || source.trimmed().isEmpty()) return false;
     // The animation is off while the system's dialog asks for the password.
     QMetaObject::invokeMethod(this, "animateProgress", Qt::QueuedConnection,
@@ -261,6 +269,7 @@ bool InstallerWinController::authorizedInstall(const QString &source, const QStr
                              .pathForResource(QStringLiteral("train"), QString());
     const int32_t status = AuthorizedExecute(reference, tool, arguments);
     if (status == errAuthorizationCanceled && canceled) *canceled = true;
+    if (status == -1) m_failureStatus = InstallerExitStatus::CopyFailed;
     return status == 0;
 }
 

@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <cerrno>
 #include <cstdlib>
 
 #include "InstallerWinController.h"
@@ -86,6 +87,23 @@ bool InstallerWinController::hasDisplay() {
     // any other asked for by name (offscreen, vnc, linuxfb ...) needs none.
     const QByteArray platform = qgetenv("QT_QPA_PLATFORM").trimmed();
     return !platform.isEmpty() && !platform.startsWith("xcb") && !platform.startsWith("wayland");
+}
+
+int InstallerWinController::keepStandardError() {
+    // Not inherited by the programs the run starts: the product must not
+    // hold the caller's terminal or pipe open after the installer has ended.
+    return fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+}
+
+void InstallerWinController::writeLineTo(int stream, const QString &text) {
+    if (stream < 0) return;
+    const QByteArray line = (text + QLatin1Char('\n')).toLocal8Bit();
+    for (qsizetype done = 0; done < line.size();) {
+        const ssize_t written = write(stream, line.constData() + done, size_t(line.size() - done));
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return;
+        done += written;
+    }
 }
 
 bool InstallerWinController::canWriteToFile(const QString &path) const {
