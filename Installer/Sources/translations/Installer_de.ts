@@ -79,6 +79,26 @@
         <source>Authorized copying failed.</source>
         <translation>Das Kopieren mit Administratorrechten ist fehlgeschlagen.</translation>
     </message>
+    <message>
+        <source>unknown key %@</source>
+        <translation>unbekannter Schlüssel %@</translation>
+    </message>
+    <message>
+        <source>missing value for -%@</source>
+        <translation>Wert für -%@ fehlt</translation>
+    </message>
+    <message>
+        <source>%@ follows no key</source>
+        <translation>%@ folgt auf keinen Schlüssel</translation>
+    </message>
+    <message>
+        <source>more than one value for -%@</source>
+        <translation>mehr als ein Wert für -%@</translation>
+    </message>
+    <message>
+        <source>nothing to install at %@</source>
+        <translation>unter %@ ist nichts zu installieren</translation>
+    </message>
 </context>
 <context>
     <name>InstallerWindow</name>

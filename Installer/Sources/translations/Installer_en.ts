@@ -79,6 +79,26 @@
         <source>Authorized copying failed.</source>
         <translation>Authorized copying failed.</translation>
     </message>
+    <message>
+        <source>unknown key %@</source>
+        <translation>unknown key %@</translation>
+    </message>
+    <message>
+        <source>missing value for -%@</source>
+        <translation>missing value for -%@</translation>
+    </message>
+    <message>
+        <source>%@ follows no key</source>
+        <translation>%@ follows no key</translation>
+    </message>
+    <message>
+        <source>more than one value for -%@</source>
+        <translation>more than one value for -%@</translation>
+    </message>
+    <message>
+        <source>nothing to install at %@</source>
+        <translation>nothing to install at %@</translation>
+    </message>
 </context>
 <context>
     <name>InstallerWindow</name>
