@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QTest>
 #include <csignal>
 #include <functional>
 #include <memory>
@@ -27,6 +28,9 @@ namespace {
 QString uniqueCode() {
     return "U" + QString::number(getpid() % (36 * 36 * 36), 36).rightJustified(3, '0');
 }
+
+const QString kManualCopy =
+    "\nTry installing Product manually by copying it to the Applications folder.";
 
 class UnattendedTest : public testing::Test {
 public:
@@ -71,41 +75,45 @@ public:
     static QString trash() { return qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files"; }
     QStringList road() const { return {"-sourcePath", source, "-destinationPath", destination}; }
 
-    // Runs the installer unattended without a display, as this process's
-    // user or as the unprivileged one; its standard error lands in errors,
-    // or goes to the descriptor given.
+    // The installer's command line, unattended and without a display, as
+    // this process's user or as the unprivileged one, and its environment.
+    QStringList command(const QStringList &arguments, bool asUser, QProcessEnvironment *env) {
+        *env = QProcessEnvironment::systemEnvironment();
+        for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+            env->remove(name);
+        const QStringList unattended = arguments + QStringList{"-unattended", "YES"};
+        if (!asUser) return QStringList{KV_INSTALLER_APP "/Contents/MacOS/Installer"} + unattended;
+        // A home of the user's own: this session's bus and runtime folder
+        // are root's. pkexec refuses a SHELL that is no login shell.
+        const QString home = folder + "/user";
+        QDir().mkpath(home + "/.local/state");
+        QProcess::execute("chown", {"-R", Relaunch::unprivilegedUser() + ":", home});
+        for (const char *name : {"XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "XDG_STATE_HOME",
+                                 "XDG_DATA_HOME", "XDG_CONFIG_HOME"})
+            env->remove(name);
+        const QString staged = Relaunch::stage(KV_INSTALLER_APP, folder + "/bin");
+        return QStringList{"runuser", "-u",           Relaunch::unprivilegedUser(),
+                           "--",      "env",          "-u",
+                           "SHELL",   "HOME=" + home, staged + "/Contents/MacOS/Installer"} +
+               unattended;
+    }
+    // Runs the installer; what it writes lands in errors, or its standard
+    // error goes to the descriptor given.
     int install(const QStringList &arguments, bool asUser = false, int errorsTo = -1) {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) env.remove(name);
-        QString program = QStringLiteral(KV_INSTALLER_APP "/Contents/MacOS/Installer");
-        QStringList words = arguments + QStringList{"-unattended", "YES"};
-        if (asUser) {
-            // A home of the user's own: this session's bus and runtime
-            // folder are root's. pkexec refuses a SHELL that is no login shell.
-            const QString home = folder + "/user";
-            QDir().mkpath(home + "/.local/state");
-            QProcess::execute("chown", {"-R", Relaunch::unprivilegedUser() + ":", home});
-            for (const char *name : {"XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS"})
-                env.remove(name);
-            for (const char *name : {"XDG_STATE_HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME"})
-                env.remove(name);
-            const QString staged = Relaunch::stage(KV_INSTALLER_APP, folder + "/bin");
-            words = QStringList{"-u",           Relaunch::unprivilegedUser(),
-                                "--",           "env",
-                                "-u",           "SHELL",
-                                "HOME=" + home, staged + "/Contents/MacOS/Installer"} +
-                    words;
-            program = "runuser";
-        }
+        QProcessEnvironment env;
+        QStringList words = command(arguments, asUser, &env);
         QProcess process;
         process.setProcessEnvironment(env);
         if (errorsTo >= 0)
             process.setChildProcessModifier([errorsTo] { dup2(errorsTo, STDERR_FILENO); });
-        process.start(program, words);
+        process.start(words.takeFirst(), words);
+        return finish(process);
+    }
+    int finish(QProcess &process) {
         const bool ended = process.waitForFinished(100000);
         if (!ended) process.kill();
         process.waitForFinished();
-        errors = QString::fromLocal8Bit(process.readAllStandardError());
+        errors += QString::fromLocal8Bit(process.readAll() + process.readAllStandardError());
         return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
     }
     static QString logFile() {
@@ -131,6 +139,33 @@ TEST_F(UnattendedTest, ReplacesTheOldCopyLaunchesTheNewOneAndSaysSo) {
     EXPECT_TRUE(logFile().endsWith("] unattended run ends with status 0\n"));
 }
 
+// On a terminal pkexec's own text agent asks there; a wrong password ends
+// the run as a refusal.
+TEST_F(UnattendedTest, OnATerminalThePasswordIsAskedForThere) {
+    if (!Relaunch::isRoot()) GTEST_SKIP() << "runs from root";
+    Polkit polkit("AUTH_ADMIN");
+    ASSERT_TRUE(polkit.ok()) << qPrintable(polkit.error());
+    QDir().mkpath(folder + "/RootOnly");
+    QProcessEnvironment env;
+    QStringList words = command(
+        {"-sourcePath", source, "-destinationPath", folder + "/RootOnly/Product.app"}, true, &env);
+    for (QString &word : words) word = "'" + word + "'";
+    QProcess terminal;
+    terminal.setProcessEnvironment(env);
+    terminal.start("script", {"-qfec", words.join(' '), "/dev/null"});
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            errors += QString::fromLocal8Bit(terminal.readAll());
+            return errors.contains("Password: ");
+        },
+        60000))
+        << qPrintable(errors);
+    terminal.write("wrong\n");
+    EXPECT_EQ(finish(terminal), int(InstallerExitStatus::AuthorizationNotGiven));
+    EXPECT_TRUE(errors.remove('\r').endsWith("Authorized copying failed." + kManualCopy + "\n"))
+        << qPrintable(errors);
+}
+
 // A script whose reader of standard error has gone still learns the status.
 TEST_F(UnattendedTest, StatusHoldsWhenNobodyReadsStandardError) {
     int ends[2];
@@ -150,9 +185,6 @@ struct Failure {
     QString text;
     bool asUser = false;
 };
-
-const QString kManualCopy =
-    "\nTry installing Product manually by copying it to the Applications folder.";
 
 const Failure kFailures[] = {
     {"OldCopyThatCannotBeTrashed",

@@ -40,7 +40,9 @@ void stopProcess(pid_t pid) {
 }
 }  // namespace
 
-Polkit::Polkit(bool consent) {
+Polkit::Polkit(bool consent) : Polkit(consent ? "YES" : "NO") {}
+
+Polkit::Polkit(const char *result) {
     if (!Relaunch::isRoot()) {
         fail("the privileged path is tested from root");
         return;
@@ -67,7 +69,7 @@ Polkit::Polkit(bool consent) {
         m_bus = pid_t(daemon.readAllStandardOutput().trimmed().toInt());
     }
     m_rule = QString("/etc/polkit-1/rules.d/49-kvtest-%1.rules").arg(getpid());
-    const QByteArray answer = consent ? "YES" : "NO";
+    const QByteArray answer = result;
     if (!TestEnvironment::writeFile(m_rule,
                                     "polkit.addRule(function(action, subject) {\n"
                                     "    if (action.id == \"org.freedesktop.policykit.exec\" &&\n"
