@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <QDir>
-#include <QFile>
 #include <QRegularExpression>
 #include <QTest>
 #include <algorithm>
@@ -59,8 +58,7 @@ protected:
         return server_->stopCapture();
     }
 
-    // How many silent sounds prepareForSound starts that many seconds after
-    // the start; each is played to its end.
+    // How many silent sounds prepareForSound starts at that second, played to their end.
     int prepareAt(int seconds) {
         seconds_ = seconds;
         const int before = SoundExtensionsPrivate::silentSoundThreadsStarted();
@@ -82,19 +80,16 @@ protected:
 // volume; what has no number means full volume, a text reads its number.
 TEST(SoundExtensionsAlertVolume, StoredSettingMapsPiecewiseOntoQuarterSteps) {
     // clang-format off
-    const std::pair<QVariant, float> rows[] = {
-        {QVariant(), 1.0f}, {0.35, 0.0f}, {0.41, 0.125f}, {0.54, 0.375f}, {0.695, 0.625f},
-        {0.78, 0.75f}, {0.89, 0.875f}, {40.0, 1.0f}, {"loud", 0.0f}, {" 0.61 dB", 0.5f},
-        {QStringList{"0.5"}, 1.0f}};
+    const std::pair<QVariant, float> rows[] = {  // the last one leaves nothing stored
+        {0.35, 0.0f}, {0.41, 0.125f}, {0.54, 0.375f}, {0.695, 0.625f}, {0.78, 0.75f},
+        {0.89, 0.875f}, {40.0, 1.0f}, {"loud", 0.0f}, {" 0.61 dB", 0.5f}, {QStringList{"0.5"}, 1.0f},
+        {QVariantMap{{"a", 0.5}}, 1.0f}, {QByteArray("0.5"), 1.0f}, {QVariant(), 1.0f}};
     // clang-format on
     for (const auto &[stored, expected] : rows) {
         systemSound().removeObjectForKey(kVolumeKey);
         if (stored.isValid()) systemSound().setObject(stored, kVolumeKey);
         EXPECT_NEAR(alertVolume(), expected, 1e-6) << qPrintable(stored.toString());
     }
-    systemSound().removeObjectForKey(kVolumeKey);
-    EXPECT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(QVariantMap{{"a", 0.5}}), 1.0f);
-    EXPECT_EQ(SoundExtensionsPrivate::alertVolumeForStoredValue(QByteArray("0.5")), 1.0f);
 }
 
 // Heard once, at the alert volume, on any device: one the sound refuses makes
@@ -105,9 +100,8 @@ TEST_F(SoundExtensionsTest, DoneSoundIsHeardOnceAtTheAlertVolumeAndTraced) {
     EXPECT_EQ(_alertSoundAlertDeviceIdentifier(), SoundServer::kSinkName);
     EXPECT_EQ(soundEffectDeviceID(), SoundServer::kSinkName);
     const QString refused = "kvtest_no_such_device";
-    // What systemAudioDeviceID answers (nothing: the real answer), the device
-    // the sound ends up with after choosing the test sink itself, and the
-    // trace between the first and last line.
+    // systemAudioDeviceID's answer (none: the real one), the device the sound
+    // keeps after choosing the test sink, and the trace between first and last line.
     // clang-format off
     const std::tuple<std::optional<QString>, QString, QStringList> rows[] = {
         {std::nullopt, "kvtest_sink", {"+SL: soundEffectID=kvtest_sink",
@@ -167,8 +161,7 @@ TEST_F(SoundExtensionsTest, ListsEveryOutputDeviceAndNothingWithoutDevices) {
 
 // One silent (and really silent) sound after more than 25 seconds without one.
 TEST_F(SoundExtensionsTest, PrepareForSoundPlaysSilenceOnlyAfter25SecondsWithoutSound) {
-    // The silent sound comes from the user's sound folder (the test program
-    // has no bundle of its own); the sound date follows the test's clock.
+    // The silent sound comes from the user's sound folder (the test has no bundle).
     const QString sounds = QDir::homePath() + "/.local/share/sounds";
     QDir().mkpath(sounds);
     QFile::copy(kResources + "SoundOfSilence.wav", sounds + "/SoundOfSilence.wav");
@@ -193,8 +186,6 @@ TEST_F(SoundExtensionsTest, PrepareForSoundPlaysSilenceOnlyAfter25SecondsWithout
     EXPECT_EQ(prepareAt(60), 0);
     EXPECT_EQ(prepareAt(66), 1);
 }
-
-// ---- The catalogue ----
 
 namespace {
 const QString kThemeBell = QStringLiteral("/usr/share/sounds/freedesktop/stereo/bell.oga");
@@ -222,11 +213,9 @@ TEST(SoundExtensionsCatalogue, SoundFilesAreToldByTheirExactExtension) {
     for (const auto &[path, accepted] : rows) EXPECT_EQ(isSoundFileAtPath(path), accepted) << path;
 }
 
-// The application's sound files first, in the bundle's order; then each
-// folder's, folder by folder, not looking into subfolders, and taking the
-// theme folder's Ogg files too. A folder that is missing or is a file gives
-// nothing; a name that is no UTF-8 could never be opened through its path
-// and is left out.
+// The application's sound files first, in the bundle's order; then each folder's
+// in turn, without subfolders, Ogg files in the theme folder too. A missing folder
+// or a file gives nothing; a name that is no UTF-8 (never opened by path) is left out.
 TEST(SoundExtensionsCatalogue, ListsTheApplicationsThenEachFoldersSoundsAndFindsThemByName) {
     const QString root = TestEnvironment::makeTempDir("catalogue");
     const QString bundlePath = TestBundle::make(root, "Sounds", {}, false);
@@ -250,8 +239,7 @@ TEST(SoundExtensionsCatalogue, ListsTheApplicationsThenEachFoldersSoundsAndFinds
     EXPECT_EQ(SoundExtensionsPrivate::applicationSoundFiles(*bundle),
               QStringList({resources + "/Basso.m4a", resources + "/Glass.aiff",
                            resources + "/Glass.wav", resources + "/SoundOfSilence.wav"}));
-    // Within a folder the system's listing order counts, which no test can
-    // fix; the folders' order can be checked.
+    // Within a folder the listing order is the system's: only the folders' is checked.
     QStringList found = SoundExtensionsPrivate::systemSoundFiles(folders);
     EXPECT_TRUE(found.first().startsWith(system) && found.last().startsWith(user));
     found.sort();
@@ -272,9 +260,8 @@ TEST(SoundExtensionsCatalogue, ListsTheApplicationsThenEachFoldersSoundsAndFinds
     EXPECT_EQ(KVSound(user + "/Pipe.wav").duration(), 0.0);
 }
 
-// Over the real folders: the names of the application's sounds keep their
-// duplicates but never the silent sound; a name in two sound folders is
-// listed once and found in the system's; the desktop's own sounds are there;
+// Over the real folders: the application's names keep duplicates but not the silent
+// sound; a name in two sound folders is listed once and found in the system's one;
 // a user without a sound folder gets the others'.
 TEST(SoundExtensionsCatalogue, NamesOfTheApplicationsAndTheSystemsSounds) {
     const QString resources = KVBundle::mainBundle().resourcePath();
@@ -304,9 +291,8 @@ TEST(SoundExtensionsCatalogue, NamesOfTheApplicationsAndTheSystemsSounds) {
                             [](const QString &path) { return path.startsWith("/usr/"); }));
 }
 
-// The desktop's Ogg sounds play through the sound-effect path and are heard;
-// a damaged Ogg file plays what decodes before the damage, and junk that
-// only looks like Ogg is no sound.
+// The desktop's Ogg sounds are heard; a damaged Ogg file plays what decodes before
+// the damage, and junk that only looks like Ogg is no sound.
 TEST_F(SoundExtensionsTest, TheDesktopsOggSoundsAreHeard) {
     KVSound bell(kThemeBell);
     EXPECT_GT(bell.duration(), 0.1);

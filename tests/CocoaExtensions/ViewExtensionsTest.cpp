@@ -18,8 +18,7 @@ using ViewExtensionsPrivate::isScrollAnimationRunning;
 
 namespace {
 
-// A 400 x 1000 document in a 200 x 100 viewport: the vertical bar runs from 0
-// to 900, the horizontal one from 0 to 200.
+// A 400 x 1000 document in a 200 x 100 viewport: scrolls to 900 down, 200 across.
 class ViewExtensionsScrollTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -143,8 +142,7 @@ protected:
 
     static void announce(QDBusConnection &connection, const QString &key = "color-scheme",
                          const QString &settingNamespace = "org.freedesktop.appearance") {
-        // One round trip first: the bus has taken new match rules and routed
-        // the signals sent before.
+        // After one round trip the bus has taken new match rules and earlier signals.
         QDBusConnection::sessionBus().interface()->isServiceRegistered(kPortal);
         QDBusMessage signal = QDBusMessage::createSignal(
             "/org/freedesktop/portal/desktop", "org.freedesktop.portal.Settings", "SettingChanged");

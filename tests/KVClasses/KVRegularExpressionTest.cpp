@@ -5,12 +5,7 @@
 #include <vector>
 
 #include "KVRegularExpression.h"
-#include "QtPrinters.h"
-
-// Failure messages name the strings they were about.
-static std::ostream &operator<<(std::ostream &os, const QString &s) {
-    return os << s.toStdString();
-}
+#include "QStringStream.h"
 
 // Concurrent first calls all get the one class, and it is always there.
 TEST(KVRegularExpressionTest, TheClassIsFoundOnceAndKept) {
