@@ -95,22 +95,12 @@ BusPeer *newPortal(FakePortalSettings *settings) {
                        QStringLiteral("/org/freedesktop/portal/desktop"));
 }
 
-// ---- The appearance in force ----
-
-struct AppearanceCase {
-    const char *name;
-    Palette application;
-    Palette parent;
-    Palette painted;
-    bool global;
-    bool expectDark;
-};
-
 TEST(KVDynamicColorTest, PaintedWidgetThenApplicationDecideTheAppearance) {
     const BusNamesTurn turn;
     using enum Palette;
     // clang-format off
-    const AppearanceCase cases[] = {
+    // The application's, the parent's and the painted widget's palette, global, dark.
+    const std::tuple<const char *, Palette, Palette, Palette, bool, bool> cases[] = {
         {"nothing set, no portal", Inherited, Inherited, Inherited, false, false},
         {"dark application", Dark, Inherited, Inherited, false, true},
         {"light-appearance parent in a dark application", Dark, LightAppearance, Inherited, false,
@@ -122,16 +112,16 @@ TEST(KVDynamicColorTest, PaintedWidgetThenApplicationDecideTheAppearance) {
         {"global colour ignores a light-appearance widget", Dark, LightAppearance, Inherited, true,
          true}};
     // clang-format on
-    for (const AppearanceCase &c : cases) {
-        SCOPED_TRACE(c.name);
-        const ApplicationPalette application(c.application);
-        const KVDynamicColor color = KVDynamicColor::lightColor(kLight, kDark, c.global);
+    for (const auto &[name, inApplication, inParent, painted, global, dark] : cases) {
+        SCOPED_TRACE(name);
+        const ApplicationPalette application(inApplication);
+        const KVDynamicColor color = KVDynamicColor::lightColor(kLight, kDark, global);
         QWidget parent;
-        applyPalette(&parent, c.parent);
+        applyPalette(&parent, inParent);
         PaintProbe probe(&parent, color);
-        applyPalette(&probe, c.painted);
+        applyPalette(&probe, painted);
         probe.grab();
-        const QColor expected = c.expectDark ? kDark : kLight;
+        const QColor expected = dark ? kDark : kLight;
         EXPECT_EQ(probe.painted, expected);
         EXPECT_EQ(color.effectiveColor(&probe), expected);
     }
@@ -176,8 +166,6 @@ TEST(KVDynamicColorTest, DesktopPortalDecidesWhenTheApplicationHasNoPalette) {
     }
 }
 
-// ---- Ready-made colours ----
-
 TEST(KVDynamicColorTest, RedWarningTextColourIsOneSharedColour) {
     KVDynamicColor &warning = KVDynamicColor::redWarningTextColor();
     EXPECT_EQ(&warning, &KVDynamicColor::redWarningTextColor());
@@ -219,22 +207,19 @@ TEST(KVDynamicColorTest, AccentColourNamesFromTheStoredIndex) {
 
 TEST(KVDynamicColorTest, DesktopAccentColourCountsWithoutAStoredChoice) {
     const BusNamesTurn turn;
-    const struct {
-        Rgb accent;
-        QString name;
-    } cases[] = {
+    const std::pair<Rgb, QString> cases[] = {
         {{0.21, 0.52, 0.89}, KVAccentColorNameBlue},  {{0.57, 0.25, 0.67}, KVAccentColorNamePurple},
         {{0.9, 0.2, 0.26}, KVAccentColorNameRed},     {{0.3, 0.8, 0.3}, KVAccentColorNameGreen},
         {{0.5, 0.5, 0.5}, KVAccentColorNameGraphite}, {{1.0, 0.75, 0.2}, KVAccentColorNameYellow},
         {{-1, -1, -1}, KVAccentColorNameBlue},  // none set
         {{2.0, 0.2, 0.2}, KVAccentColorNameBlue}};
     KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name.toStdString());
-        const std::unique_ptr<BusPeer> portal(newPortal(new FakePortalSettings(0, c.accent)));
+    for (const auto &[accent, name] : cases) {
+        SCOPED_TRACE(name.toStdString());
+        const std::unique_ptr<BusPeer> portal(newPortal(new FakePortalSettings(0, accent)));
         ASSERT_TRUE(portal->registered());
         defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
-        EXPECT_EQ(KVDynamicColor::accentColorName(), c.name);
+        EXPECT_EQ(KVDynamicColor::accentColorName(), name);
         // The user's own choice wins.
         defaults.setObject(5, QStringLiteral("AppleAccentColor"));
         EXPECT_EQ(KVDynamicColor::accentColorName(), KVAccentColorNamePurple);
@@ -242,17 +227,12 @@ TEST(KVDynamicColorTest, DesktopAccentColourCountsWithoutAStoredChoice) {
     defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
 }
 
-struct HighlightCase {
-    QString accent;
-    QVariant stored;              // the index that picks it
-    std::array<double, 6> menu;   // light r, g, b, then dark r, g, b
-    std::array<int, 6> menuItem;  // in 255ths
-};
-
 TEST(KVDynamicColorTest, MenuHighlightsFollowTheAccentColour) {
     const BusNamesTurn turn;
+    // The accent, the stored index that picks it, the menu's light r, g, b then dark r, g,
+    // b, and the same for the menu item in 255ths.
     // clang-format off
-    const HighlightCase cases[] = {
+    const std::tuple<QString, QVariant, std::array<double, 6>, std::array<int, 6>> cases[] = {
         {KVAccentColorNameBlue, {}, {.16, .43, .95, .04, .29, .76}, {60, 139, 246, 12, 111, 225}},
         {KVAccentColorNamePurple, 5, {.57, .26, .58, .44, .18, .45}, {169, 99, 170, 135, 59, 135}},
         {KVAccentColorNamePink, 6, {.95, .31, .61, .73, .16, .43}, {248, 114, 176, 218, 74, 142}},
@@ -271,9 +251,9 @@ TEST(KVDynamicColorTest, MenuHighlightsFollowTheAccentColour) {
     };
     KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
     QSet<const KVDynamicColor *> seen;
-    for (const HighlightCase &c : cases) {
-        SCOPED_TRACE(c.accent.toStdString());
-        defaults.setObject(c.stored, QStringLiteral("AppleAccentColor"));
+    for (const auto &[accent, stored, menuRgb, itemRgb] : cases) {
+        SCOPED_TRACE(accent.toStdString());
+        defaults.setObject(stored, QStringLiteral("AppleAccentColor"));
         const LogCapture quiet;
         KVDynamicColor &menu = KVDynamicColor::menuHighlightColor();
         KVDynamicColor &item = KVDynamicColor::menuItemHighlightColor();
@@ -284,16 +264,14 @@ TEST(KVDynamicColorTest, MenuHighlightsFollowTheAccentColour) {
         for (const bool dark : {false, true}) {
             const ApplicationPalette application(dark ? Palette::Dark : Palette::Light);
             const int o = dark ? 3 : 0;
-            expectRgb(menu.effectiveColor(), c.menu[o], c.menu[o + 1], c.menu[o + 2]);
-            expectRgb(item.effectiveColor(nullptr), c.menuItem[o] / 255.0,
-                      c.menuItem[o + 1] / 255.0, c.menuItem[o + 2] / 255.0);
+            expectRgb(menu.effectiveColor(), menuRgb[o], menuRgb[o + 1], menuRgb[o + 2]);
+            expectRgb(item.effectiveColor(nullptr), itemRgb[o] / 255.0, itemRgb[o + 1] / 255.0,
+                      itemRgb[o + 2] / 255.0);
         }
     }
     EXPECT_EQ(seen.size(), 16);
     defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
 }
-
-// ---- Archiving ----
 
 QByteArray archive(const std::function<void(QDataStream &)> &write) {
     QByteArray bytes;
@@ -340,10 +318,7 @@ TEST(KVDynamicColorTest, ArchivesWithAnythingButColoursAreRefused) {
     const QString aqua = QStringLiteral("aquaColor");
     const QString colorClass = QStringLiteral("QColor");
     const QByteArray good = encoded(KVDynamicColor::lightColor(kLight, kDark));
-    const struct {
-        const char *name;
-        QByteArray bytes;
-    } cases[] = {
+    const std::pair<const char *, QByteArray> cases[] = {
         {"empty", {}},
         {"cut inside the dark colour", good.left(good.size() - 3)},
         {"a text where a colour belongs", archive([&](QDataStream &s) {
@@ -360,10 +335,10 @@ TEST(KVDynamicColorTest, ArchivesWithAnythingButColoursAreRefused) {
         {"a class name cut short", archive([&](QDataStream &s) {
              s << kLight << quint32(1) << aqua << quint32(12) << quint16('Q');
          })}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto &[name, bytes] : cases) {
+        SCOPED_TRACE(name);
         QDataStream::Status status;
-        EXPECT_FALSE(decoded(c.bytes, &status));
+        EXPECT_FALSE(decoded(bytes, &status));
         EXPECT_NE(status, QDataStream::Ok);
     }
 }

@@ -63,9 +63,8 @@ protected:
     QList<pid_t> children;
 };
 
-// Every lookup gives the one shared record and moves it to the cache front.
-// The code is this program's own, so test programs running side by side never
-// find each other's children.
+// Every lookup gives the one shared record and moves it to the cache front. The code is
+// this program's own, so test programs side by side never find each other's children.
 TEST_F(KVProcessTest, LookupsShareOneRecordAndMoveItToTheCacheFront) {
     const QString code = QString::number(getpid() % 10000).rightJustified(4, '0');
     const QString identifier = "org.velmora.proctest." + code;
@@ -125,8 +124,7 @@ TEST_F(KVProcessTest, ARecordNeverStandsForAnotherProcess) {
     EXPECT_FALSE(cached.contains(ended) || cached.contains(dead) || cached.contains(other));
     EXPECT_TRUE(cached.contains(later) && cached.contains(self));
 
-    // Outside a bundle the executable names the process; the list is the
-    // user's processes in ascending pid order.
+    // Outside a bundle the executable names the process; the list is in ascending pid order.
     EXPECT_EQ(later->name(), "kvtest_child");
     EXPECT_EQ(later->path(), canonical(KV_TEST_CHILD));
     std::vector<pid_t> pids;
@@ -136,8 +134,7 @@ TEST_F(KVProcessTest, ARecordNeverStandsForAnotherProcess) {
     EXPECT_NE(std::find(pids.begin(), pids.end(), later->unixPID()), pids.end());
 }
 
-// Names and codes come from the Info.plist; without them, or with a broken
-// one, the executable names the process and the code is unknown.
+// Names and codes come from the Info.plist, else the executable names it, code unknown.
 TEST_F(KVProcessTest, NamesAndCodesComeFromTheInfoPlistElseFromTheExecutable) {
     const KVProcessRef writer =
         launchBundle("Writer", {{"CFBundleName", "Velmora Writer"},
@@ -213,8 +210,8 @@ TEST_F(KVProcessTest, VersionPlatformAndBackgroundComeFromTheInfoPlist) {
         EXPECT_FALSE(process->isAtLeastVersion(newer)) << newer;
     EXPECT_EQ(process->majorVersionNumber(), 2);
 
-    // Read from the far end: revision, stage, minor and bug-fix, major. Final
-    // and unknown stages have no letter before the revision.
+    // Read from the far end: revision, stage, minor and bug-fix, major. Final and
+    // unknown stages show no letter.
     const std::pair<const char *, const char *> resources[] = {{"00801001", "1.1"},
                                                                {"03602512", "12.2.5b3"},
                                                                {"11200009", "9.0d17"},
@@ -225,8 +222,7 @@ TEST_F(KVProcessTest, VersionPlatformAndBackgroundComeFromTheInfoPlist) {
     EXPECT_TRUE(KVProcess::versionFromVersResource("\x01\x02\x03").isNull());
 }
 
-// SIGTERM every millisecond until the time-out, then SIGKILL. The log lines
-// are fixed byte for byte but for the time and count.
+// SIGTERM every millisecond until the time-out, then SIGKILL; exact log lines.
 TEST_F(KVProcessTest, QuitTerminatesFirstAndKillsAfterTheTimeout) {
     const KVProcessRef polite = launchBundle("Polite");
     const KVProcessRef stubborn = launchBundle("Stubborn", {}, {"--ignore-term"});
@@ -242,9 +238,8 @@ TEST_F(KVProcessTest, QuitTerminatesFirstAndKillsAfterTheTimeout) {
     EXPECT_TRUE(wasKilled(children.takeLast()));
 }
 
-// A zero time-out sends nothing; an ended process has no pid, and the
-// fallback event to it fails with a logged code, as do events to a process
-// without receiver. forceQuit kills at once.
+// A zero time-out sends nothing; an ended process has no pid and the fallback event to
+// it fails with a logged code, as do events to one without receiver. forceQuit kills.
 TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
     const KVProcessRef untouched = launchBundle("Untouched", {}, {"--ignore-term"});
     const KVProcessRef gone = launchBundle("Gone");
@@ -271,10 +266,9 @@ TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
     gone->forceQuit();  // pid 0: nothing is run
 }
 
-// A record of an ended process whose pid a live program now has names
-// nobody: quitting it and every event to it answer "no such process", and the
-// program, which would quit on that event, runs on. A long time-out waits
-// as long as it says, here for a receiver that is stopped a while.
+// A record of an ended process whose pid a live program now has names nobody: quit and
+// every event answer "no such process" and the program runs on. A long time-out
+// waits as long as it says, here for a receiver that is stopped a while.
 TEST_F(KVProcessTest, StaleRecordsReachNobodyAndLongTimeOutsWait) {
     qunsetenv("KV_TEST_DONE_PID");
     const KVProcessRef live = launch(KV_TEST_PRODUCT);
@@ -310,9 +304,7 @@ TEST_F(KVProcessTest, TimesComeFromTheSystemAndTheDiagnosticsListIsSorted) {
     ASSERT_TRUE(late);
     EXPECT_GE(late->launchDate(), before);
     EXPECT_LE(late->launchDate(), QDateTime::currentDateTime().addSecs(1));
-    // The system charges time in coarse ticks, and a busy machine may give
-    // little of it: work until the reading grows, or for two seconds of
-    // this process's own processor time.
+    // Coarse ticks on a busy machine: work until the reading grows, or two CPU seconds.
     const double cpu = proc_cpu_time(getpid());
     const auto worked = [] {
         timespec now{};

@@ -30,18 +30,9 @@ using namespace KVUtilitiesPrivate;
 
 namespace {
 
-// ---- Do not disturb ----
-
-struct WindowCase {
-    QVariant start;
-    QVariant end;
-    int now;
-    bool inside;
-};
-
 TEST(KVUtilitiesEnvironmentTest, QuietHoursWindowInMinutesAfterMidnight) {
     // clang-format off
-    const WindowCase cases[] = {
+    const std::tuple<QVariant, QVariant, int, bool> cases[] = {  // start, end, now, inside
         {1320, 420, 23 * 60 + 30, true}, {1320, 420, 6 * 60 + 59, true},  // 22:00 to 07:00
         {1320, 420, 7 * 60, false}, {1320, 420, 12 * 60, false}, {1320, 420, 1320, true},
         {-60, 60, 23 * 60, true}, {-60, 60, 22 * 60 + 59, false},  // -60 is 23:00
@@ -51,11 +42,9 @@ TEST(KVUtilitiesEnvironmentTest, QuietHoursWindowInMinutesAfterMidnight) {
         {600.9, 660.9, 660, false}, {QVariant(), 660, 630, false},
         {600, QVariantList{660}, 630, false}, {QByteArray("600"), 660, 630, false}};
     // clang-format on
-    for (const WindowCase &c : cases) {
-        SCOPED_TRACE(c.start.toString().toStdString() + "-" + c.end.toString().toStdString() +
-                     " at " + std::to_string(c.now));
-        EXPECT_EQ(timeInRange(c.start, c.end, c.now), c.inside);
-    }
+    for (const auto &[start, end, now, inside] : cases)
+        EXPECT_EQ(timeInRange(start, end, now), inside)
+            << qPrintable(start.toString() + "-" + end.toString()) << " at " << now;
     const QTime now = QTime::currentTime();
     const int minutes = now.hour() * 60 + now.minute();
     EXPECT_TRUE(KVUtilities::currentTimeInDNDRangeStartMinutes(minutes - 2, minutes + 3));
@@ -77,13 +66,6 @@ private:
 
 enum class Server { None, Inhibited, NotInhibited };
 
-struct QuietCase {
-    const char *name;
-    Server server;
-    QVariant preferences;
-    bool quiet;
-};
-
 QVariant plist(const QVariantMap &map) {
     return KVPropertyList::toData(map, KVPropertyList::Format::Binary);
 }
@@ -100,7 +82,7 @@ QVariantMap schedule(const QVariant &enabled, int fromNow, int toNow) {
 TEST(KVUtilitiesEnvironmentTest, DoNotDisturbFromTheServerOrTheQuietHours) {
     const BusNamesTurn turn;
     const QVariantMap userPref{{QStringLiteral("userPref"), QVariantMap()}};
-    const QuietCase cases[] = {
+    const std::tuple<const char *, Server, QVariant, bool> cases[] = {
         {"no server, no preferences", Server::None, QVariant(), false},
         {"server holding back", Server::Inhibited, QVariant(), true},
         {"server not holding back", Server::NotInhibited, QVariant(), false},
@@ -115,23 +97,21 @@ TEST(KVUtilitiesEnvironmentTest, DoNotDisturbFromTheServerOrTheQuietHours) {
         {"not a property list", Server::None, QByteArray("userPref\0\xff", 10), false},
         {"a text, not data", Server::None, QStringLiteral("userPref"), false}};
     KVUserDefaults notificationDefaults(QStringLiteral("com.apple.ncprefs"));
-    for (const QuietCase &c : cases) {
-        SCOPED_TRACE(c.name);
-        std::unique_ptr<BusPeer> server;
-        if (c.server != Server::None) {
-            server =
-                std::make_unique<BusPeer>(new FakeNotificationServer(c.server == Server::Inhibited),
+    for (const auto &[name, server, preferences, quiet] : cases) {
+        SCOPED_TRACE(name);
+        std::unique_ptr<BusPeer> peer;
+        if (server != Server::None) {
+            peer =
+                std::make_unique<BusPeer>(new FakeNotificationServer(server == Server::Inhibited),
                                           QStringLiteral("org.freedesktop.Notifications"),
                                           QStringLiteral("/org/freedesktop/Notifications"));
-            ASSERT_TRUE(server->registered());
+            ASSERT_TRUE(peer->registered());
         }
-        notificationDefaults.setObject(c.preferences, QStringLiteral("dnd_prefs"));
-        EXPECT_EQ(KVUtilities::doNotDisturbMode(), c.quiet);
+        notificationDefaults.setObject(preferences, QStringLiteral("dnd_prefs"));
+        EXPECT_EQ(KVUtilities::doNotDisturbMode(), quiet);
     }
     notificationDefaults.removeObjectForKey(QStringLiteral("dnd_prefs"));
 }
-
-// ---- Appearance ----
 
 // Without a palette of the application's own and without a desktop portal
 // the appearance is light; the application's palette decides when it set
@@ -140,26 +120,20 @@ TEST(KVUtilitiesEnvironmentTest, AppearanceAndTintFollowTheApplication) {
     const BusNamesTurn noPortal;
     KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
     // clang-format off
-    const struct {
-        std::optional<bool> darkPalette;
-        QVariant accent;
-        bool dark;
-        const char *tint;
-    } cases[] = {
+    const std::tuple<std::optional<bool>, QVariant, bool, const char *> cases[] = {
         {std::nullopt, QVariant(), false, "tintYosBlue"},
         {true, QVariant(), true, "tintYosDarkBlue"}, {false, 3, false, "tintYosBlue"},
         {true, -1, true, "tintYosDarkGraphite"}, {false, -1, false, "tintYosGraphite"},
         {std::nullopt, QStringLiteral("-1"), false, "tintYosGraphite"}};
     // clang-format on
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.tint);
-        QApplication::setPalette(c.darkPalette ? testPalette(*c.darkPalette) : QPalette());
-        defaults.setObject(c.accent, QStringLiteral("AppleAccentColor"));
-        EXPECT_EQ(KVUtilities::darkAppearance(), c.dark);
-        EXPECT_EQ(KVUtilities::darkMenuTheme(), c.dark);
-        const QImage tint = KVUtilities::systemTintImage();
-        EXPECT_FALSE(tint.isNull());
-        EXPECT_EQ(tint, tintImageNamed(QString::fromLatin1(c.tint)));
+    for (const auto &[darkPalette, accent, dark, tint] : cases) {
+        SCOPED_TRACE(tint);
+        QApplication::setPalette(darkPalette ? testPalette(*darkPalette) : QPalette());
+        defaults.setObject(accent, QStringLiteral("AppleAccentColor"));
+        EXPECT_EQ(KVUtilities::darkAppearance(), dark);
+        EXPECT_EQ(KVUtilities::darkMenuTheme(), dark);
+        EXPECT_FALSE(KVUtilities::systemTintImage().isNull());
+        EXPECT_EQ(KVUtilities::systemTintImage(), tintImageNamed(QString::fromLatin1(tint)));
     }
     QApplication::setPalette(QPalette());
     defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
@@ -182,23 +156,17 @@ TEST(KVUtilitiesEnvironmentTest, TintImagesAreDrawnForTheirNamesOnly) {
 TEST(KVUtilitiesEnvironmentTest, ReducedTransparencyFromTheUniversalAccessSuite) {
     KVUserDefaults universalAccess(QStringLiteral("com.apple.universalaccess"));
     // clang-format off
-    const struct {
-        QVariant stored;
-        bool reduced;
-    } cases[] = {
+    const std::pair<QVariant, bool> cases[] = {
         {QVariant(), false}, {true, true}, {1, true}, {QStringLiteral("YES"), true}, {false, false},
         {0, false}, {QStringLiteral("junk"), false}, {QVariantList{true}, false}};
     // clang-format on
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.stored.toString().toStdString());
-        universalAccess.setObject(c.stored, QStringLiteral("reduceTransparency"));
-        EXPECT_EQ(KVUtilities::reducedTransparency(), c.reduced);
+    for (const auto &[stored, reduced] : cases) {
+        universalAccess.setObject(stored, QStringLiteral("reduceTransparency"));
+        EXPECT_EQ(KVUtilities::reducedTransparency(), reduced) << qPrintable(stored.toString());
     }
     universalAccess.removeObjectForKey(QStringLiteral("reduceTransparency"));
     EXPECT_FALSE(KVUtilities::displayIsZoomed());
 }
-
-// ---- The desktop: idle time, secure input, full screen ----
 
 constexpr int kWindowTimeoutMs = 20000;
 
@@ -231,8 +199,7 @@ TEST(KVUtilitiesDesktopTest, WithoutADisplay) {
 }
 
 TEST(KVUtilitiesDesktopTest, IdleTimeAndAKeyboardGrabOfAnotherProgram) {
-    const QString error = XSession::start();
-    ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
+    ASSERT_EQ(XSession::start(), "");  // or why not
     EXPECT_GE(KVUtilities::idleTime(), 0.0);
     std::unique_ptr<QProcess> plain = frontWindow({});
     EXPECT_EQ(secureInputPIDs(), QList<pid_t>());
@@ -250,8 +217,7 @@ TEST(KVUtilitiesDesktopTest, IdleTimeAndAKeyboardGrabOfAnotherProgram) {
 // happens from then on counts. Activating a full-screen window turns it YES,
 // activating another one NO again.
 TEST(KVUtilitiesDesktopTest, FullScreenModeFollowsTheActiveWindow) {
-    const QString error = XSession::start();
-    ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
+    ASSERT_EQ(XSession::start(), "");  // or why not
     std::unique_ptr<QProcess> plain = frontWindow({});
     std::unique_ptr<QProcess> fullScreen = frontWindow({"--fullscreen"});
     ASSERT_TRUE(QTest::qWaitFor([] { return KVWindowServer::isFrontWindowFullScreen(); },
@@ -283,23 +249,17 @@ TEST(KVUtilitiesDesktopTest, FullScreenModeFollowsTheActiveWindow) {
     XSession::stop();
 }
 
-// ---- Machine and process ----
-
 TEST(KVUtilitiesEnvironmentTest, ProcessorLetterNamesTheArchitecture) {
     // clang-format off
-    const struct {
-        const char *type;
-        bool translated;
-        const char *letter;
-    } cases[] = {
+    const std::tuple<const char *, bool, const char *> cases[] = {  // type, translated, letter
         {"x86_64", false, "I"}, {"x86_64", true, "A"}, {"arm64", false, "A"},
         {"armv7l", false, "A"}, {"aarch64", false, "A"}, {"riscv64", false, "riscv64"},
         {"", false, ""}};
     // clang-format on
-    for (const auto &c : cases)
-        EXPECT_EQ(processorTypeLetter(QString::fromLatin1(c.type), c.translated),
-                  QString::fromLatin1(c.letter))
-            << c.type << " " << c.translated;
+    for (const auto &[type, translated, letter] : cases)
+        EXPECT_EQ(processorTypeLetter(QString::fromLatin1(type), translated),
+                  QString::fromLatin1(letter))
+            << type << " " << translated;
     EXPECT_FALSE(KVUtilities::rosettaMode());
     EXPECT_EQ(KVUtilities::processorTypeLetter(),
               processorTypeLetter(KVUtilities::processorType(), false));
@@ -315,20 +275,16 @@ TEST(KVUtilitiesEnvironmentTest, IdentityFilesGiveTheirFirstReadableText) {
     ASSERT_TRUE(TestEnvironment::writeFile(latin1, "S\xe9rie\n"));
     ASSERT_EQ(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
     // clang-format off
-    const struct {
-        QStringList paths;
-        QString text;
-    } cases[] = {
+    const std::pair<QStringList, QString> cases[] = {
         {{serial}, QStringLiteral("C02X1234")},
         {{missing, blank, dir, fifo, serial}, QStringLiteral("C02X1234")},
         {{missing, blank, dir, fifo}, QString()}, {{}, QString()}, {{huge}, QString(4096, u'z')},
         {{latin1}, QStringLiteral("S\uFFFDrie")}};
     // clang-format on
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.paths.join(u' ').toStdString());
-        const QString text = firstReadableText(c.paths);
-        EXPECT_EQ(text, c.text);
-        EXPECT_EQ(text.isNull(), c.text.isNull());
+    for (const auto &[paths, expected] : cases) {
+        const QString text = firstReadableText(paths);
+        EXPECT_EQ(text, expected) << qPrintable(paths.join(u' '));
+        EXPECT_EQ(text.isNull(), expected.isNull()) << qPrintable(paths.join(u' '));
     }
     // The machine id stands in where the firmware's serial is missing or
     // for root only; once found it is kept.
@@ -337,7 +293,7 @@ TEST(KVUtilitiesEnvironmentTest, IdentityFilesGiveTheirFirstReadableText) {
     EXPECT_EQ(KVUtilities::uniqueComputerID().constData(), id.constData());
 }
 
-TEST(KVUtilitiesEnvironmentTest, TracerInTheProcessStatus) {
+TEST(KVUtilitiesEnvironmentTest, TracerInTheProcessStatusAndDebuggingWhileTraced) {
     // clang-format off
     const std::pair<QByteArray, bool> cases[] = {
         {"Name:\tx\nTracerPid:\t0\nUid:\t0\n", false},
@@ -347,10 +303,7 @@ TEST(KVUtilitiesEnvironmentTest, TracerInTheProcessStatus) {
     // clang-format on
     for (const auto &[status, traced] : cases)
         EXPECT_EQ(statusShowsTracer(status), traced) << status.data();
-}
-
-// A child that this process traces sees a debugger; an untraced one does not.
-TEST(KVUtilitiesEnvironmentTest, DebuggingWhileTraced) {
+    // A child that this process traces sees a debugger; an untraced one does not.
     for (const bool traced : {false, true}) {
         SCOPED_TRACE(traced ? "traced" : "untraced");
         const pid_t child = fork();

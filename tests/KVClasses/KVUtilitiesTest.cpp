@@ -70,9 +70,8 @@ TEST(KVUtilitiesTest, VersionsAndNumericTextsOrderByValue) {
     EXPECT_TRUE(KVUtilities::venturaOrNewer() && !KVUtilities::pantherOrOlder());
 }
 
-// From the three selectors (a missing minor or bug-fix is logged), else from
-// the BCD word; here from the kernel release, with one BCD digit each for
-// minor and bug-fix. Only a non-zero version is remembered.
+// From the three selectors (a missing minor or bug-fix is logged), else from the BCD
+// word; here from the kernel release. Only a non-zero version is remembered.
 TEST(KVUtilitiesTest, SystemVersionFromSelectorsOrTheBCDWord) {
     {
         LogCapture log;
@@ -132,9 +131,8 @@ TEST(KVUtilitiesTest, SafeHTTPSDowngradesOnlyBelowTheThreshold) {
     defaults.removeObjectForKey("httpsMinSys");
 }
 
-// Dates parse strictly and show as a short date of midnight UTC in the zone.
-// The test program has no Info.plist: its version is empty, never null, and
-// it counts the resources of its own (packed) type.
+// Dates parse strictly and show as a short date of midnight UTC in the zone. The test
+// program has no Info.plist (version empty, not null) and counts its own-type resources.
 TEST(KVUtilitiesTest, LocalizedDatesAndTheMainBundlesOwnInformation) {
     EXPECT_EQ(localizedDateString("2024-03-07", "en_US", "UTC"), "3/7/24");
     EXPECT_EQ(localizedDateString("2024-03-07", "de_DE", "UTC"), "07.03.24");
@@ -151,8 +149,6 @@ TEST(KVUtilitiesTest, LocalizedDatesAndTheMainBundlesOwnInformation) {
     QFile::remove(path);
     EXPECT_EQ(after, before + 1);
 }
-
-// ---- Running programs ----
 
 namespace {
 
@@ -190,10 +186,9 @@ QStringList scriptFilesIn(const QString &folder) {
 
 }  // namespace
 
-// Each script is executed itself (no shell reads its path), from the home
-// folder, with nothing to read; output and errors arrive together. Past the
-// time-out the script is asked to end and what it wrote so far comes back.
-// Only a script that cannot start leaves its temporary file behind.
+// Each script is executed itself (no shell reads its path), from the home folder, with
+// nothing to read; output and errors come together. Past the time-out it is asked to end
+// and its output so far comes back. Only one that cannot start leaves its file behind.
 TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     const QString folder = TestEnvironment::makeTempDir("scripts");
     const QString temporary = TestEnvironment::makeTempDir("script-output");
@@ -236,9 +231,7 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     for (const Row &row : rows) {
         const bool inHome = row.script.startsWith('~');
         const QString path = inHome ? home + row.script.mid(1) : folder + "/" + row.script;
-        if (!row.body.isEmpty()) {
-            ASSERT_TRUE(writeScript(path, row.body, row.mode));
-        }
+        if (!row.body.isEmpty()) ASSERT_TRUE(writeScript(path, row.body, row.mode));
         LogCapture log;
         const QString result = KVUtilities::runShellScript(
             inHome || row.script == odd ? row.script : path, row.parameters, row.timeout);
@@ -251,8 +244,7 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
         for (const QString &file : left) QFile::remove(temporary + "/" + file);
     }
     QDir::setCurrent(previous);
-    // In a process without standard input the output file gets its number;
-    // the script's own redirections must not lose it.
+    // Without standard input the output file gets its number, yet stays the output.
     ASSERT_TRUE(writeScript(folder + "/hello.sh", "echo hello"));
     const int input = dup(STDIN_FILENO);
     close(STDIN_FILENO);
@@ -284,8 +276,7 @@ TEST(KVUtilitiesScriptTest, AFloodOfOutputArrivesWhole) {
     EXPECT_TRUE(scriptFilesIn(temporary).isEmpty());
 }
 
-// Standard output only, as UTF-8: anything else is no text at all, not even a
-// character cut short at the end; silence is an empty text.
+// Standard output only, as UTF-8, else no text (a character cut short too); silence is "".
 TEST(KVUtilitiesScriptTest, ShellCommandsGiveTheirStandardOutputAsUtf8) {
     QString manyLines;
     for (int i = 0; i < 500000; ++i) manyLines += QStringLiteral("é\n");
@@ -307,8 +298,7 @@ TEST(KVUtilitiesScriptTest, ShellCommandsGiveTheirStandardOutputAsUtf8) {
     EXPECT_TRUE(noZombiesRemain());
 }
 
-// The desktop's opener gets the item's path as it is; this session's opener
-// for text is a recorder of its arguments.
+// The desktop's opener (here a recorder of its arguments) gets the path as it is.
 TEST(KVUtilitiesScriptTest, OpensFilesWithTheDesktopsOpener) {
     const QString folder = TestEnvironment::makeTempDir("open");
     const QString record = folder + "/record.txt";
@@ -342,11 +332,8 @@ TEST(KVUtilitiesScriptTest, OpensFilesWithTheDesktopsOpener) {
     EXPECT_TRUE(noZombiesRemain());
 }
 
-// ---- Files ----
-
-// Chains of links end at the canonical path of their final item; an item
-// that is no link, a dangling link and a loop answer themselves (the very
-// same text).
+// Chains of links end at the canonical path of their final item; no link, a dangling
+// link and a loop answer the very same text.
 TEST(KVUtilitiesFileTest, AliasesResolveThroughChainsOfSymbolicLinks) {
     const QString folder = TestEnvironment::makeTempDir("aliases");
     const QString target = folder + "/real folder/it's \"here\".txt";
@@ -378,8 +365,7 @@ TEST(KVUtilitiesFileTest, AliasesResolveThroughChainsOfSymbolicLinks) {
     }
 }
 
-// The type of the mount that holds the path, a mount point with a space in
-// its name included; two log lines on every call.
+// The type of the mount holding the path (one with a space in its name); two log lines.
 TEST(KVUtilitiesFileTest, FileSystemTypesComeFromTheMountHoldingThePath) {
     if (!Relaunch::isRoot()) GTEST_SKIP() << "mounting a tmpfs needs root";
     const QString mountPoint = TestEnvironment::makeTempDir("mount") + "/a volume";
@@ -412,11 +398,8 @@ TEST(KVUtilitiesFileTest, FileSystemTypesComeFromTheMountHoldingThePath) {
     }
 }
 
-// ---- How the program was started ----
-
-// A bundle on a removable volume (folders under /media/<user>/ and
-// /run/media/<user>/ made by the test) is on the distribution disk when the
-// volume's top holds a marker; a temporary copy is in installation mode too.
+// A bundle on a removable volume (under /media/<user>/ or /run/media/<user>/) is on the
+// distribution disk when the volume's top holds a marker; a temporary copy installs too.
 TEST(KVUtilitiesLaunchTest, DistributionDiskIsAMarkedRemovableVolume) {
     if (!Relaunch::isRoot()) GTEST_SKIP() << "/media is root's";
     const QString user = QString("kvtest-%1").arg(getpid());
@@ -437,9 +420,7 @@ TEST(KVUtilitiesLaunchTest, DistributionDiskIsAMarkedRemovableVolume) {
     // clang-format on
     const bool hadRunMedia = QFileInfo::exists("/run/media");
     for (const auto &[bundle, marker, onDisk, mode] : rows) {
-        if (!marker.isEmpty()) {
-            ASSERT_TRUE(TestEnvironment::writeFile(marker, ""));
-        }
+        if (!marker.isEmpty()) ASSERT_TRUE(TestEnvironment::writeFile(marker, ""));
         EXPECT_EQ(KVUtilitiesPrivate::runningFromDistributionDisk(bundle), onDisk)
             << qPrintable(bundle);
         EXPECT_EQ(KVUtilitiesPrivate::installationMode(bundle), mode) << qPrintable(bundle);
@@ -449,8 +430,7 @@ TEST(KVUtilitiesLaunchTest, DistributionDiskIsAMarkedRemovableVolume) {
     if (!hadRunMedia) QDir().rmdir("/run/media");
 }
 
-// Each systemd unit made from an autostart entry puts "@autostart.service"
-// after "app-<name>" on the process's group path.
+// systemd units made from autostart entries end "app-<name>@autostart.service".
 TEST(KVUtilitiesLaunchTest, AutostartUnitsAreToldFromTheControlGroup) {
     // clang-format off
     const std::pair<QByteArray, bool> rows[] = {
@@ -474,10 +454,8 @@ TEST(KVUtilitiesLaunchCopy, ReportsHowItWasStarted) {
            !code.isEmpty() && KVUtilities::wasLaunchedByProcess(code));
 }
 
-// Real starts of this program: from a bundle on a marked volume and without
-// the marker, from an autostart entry's environment, and by a launcher
-// application with a signature (a bundle around a copy of the shell, which
-// waits for what it started).
+// Real starts: from a bundle on a volume with and without the marker, from an autostart
+// entry's environment, and by a signed launcher (a bundle around a copy of the shell).
 TEST(KVUtilitiesLaunchTest, CopiesTellHowTheyWereStarted) {
     if (Relaunch::isCopy()) GTEST_SKIP() << "starts the copies";
     if (!Relaunch::isRoot()) GTEST_SKIP() << "/media is root's";
@@ -517,14 +495,11 @@ TEST(KVUtilitiesLaunchTest, CopiesTellHowTheyWereStarted) {
     }
 }
 
-// launchMicro among real windows of a real window manager: without a front
-// process the first wait is skipped; with one, the helper comes to the front
-// for a moment (seen from here while launchMicro runs on another thread), then
-// the front goes back and the helper quits, reaped; a missing helper is
-// logged and the front stays; in full-screen mode nothing happens at all.
+// launchMicro under a real window manager: without a front process the first wait is
+// skipped; with one the helper comes to the front for a moment, then the front goes back
+// and the helper quits, reaped; a missing helper is logged; full-screen does nothing.
 TEST(KVUtilitiesMicroTest, TheFrontGoesToMicroAndBack) {
-    const QString error = XSession::start();
-    ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
+    ASSERT_EQ(XSession::start(), "");  // or why not
     const QString micro = KV_INSTALLER_APP "/Contents/Resources/Micro.app";
     const QString microProgram = micro + "/Contents/MacOS/Micro";
     const auto programOf = [](pid_t pid) {
@@ -539,8 +514,7 @@ TEST(KVUtilitiesMicroTest, TheFrontGoesToMicroAndBack) {
             KVUtilitiesPrivate::launchMicro(false, helper);
             done = true;
         });
-        // Until the helper has quit too: on a busy machine it may come up
-        // only after the fixed wait.
+        // Until the helper has quit too: a busy machine may start it after the fixed wait.
         const auto microRuns = [] { return KVProcess::processWithSignatureString("VlMc"); };
         for (QDeadlineTimer deadline(kTimeoutMs); !done || (microRuns() && !deadline.hasExpired());
              QTest::qWait(5)) {
