@@ -1,5 +1,4 @@
-// Events between real processes over a real session bus, and to handlers of
-// this very process.
+// Events between real processes over a real session bus, and to this process's handlers.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -55,10 +54,9 @@ public:
     }
 };
 
-// Delivery in both modes with the parameter unchanged; a missing handler is
-// reported only to a sender that waits. Waiting ends once the handler has run,
-// or at the time-out (the late event is still handled). The quit handler ends
-// the receiver after answering, and then its pid is unknown.
+// Delivery in both modes, parameter unchanged; a missing handler is reported only to a
+// sender that waits, which waits until the handler ran or the time-out (the late event
+// is still handled). The quit handler answers, ends the receiver, and its pid is unknown.
 TEST(KVAppleEventToReceiverTest, DeliversEventsAndAnswersWaitingSendersUntilItQuits) {
     ASSERT_FALSE(qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) << kNoBus;
     Receiver receiver;
@@ -91,8 +89,7 @@ TEST(KVAppleEventToReceiverTest, DeliversEventsAndAnswersWaitingSendersUntilItQu
     EXPECT_TRUE(QTest::qWaitFor([&] { return sendTest("Echo", "", 0) == procNotFound; }, kWait));
 }
 
-// Bad arguments are refused before anything is sent; a live process that
-// receives no events is as unknown as no process at all.
+// Bad arguments are refused before sending; a process receiving no events is unknown.
 TEST(KVAppleEventAddressTest, BadCodesTimeOutsAndAddressesAreRefused) {
     EXPECT_EQ(send(getpid(), 0, code("Echo"), "", 0), paramErr);
     EXPECT_EQ(send(getpid(), code("TEST"), 0x41004142, "", 0), paramErr);
@@ -107,8 +104,7 @@ TEST(KVAppleEventAddressTest, BadCodesTimeOutsAndAddressesAreRefused) {
     TestBundle::stop(child);
 }
 
-// Handlers in this very process; the main thread spins its event loop while a
-// worker thread sends, as the installer's worker does.
+// Handlers in this process; a worker thread sends, as the installer's worker does.
 class KVAppleEventInProcessTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -132,9 +128,8 @@ protected:
     }
 };
 
-// Handlers run on the main thread whoever sends; a later handler replaces the
-// earlier one, removing affects only its pair, and a handler may remove itself
-// while it runs (no lock is held then).
+// Handlers run on the main thread whoever sends; a later one replaces the earlier,
+// removing affects only its pair, and a handler may remove itself while it runs.
 TEST_F(KVAppleEventInProcessTest, HandlersRunOnTheMainThreadAndCanBeReplacedOrRemoved) {
     QStringList calls;
     QThread *thread = nullptr;
@@ -157,8 +152,7 @@ TEST_F(KVAppleEventInProcessTest, HandlersRunOnTheMainThreadAndCanBeReplacedOrRe
     EXPECT_EQ(sendFromWorker("Pong", "", kWait), errAEEventNotHandled);
     EXPECT_EQ(calls, (QStringList{"waited", "not waited", "pong"}));
 
-    // A busy main thread holds a waiting worker no longer than its time-out;
-    // the event is late, not lost.
+    // A busy main thread holds a waiting worker only until its time-out; the event is late.
     manager().setEventHandler(code("TEST"), code("Ping"),
                               [&](const QString &) { calls << "late"; });
     std::atomic<int> result{1};
@@ -169,8 +163,7 @@ TEST_F(KVAppleEventInProcessTest, HandlersRunOnTheMainThreadAndCanBeReplacedOrRe
     worker.join();
 }
 
-// Other senders on the bus may pass any text as class or ID; only four
-// Latin-1 characters make a code.
+// Other senders may pass any text as class or ID; only four Latin-1 characters are a code.
 TEST_F(KVAppleEventInProcessTest, ClassOrIdOfOtherThanFourCharactersIsABadEvent) {
     QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "kvtest");
     for (const auto &[eventClass, eventID] :
@@ -186,8 +179,7 @@ TEST_F(KVAppleEventInProcessTest, ClassOrIdOfOtherThanFourCharactersIsABadEvent)
     QDBusConnection::disconnectFromBus("kvtest");
 }
 
-// Without a bus sending fails with its own code, and the receiving side says
-// so exactly once.
+// Without a bus sending fails with its own code; the receiving side says so once.
 TEST(KVAppleEventNoBusTest, SendingFailsWithConnectionInvalidAndReceivingIsOffLoggedOnce) {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("DBUS_SESSION_BUS_ADDRESS",

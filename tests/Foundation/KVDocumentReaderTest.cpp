@@ -1,6 +1,5 @@
-// Read-me documents from real files: the format by extension or content, the
-// text encoding, rich text as word processors (or hostile hands) write it, and
-// files that cannot be read.
+// Read-me documents from real files: format, encoding, rich text as word processors
+// (or hostile hands) write it, and files that cannot be read.
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -50,8 +49,8 @@ TEST_F(KVDocumentReaderTest, RendersEachFormatAndEncodingAsItsText) {
         {"ReadMe.doc", "\xEF\xBB\xBF \n<!DOCTYPE html><p>web</p>", "web"},
         {"ReadMe", "<HTML><body>upper</body></HTML>", "upper"},
         {"ReadMe.1", "plain <b>text</b>", "plain <b>text</b>"},
-        // A byte-order mark chooses the encoding and is not shown; text that
-        // is no UTF-8 is Windows-1252; HTML honours its declared charset.
+        // A byte-order mark chooses the encoding, unshown; no UTF-8 is Windows-1252;
+        // HTML honours its declared charset.
         {"be",
          QStringEncoder(QStringConverter::Utf16BE, QStringConverter::Flag::WriteBom)(greeting),
          greeting},
@@ -64,9 +63,8 @@ TEST_F(KVDocumentReaderTest, RendersEachFormatAndEncodingAsItsText) {
     for (const auto &c : cases) EXPECT_EQ(readAs(c.name, c.bytes), c.text) << c.name;
 }
 
-// What cannot be read gives false and an empty document: nothing there, a
-// FIFO (never waited on), a file too large, or one the user may not read. Root
-// reads anything, so as root the test runs again as the unprivileged user.
+// What cannot be read gives false and an empty document: nothing there, a FIFO (never
+// waited on), a file too large, or one the user may not read (so root reruns it as one).
 TEST_F(KVDocumentReaderTest, WhatCannotBeReadGivesFalseAndAnEmptyDocument) {
     TestEnvironment::writeFile(folder + "/huge.txt", "");
     QFile(folder + "/huge.txt").resize(KVDocumentReader::kMaximumFileSize + 1);
@@ -92,13 +90,11 @@ TEST_F(KVDocumentReaderTest, WhatCannotBeReadGivesFalseAndAnEmptyDocument) {
     EXPECT_TRUE(output.contains("[  PASSED  ] 1 test")) << qPrintable(output);
 }
 
-// A read-me must show exactly its text: no code, fallback, hidden or
-// non-text destination may leak into it, and malformed input gives what text
-// it can.
+// Exactly the text: no code, fallback, hidden or non-text destination leaks into it, and
+// malformed input gives what text it can.
 TEST(KVRTFReaderTest, ShowsExactlyTheDocumentsText) {
     const char *cases[][2] = {
-        // A word processor's shape: tables, styles, generator and info before
-        // the body, CR LF line ends, accents as hex bytes.
+        // A word processor's tables, styles, generator and info, CR LF, hex accents.
         {"{\\rtf1\\ansi\\ansicpg1252\\deff0\\nouicompat\\deflang1031{\\fonttbl{\\f0\\fnil"
          "\\fcharset0 Calibri;}{\\f1\\froman\\fprq2\\fcharset0 Times New Roman{\\*\\panose "
          "02020603050405020304};}}\r\n{\\colortbl ;\\red255\\green0\\blue0;}\r\n{\\stylesheet"
@@ -163,8 +159,8 @@ TEST(KVRTFReaderTest, FormatsRangesAndParagraphs) {
     EXPECT_EQ(second.blockFormat().alignment(), Qt::AlignLeft);
 }
 
-// Hostile input must neither exhaust the stack nor crash: deep groups are cut
-// off without losing the text around them, and random bytes are survived.
+// Hostile input neither exhausts the stack nor crashes: deep groups are cut off, keeping
+// the text around them, and random bytes are survived.
 TEST(KVRTFReaderTest, SurvivesDeepNestingAndRandomBytes) {
     const QByteArray deep =
         "{\\rtf1 before " + QByteArray(100000, '{') + "deep" + QByteArray(100000, '}') + " after}";

@@ -1,5 +1,4 @@
-// Copying, removing, listing and trashing real trees in the test's private
-// folders.
+// Copying, removing, listing and trashing real trees in the test's private folders.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -40,9 +39,9 @@ TEST_F(KVFileManagerTest, CopiesABundleOrALinkUnchanged) {
     EXPECT_EQ(snapshot(folder + "/link-copy"), snapshot(folder + "/link"));
 }
 
-// A copy never replaces or follows what is at the destination (a dangling link
-// included), makes no missing parent, never copies a folder into itself and
-// never waits for a FIFO's writer; refused copies change nothing.
+// A copy never replaces or follows what is at the destination (a dangling link too),
+// makes no parent, never copies a folder into itself nor waits for a FIFO's writer;
+// refused copies change nothing.
 TEST_F(KVFileManagerTest, RefusesCopiesThatWouldDamageOrHang) {
     TestEnvironment::writeFile(folder + "/source/inner/file", "new");
     TestEnvironment::writeFile(folder + "/file", "old");
@@ -79,9 +78,8 @@ TEST_F(KVFileManagerTest, RemovesTreesAndLinksWithoutFollowingLinks) {
     EXPECT_EQ(snapshot(outside), before);
 }
 
-// Listing keeps the file system's (unsorted) order as the platform's does,
-// shows hidden and non-ASCII names and dangling links, and goes where a link
-// to a folder points. A dangling link is an item: it can be replaced or trashed.
+// Listing keeps the file system's order, shows hidden and non-ASCII names and dangling
+// links (items to replace or trash), and follows a link to a folder.
 TEST_F(KVFileManagerTest, ListsItemsAsTheFileSystemHasThem) {
     for (int i = 0; i < 40; ++i) TestEnvironment::writeFile(folder + QString("/f%1").arg(i), "");
     TestEnvironment::writeFile(folder + "/.hidden", "");
@@ -103,8 +101,7 @@ TEST_F(KVFileManagerTest, ListsItemsAsTheFileSystemHasThem) {
     EXPECT_FALSE(KVFileManager::fileExistsAtPath(folder + "/missing"));
 }
 
-// Real trashing through the desktop's library into the trash of the test's
-// private home, emptied before each test.
+// Real trashing through the desktop's library into the private home's emptied trash.
 class KVWorkspaceTrashTest : public testing::Test {
 protected:
     void SetUp() override { QDir(trash).removeRecursively(); }
@@ -124,10 +121,9 @@ protected:
     TestFiles::ImmutableItems locks;
 };
 
-// The trash must keep what it gets unchanged and record where it came from,
-// URL-escaped, so the desktop can put it back; two items of the same name get
-// names of their own. An item that cannot be moved stays whole where it is,
-// and the trash gets no half entry for it.
+// The trash keeps items unchanged and records their URL-escaped origin so the desktop
+// can put them back; same names get names of their own. An item that cannot be moved
+// stays whole where it is, with no half entry in the trash.
 TEST_F(KVWorkspaceTrashTest, MovesItemsToTheHomeTrashWithTheirOriginalPaths) {
     const QString name = "Old Prodüct 100%.app";
     const QString first = TestFiles::makeProduct(folder + "/one/" + name, "first");
@@ -163,9 +159,8 @@ TEST_F(KVWorkspaceTrashTest, MovesItemsToTheHomeTrashWithTheirOriginalPaths) {
     EXPECT_EQ(TestFiles::markerOf(trash + "/files/" + trashed().value(0)), "second");
 }
 
-// GIO reads $XDG_DATA_HOME once per process, so a data folder that does not
-// exist yet is tried in a fresh copy of this test program: the trash is made
-// there with its parents, private to the user.
+// GIO reads $XDG_DATA_HOME once per process, so a fresh copy of this program tries a
+// data folder that does not exist yet: the trash is made with its parents, private.
 TEST_F(KVWorkspaceTrashTest, MakesTheTrashWhenTheDataFolderDoesNotExistYet) {
     if (!Relaunch::isCopy()) {
         QString output;

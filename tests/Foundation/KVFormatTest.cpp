@@ -1,5 +1,4 @@
-// The program's texts: format strings, log lines and translations. Texts and
-// log lines are compared byte for byte, so each must come out exactly.
+// Format strings, log lines and translations, compared byte for byte.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -36,8 +35,7 @@ TEST(KVFormatTest, FillsEachConversionAsThePlatformDoes) {
         // An incomplete conversion at the end prints as it stands.
         {kvFormat("%d%% of %@ at 50%l", 50, QString("x")), "50% of x at 50%l"},
         {kvFormat("100%"), "100%"},
-        // Collections print the platform's description: sorted keys, four-space
-        // indents, quotes and escapes for every string that is no plain word.
+        // Collections: sorted keys, four-space indents, quotes and escapes but for plain words.
         {kvFormat("<%@>", QStringList{}), "<(\n)>"},
         {kvFormat("%@", QVariantMap{{"b", 2}, {"a", true}, {"C", "c"}, {"", QStringList{"AB"}}}),
          "{\n    \"\" =     (\n        AB\n    );\n    C = c;\n    a = 1;\n    b = 2;\n}"},
@@ -48,9 +46,8 @@ TEST(KVFormatTest, FillsEachConversionAsThePlatformDoes) {
     for (const auto &c : cases) EXPECT_EQ(c[0], c[1]);
 }
 
-// The application object adopts the user's locale, in which C writes and reads
-// "2,5"; texts, defaults and property lists keep the point all the same. The
-// locale is built into the private test folder when the system has none.
+// Under the user's German locale C writes "2,5"; texts, defaults and property lists keep
+// the point. The locale is built into the test folder when the system has none.
 TEST(KVFormatTest, WritesAndReadsRealsWithAPointUnderAGermanLocale) {
     const QByteArray savedLocale = std::setlocale(LC_NUMERIC, nullptr);
     const QByteArray savedPath = qgetenv("LOCPATH");
@@ -74,9 +71,8 @@ TEST(KVFormatTest, WritesAndReadsRealsWithAPointUnderAGermanLocale) {
     EXPECT_EQ(read, QVariant(QVariantList{2.5}));
 }
 
-// Each line is "2026-11-21 09:15:02.123 FoundationTests[pid:tid] message" and
-// exactly one newline, even when the message brings its own. Two threads'
-// long lines (likely to be split if written in pieces) arrive whole.
+// Each line is "2026-11-21 09:15:02.123 FoundationTests[pid:tid] message" and one
+// newline, even when the message brings its own; two threads' long lines arrive whole.
 TEST(KVLogTest, WritesWholeLinesInThePlatformFormatFromAnyThread) {
     const auto isLogLine = [](const QString &line, long thread, const QString &message) {
         const QString pattern =
@@ -111,9 +107,8 @@ TEST(KVLogTest, WritesWholeLinesInThePlatformFormatFromAnyThread) {
     }
 }
 
-// A key without translation shows itself (a null key stays null), a missing
-// table is reported, and the compiled KVLocalizationTest_de.qm beside the test
-// program (the main bundle's resources) translates keys, format strings too.
+// An untranslated key shows itself (null stays null), a missing table is reported, and
+// KVLocalizationTest_de.qm beside the test program translates keys and format strings.
 TEST(KVLocalizationTest, TranslatesInstalledKeysAndShowsEveryOtherKeyItself) {
     const QList<QTranslator *> before = qApp->findChildren<QTranslator *>();
     const KVBundle bundle = KVBundle::mainBundle();

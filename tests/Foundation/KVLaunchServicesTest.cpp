@@ -1,6 +1,5 @@
-// What the program keeps in, and reads from, the user's own folders (the
-// test's private XDG folders): desktop entries for registered bundles, the
-// autostart entries of login items, and user defaults.
+// Desktop entries, login items' autostart entries and user defaults in the test's
+// private XDG folders.
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -33,11 +32,9 @@ protected:
 };
 }  // namespace
 
-// The entry must pass the desktop's own validator and launcher, show the icon
-// converted to a PNG, and start the executable whatever the path holds:
-// inside the quotes ", `, $ and \ are escaped and % doubles, then the whole
-// value escapes its backslashes once more; a program with "%" in its path
-// starts through env, as the launcher looks for it before undoubling.
+// The entry passes the desktop's validator and launcher, shows the icon as a PNG and
+// starts the executable whatever its path: ", `, $ and \ escaped in quotes, % doubled,
+// backslashes escaped again, and through env when "%" is in the path.
 TEST_F(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) {
     const QString bundle = TestBundle::make(folder + "/a \"b\" $c `d` %e", "Shown App",
                                             {{"CFBundleIdentifier", "org.velmora.test.shown"},
@@ -67,8 +64,7 @@ TEST_F(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) 
     TestBundle::stopProcessesAt(bundle);
 }
 
-// No application bundle, no identifier, or one that would write outside the
-// applications folder is refused; a registration is replaced only on update.
+// No bundle, no identifier or one escaping the folder is refused; updates replace.
 TEST_F(KVLaunchServicesTest, RefusesWhatIsNoBundleAndKeepsARegistrationUnlessUpdating) {
     TestEnvironment::writeFile(folder + "/file.txt", "x");
     const std::pair<QString, int> refused[] = {
@@ -89,9 +85,8 @@ TEST_F(KVLaunchServicesTest, RefusesWhatIsNoBundleAndKeepsARegistrationUnlessUpd
     EXPECT_NE(read(entryPath("org.velmora.test.kept")), "earlier");
 }
 
-// Each entry alone resolves to its bundle or program, or is left out when it
-// is hidden, has no program that exists, or keeps its Exec outside the
-// [Desktop Entry] group. Only *.desktop files count, in file-name order.
+// Each entry resolves to its bundle or program, unless hidden, with no existing program
+// or its Exec outside [Desktop Entry]. Only *.desktop files count, by file name.
 TEST(KVLoginItemsTest, ResolvesEntriesToTheirBundleOrProgram) {
     const QString autostart = qEnvironmentVariable("XDG_CONFIG_HOME") + "/autostart";
     const QString folder = TestEnvironment::makeTempDir("loginitems");
@@ -133,9 +128,10 @@ TEST(KVLoginItemsTest, ResolvesEntriesToTheirBundleOrProgram) {
     qputenv("PATH", savedPath);
 }
 
-// "-key value" pairs of the command line override stored values; a dashed
-// word is never taken as a value.
-TEST(KVUserDefaultsTest, ArgumentsOverrideStoredValues) {
+// "-key value" pairs of the command line override stored values, never taking a dashed
+// word as a value. The application domain is named after the program without a bundle
+// identifier; each domain is a file of its own in the private config folder.
+TEST(KVUserDefaultsTest, ArgumentsOverrideDomainsKeptInTheirOwnFiles) {
     KVUserDefaults defaults("org.example.arguments");
     defaults.setObject(3, "volume");
     KVUserDefaults::setArgumentDomain({"prog", "-volume", "7", "-a", "-b", "YES", "c", "-d"});
@@ -143,11 +139,6 @@ TEST(KVUserDefaultsTest, ArgumentsOverrideStoredValues) {
     EXPECT_TRUE(defaults.boolForKey("b"));
     EXPECT_EQ(KVUserDefaults::argumentDomain(), (QVariantMap{{"volume", "7"}, {"b", "YES"}}));
     KVUserDefaults::setArgumentDomain({});
-}
-
-// The application domain is named after the program when it has no bundle
-// identifier; each domain is a file of its own in the private config folder.
-TEST(KVUserDefaultsTest, KeepsEachDomainInItsOwnFileInTheConfigFolder) {
     KVUserDefaults &standard = KVUserDefaults::standardUserDefaults();
     ASSERT_EQ(standard.domain(), "FoundationTests");
     standard.setObject("kept", "appKey");
@@ -158,9 +149,8 @@ TEST(KVUserDefaultsTest, KeepsEachDomainInItsOwnFileInTheConfigFolder) {
     EXPECT_TRUE(read(config + "/FoundationTests.conf").contains("appKey=kept"));
 }
 
-// Stored texts read as the platform reads them: the first significant
-// character decides a boolean; leading digits give a number, an integer
-// saturating rather than wrapping.
+// The first significant character decides a boolean; leading digits give a number, an
+// integer saturating rather than wrapping.
 TEST(KVUserDefaultsTest, ReadsTextsByTheirLeadingCharacters) {
     for (const char *text : {"YES", "true", " 07", "-1", "+9x"})
         EXPECT_TRUE(KVUserDefaults::boolValue(text)) << text;

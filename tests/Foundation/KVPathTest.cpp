@@ -1,5 +1,4 @@
-// Paths, bundles and property lists: the path edge cases the platform has,
-// and real bundles and plists on disk.
+// Paths' edge cases, and real bundles and property lists on disk.
 #include <gtest/gtest.h>
 #include <pwd.h>
 
@@ -16,8 +15,7 @@
 
 using KVPropertyList::Format;
 
-// Paths go into log lines and onto disk, so the platform's edge cases on "/",
-// "", trailing and repeated slashes and leading dots must hold exactly.
+// "/", "", trailing and repeated slashes and leading dots, as the platform has them.
 TEST(KVPathTest, SplitsAndJoinsComponentsLikeThePlatform) {
     // path, lastPathComponent, stringByDeletingLastPathComponent, pathExtension,
     // stringByDeletingPathExtension
@@ -44,9 +42,8 @@ TEST(KVPathTest, SplitsAndJoinsComponentsLikeThePlatform) {
     EXPECT_EQ(KVPath::stringByAppendingPathExtension("/tmp/x/", "tiff"), "/tmp/x.tiff");
 }
 
-// "~" expands to $HOME (the test's private home) or a named user's home; only
-// the home folder and what lies in it abbreviate back, never a sibling sharing
-// its prefix, and nothing does when home is "/".
+// "~" expands to $HOME or a named user's home; only home and what lies in it abbreviate
+// back, never a sibling sharing its prefix, and nothing when home is "/".
 TEST(KVPathTest, ExpandsAndAbbreviatesTheHomeFolder) {
     const QString home = QFile::decodeName(qgetenv("HOME"));
     const passwd *root = getpwnam("root");
@@ -73,8 +70,7 @@ protected:
     const QVariantMap info{{"CFBundleIdentifier", "org.example.product"}, {"CFBundleName", "P"}};
 };
 
-// Both plist forms are read; anything malformed or missing gives an empty
-// dictionary, never a crash or half a dictionary.
+// Both plist forms are read; anything malformed or missing gives an empty dictionary.
 TEST_F(KVBundleTest, ReadsBothPlistFormsAndNothingFromAMalformedOne) {
     const QByteArray xml = KVPropertyList::toData(info, Format::Xml);
     const QByteArray binary = KVPropertyList::toData(info, Format::Binary);
@@ -127,9 +123,8 @@ TEST_F(KVBundleTest, FindsItsExecutableAndResources) {
     EXPECT_TRUE(KVBundle::enclosingApplicationBundle("/").isNull());
 }
 
-// Every value type survives both forms, including the edges of their
-// encodings: large negative integers, dates before the binary epoch (2001),
-// bytes with zeros, and empty nested containers.
+// Every value type survives both forms, with large negative integers, dates before
+// 2001 (the binary epoch), bytes with zeros, and empty nested containers.
 TEST_F(KVBundleTest, RoundTripsNestedPropertyListsInBothForms) {
     const QVariantMap value{
         {"string", "Grüße <&>"},

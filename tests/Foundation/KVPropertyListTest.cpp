@@ -1,5 +1,4 @@
-// Property lists from hostile bundles: nesting deeper than any real list,
-// in either form, and an Info.plist that is no regular file.
+// Property lists from hostile bundles: too deep, and an Info.plist that is no file.
 #include <gtest/gtest.h>
 
 #include "FifoWatch.h"
@@ -21,9 +20,8 @@ QByteArray nested(int depth, KVPropertyList::Format format) {
     return KVPropertyList::toData(value, format);
 }
 
-// Refused before the parser sees them, which recurses once per level and
-// would overflow the stack: 257 levels in both forms, 200,000 in a 3 MB
-// text; 256 levels read as before.
+// Refused before the (recursive) parser sees them: 257 levels in both forms, 200,000 in
+// a 3 MB text; 256 levels are read.
 TEST(KVPropertyListTest, NestingDeeperThanAnyRealListIsRefusedBeforeParsing) {
     using enum KVPropertyList::Format;
     const std::pair<QByteArray, bool> cases[] = {

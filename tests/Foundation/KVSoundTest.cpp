@@ -1,5 +1,4 @@
-// Sounds found on disk and played on the test's own sound server, where a
-// recording of the sink proves what was heard.
+// Sounds found on disk and played on the test's own sound server, recorded at the sink.
 #include <gtest/gtest.h>
 
 #include <QFile>
@@ -16,8 +15,7 @@ namespace {
 
 const QString kDoneSound = QStringLiteral(KV_INSTALLER_APP "/Contents/Resources/Done.wav");
 
-// A mono 16-bit 44.1 kHz WAV file of silence, with an odd-sized chunk before
-// the data when asked, as many writers put one there.
+// A mono 16-bit 44.1 kHz WAV of silence, with an odd-sized chunk before the data if asked.
 QByteArray wave(double seconds, bool extraChunk = false) {
     const auto le = [](quint32 value, int count) {
         QByteArray bytes;
@@ -32,8 +30,7 @@ QByteArray wave(double seconds, bool extraChunk = false) {
     return "RIFF" + le(4 + chunks.size() + data.size(), 4) + "WAVE" + chunks + data;
 }
 
-// Found sounds are kept for the life of the process, so the names are unique.
-// The main bundle's resources are the test program's folder: removed again.
+// Found sounds are kept for the process's life, so the names are unique.
 TEST(KVSoundFileTest, FindsSoundsByNameAndReadsTheirDuration) {
     const QString bundled = KVBundle::mainBundle().resourcePath() + "/KVTestChime.WAV";
     const QString sounds = qEnvironmentVariable("XDG_DATA_HOME") + "/sounds";
@@ -48,8 +45,7 @@ TEST(KVSoundFileTest, FindsSoundsByNameAndReadsTheirDuration) {
     const std::shared_ptr<KVSound> fake = KVSound::soundNamed("KVTestFake");
     QFile::remove(files[0].first);
     QFile::remove(files[2].first);
-    // A bundled WAV of any extension wins; in the sound folders subfolders
-    // count and what is no WAV is passed over.
+    // A bundled WAV of any extension wins; sound folders' subfolders count, non-WAVs not.
     ASSERT_TRUE(chime && fake);
     EXPECT_EQ(chime->path(), bundled);
     EXPECT_NEAR(chime->duration(), 0.2, 0.0001);

@@ -1,7 +1,5 @@
-// Real windows of real processes under a real window manager: the suite
-// starts its own X server (Xvfb) and window manager (openbox) once, and each
-// test starts the window processes it needs (kvtest_window, on xcb). What the
-// window manager publishes is read with the X tools, not the code under test.
+// Real windows of kvtest_window processes under Xvfb and openbox, read back with the X
+// tools, not the code under test.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -17,6 +15,7 @@
 #include <vector>
 
 #include "KVWindowServer.h"
+#include "QtPrinters.h"
 #include "XSession.h"
 
 namespace {
@@ -27,15 +26,13 @@ class KVWindowServerTest : public testing::Test {
 protected:
     static void TearDownTestSuite() { XSession::stop(); }
     void SetUp() override {
-        const QString error = XSession::start();
-        ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
+        ASSERT_EQ(XSession::start(), "");  // or why not
     }
     void TearDown() override {
         for (auto &child : m_children) XSession::stop(child);
     }
 
-    // Starts a process showing `count` windows and waits until the window
-    // manager lists them; returns its pid, 0 on failure.
+    // A process showing `count` windows, listed by the window manager; 0 on failure.
     pid_t startWindows(const QString &title, int count = 1) {
         QString error;
         auto &child = m_children.emplace_back(XSession::startWindowProgram(
@@ -86,8 +83,7 @@ private:
     std::vector<std::unique_ptr<QProcess>> m_children;
 };
 
-// Another process's windows, as the window manager sees them: A's two windows
-// and B's one.
+// Another process's windows: A's two and B's one.
 TEST_F(KVWindowServerTest, BringsForwardAndHidesTheWindowsOfAnotherProcess) {
     const pid_t a = startWindows("A", 2);
     const pid_t b = startWindows("B");
@@ -95,8 +91,7 @@ TEST_F(KVWindowServerTest, BringsForwardAndHidesTheWindowsOfAnotherProcess) {
     const QStringList windowsOfA = windowsOf(a);
     const QString windowOfB = windowsOf(b).value(0);
     ASSERT_EQ(windowsOfA.size(), 2);
-    // A process without windows here (the parent) or a pid of 0 or below is
-    // not found.
+    // A process without windows here (the parent) or a pid of 0 or below is not found.
     for (pid_t pid : {getppid(), pid_t(0), pid_t(-1)}) {
         for (bool flag : {false, true}) {
             EXPECT_FALSE(KVWindowServer::bringProcessToFront(pid, flag)) << pid;
@@ -117,8 +112,8 @@ TEST_F(KVWindowServerTest, BringsForwardAndHidesTheWindowsOfAnotherProcess) {
                                          : QStringList{windowOfB, windowsOfA[0], windowsOfA[1]};
         EXPECT_EQ(stackingOrder(), expected) << frontWindowOnly;
     }
-    // Hiding minimizes every window of A and none of B; showing A, or bringing
-    // it to the front, brings them all back.
+    // Hiding minimizes all of A's windows, none of B's; showing or bringing A to the
+    // front brings them back.
     const auto allOfABecome = [&](const char *state) {
         return QTest::qWaitFor(
             [&] {
@@ -139,9 +134,8 @@ TEST_F(KVWindowServerTest, BringsForwardAndHidesTheWindowsOfAnotherProcess) {
     EXPECT_TRUE(becomesFront(a));
 }
 
-// Without a reachable X display, or in a Wayland session even with an X
-// server beside it, there is no front process and requests do nothing; back
-// on the display the connection works again and nothing was hidden meanwhile.
+// Without a reachable X display, or in a Wayland session even beside an X server, no
+// front process and no request works; back on the display all works, nothing hidden.
 TEST_F(KVWindowServerTest, ConnectsOnlyInAnX11SessionAndReconnects) {
     const pid_t a = startWindows("A");
     ASSERT_TRUE(a);
@@ -160,8 +154,7 @@ TEST_F(KVWindowServerTest, ConnectsOnlyInAnX11SessionAndReconnects) {
     QTest::qWait(200);
     EXPECT_EQ(windowState(windowsOf(a).value(0)), "Normal");
 
-    // Another name for the same display makes the next calls open a new
-    // connection; threads racing for it must all get it.
+    // Another name for the same display opens a new connection; racing threads all get it.
     const ScopedEnv sameDisplay("DISPLAY", (XSession::display() + ".0").toLocal8Bit());
     std::atomic<int> right = 0;
     std::vector<std::thread> threads;
@@ -173,9 +166,8 @@ TEST_F(KVWindowServerTest, ConnectsOnlyInAnX11SessionAndReconnects) {
     EXPECT_EQ(right, 8 * 20);
 }
 
-// This process's own windows go through Qt (on the offscreen platform the
-// window manager does not even see them), also when a worker thread asks; a
-// maximized window stays maximized.
+// This process's own (offscreen) windows go through Qt, also when a worker thread asks;
+// a maximized window stays maximized.
 TEST_F(KVWindowServerTest, OwnWindowsAreMinimizedAndShownThroughQt) {
     EXPECT_FALSE(KVWindowServer::bringProcessToFront(getpid(), false));  // none visible yet
     QWidget first, second;

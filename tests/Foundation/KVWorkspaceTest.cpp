@@ -1,5 +1,4 @@
-// Opening an application as the desktop would, with a real bundle and the
-// started process read back from /proc.
+// Opening a real bundle as the desktop would, the process read back from /proc.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -25,10 +24,8 @@ QList<QByteArray> parentAndSession(pid_t pid) {
     return {fields.value(1), fields.value(3)};
 }
 
-// Started in its own session from the home folder, with only the three
-// standard streams open, all on /dev/null, whatever the opener has open (a
-// descriptor without close-on-exec here); the opener's child while it runs,
-// and reaped when it ends, never a zombie.
+// Started in its own session from home, with only the standard streams open, all on
+// /dev/null, whatever the opener has open; the opener's child, reaped when it ends.
 TEST(KVWorkspaceTest, ApplicationsStartAsTheDesktopStartsThem) {
     const QString bundle = TestBundle::make(TestEnvironment::makeTempDir("open"), "Opened");
     const int inherited = open("/dev/null", O_RDONLY);
@@ -39,8 +36,7 @@ TEST(KVWorkspaceTest, ApplicationsStartAsTheDesktopStartsThem) {
         QTest::qWaitFor([&] { return (pid = TestBundle::runningFrom(bundle)) > 0; }, 10000));
     const QString proc = QString("/proc/%1").arg(pid);
 
-    // The program's own start-up (a sanitizer's runtime) may hold a file open
-    // for a moment; an inherited descriptor stays.
+    // A sanitizer's runtime may hold a file open for a moment; an inherited one stays.
     QStringList descriptors;
     (void)QTest::qWaitFor(
         [&] {
