@@ -40,9 +40,7 @@ void stopProcess(pid_t pid) {
 }
 }  // namespace
 
-Polkit::Polkit(bool consent) : Polkit(consent ? "YES" : "NO") {}
-
-Polkit::Polkit(const char *result) {
+Polkit::Polkit(bool consent) {
     if (!Relaunch::isRoot()) {
         fail("the privileged path is tested from root");
         return;
@@ -69,7 +67,7 @@ Polkit::Polkit(const char *result) {
         m_bus = pid_t(daemon.readAllStandardOutput().trimmed().toInt());
     }
     m_rule = QString("/etc/polkit-1/rules.d/49-kvtest-%1.rules").arg(getpid());
-    const QByteArray answer = result;
+    const QByteArray answer = consent ? "YES" : "NO";
     if (!TestEnvironment::writeFile(m_rule,
                                     "polkit.addRule(function(action, subject) {\n"
                                     "    if (action.id == \"org.freedesktop.policykit.exec\" &&\n"

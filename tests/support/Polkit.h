@@ -1,5 +1,5 @@
 // The real privileged path for tests: a system bus and polkitd, with a rule
-// that answers pkexec for the unprivileged test user (yes, no, or ask). Needs
+// that answers pkexec for the unprivileged test user with yes or no. Needs
 // root; everything it starts it stops again, by process id. One object in
 // one process at a time: a second waits for the first to go.
 #pragma once
@@ -12,8 +12,6 @@ class Polkit {
 public:
     // Starts what is missing and installs the rule; ok() tells whether it worked.
     explicit Polkit(bool consent);
-    // The rule answers with the named polkit.Result: "YES", "NO", "AUTH_ADMIN" ...
-    explicit Polkit(const char *result);
     ~Polkit();
     Polkit(const Polkit &) = delete;
     Polkit &operator=(const Polkit &) = delete;
