@@ -42,4 +42,9 @@ bool isKeyboardGrabbedElsewhere();
 // events on a connection of its own (no polling), for the rest of the
 // process. False, with nothing watched, without a display or an application.
 bool watchFrontWindowFullScreen(std::function<void(bool fullScreen)> changed);
+// How many times the clipboard (the CLIPBOARD selection) has had a new owner
+// since the first call, counted from the X server's selection events on the
+// thread of the running Qt application (no polling). Stays 0 without a
+// display, the XFixes extension or an application; a later call tries again.
+int clipboardChangeCount();
 }  // namespace KVWindowServer

@@ -1,12 +1,14 @@
 #include <unistd.h>
 #include <xcb/screensaver.h>
 #include <xcb/xcb.h>
+#include <xcb/xfixes.h>
 
 #include <QApplication>
 #include <QSocketNotifier>
 #include <QThread>
 #include <QWidget>
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -18,48 +20,17 @@
 #include <vector>
 
 #include "KVWindowServer.h"
+#include "KVWindowServer_p.h"
+
+namespace KVWindowServerPrivate {
 
 namespace {
-
-enum Atom {
-    NetActiveWindow,
-    NetWmPid,
-    NetClientListStacking,
-    NetClientList,
-    WmChangeState,
-    NetWmState,
-    NetWmStateFullScreen,
-    AtomCount
-};
 const char *const kAtomNames[AtomCount] = {
     "_NET_ACTIVE_WINDOW", "_NET_WM_PID",   "_NET_CLIENT_LIST_STACKING", "_NET_CLIENT_LIST",
-    "WM_CHANGE_STATE",    "_NET_WM_STATE", "_NET_WM_STATE_FULLSCREEN"};
-// More states than any window manager sets at once.
-constexpr uint32_t kMaxStates = 64;
+    "WM_CHANGE_STATE",    "_NET_WM_STATE", "_NET_WM_STATE_FULLSCREEN",  "CLIPBOARD"};
+}  // namespace
 
-constexpr uint32_t kIconicState = 3;
-// Requests from a pager or task switcher carry out what the user asked for,
-// so window managers do not apply their focus-stealing prevention to them.
-constexpr uint32_t kSourcePager = 2;
-constexpr uint32_t kMaxWindows = 1u << 16;
-
-struct Connection {
-    QByteArray display;
-    xcb_connection_t *xcb = nullptr;
-    xcb_window_t root = XCB_NONE;
-    xcb_atom_t atoms[AtomCount] = {};
-
-    Connection() = default;
-    Connection(const Connection &) = delete;
-    Connection &operator=(const Connection &) = delete;
-    // xcb wants even a failed connection disconnected.
-    ~Connection() {
-        if (xcb) xcb_disconnect(xcb);
-    }
-};
-using ConnectionRef = std::shared_ptr<const Connection>;
-
-ConnectionRef open(const QByteArray &display) {
+ConnectionRef openConnection(const QByteArray &display) {
     auto connection = std::make_shared<Connection>();
     connection->display = display;
     int screenNumber = 0;
@@ -89,7 +60,7 @@ ConnectionRef open(const QByteArray &display) {
 // use. It is replaced when $DISPLAY changes or the connection broke, e.g.
 // because the X server restarted; users still holding the old one finish
 // with it.
-ConnectionRef connection() {
+ConnectionRef sharedConnection() {
     if (qgetenv("XDG_SESSION_TYPE") == "wayland") return nullptr;
     const QByteArray display = qgetenv("DISPLAY");
     if (display.isEmpty()) return nullptr;
@@ -97,17 +68,15 @@ ConnectionRef connection() {
     static ConnectionRef shared;
     std::lock_guard<std::mutex> lock(mutex);
     if (!shared || shared->display != display || xcb_connection_has_error(shared->xcb))
-        shared = open(display);
+        shared = openConnection(display);
     return shared;
 }
 
 xcb_get_property_cookie_t requestProperty(const Connection &c, xcb_window_t window, Atom property,
-                                          xcb_atom_t type, uint32_t maxValues = 1) {
+                                          xcb_atom_t type, uint32_t maxValues) {
     return xcb_get_property(c.xcb, 0, window, c.atoms[property], type, 0, maxValues);
 }
 
-// The 32-bit values of a property; empty when it is missing, of another type,
-// or the window is gone.
 std::vector<uint32_t> propertyValues(const Connection &c, xcb_get_property_cookie_t cookie) {
     std::vector<uint32_t> values;
     xcb_generic_error_t *error = nullptr;
@@ -122,6 +91,66 @@ std::vector<uint32_t> propertyValues(const Connection &c, xcb_get_property_cooki
     return values;
 }
 
+std::vector<pid_t> windowOwners(const Connection &c, const std::vector<uint32_t> &windows) {
+    // All questions first, then all answers: one round trip instead of one per window.
+    std::vector<xcb_get_property_cookie_t> cookies;
+    cookies.reserve(windows.size());
+    for (uint32_t window : windows)
+        cookies.push_back(requestProperty(c, window, NetWmPid, XCB_ATOM_CARDINAL));
+    std::vector<pid_t> owners;
+    owners.reserve(windows.size());
+    for (const xcb_get_property_cookie_t &cookie : cookies) {
+        const std::vector<uint32_t> owner = propertyValues(c, cookie);
+        owners.push_back(owner.empty() ? 0 : pid_t(owner[0]));
+    }
+    return owners;
+}
+
+xcb_window_t activeWindow(const Connection &c) {
+    const std::vector<uint32_t> active =
+        propertyValues(c, requestProperty(c, c.root, NetActiveWindow, XCB_ATOM_WINDOW));
+    return active.empty() ? XCB_NONE : active[0];
+}
+
+bool followEvents(const ConnectionRef &events, std::function<void()> readEvents) {
+    QCoreApplication *app = QCoreApplication::instance();
+    if (!app || !events) return false;
+    xcb_flush(events->xcb);
+    QMetaObject::invokeMethod(
+        app,
+        [events, readEvents = std::move(readEvents)] {
+            auto *notifier =
+                new QSocketNotifier(xcb_get_file_descriptor(events->xcb), QSocketNotifier::Read,
+                                    QCoreApplication::instance());
+            const auto handle = [events, readEvents, notifier] {
+                readEvents();
+                xcb_flush(events->xcb);
+                // A broken connection stays readable for ever.
+                if (xcb_connection_has_error(events->xcb)) notifier->setEnabled(false);
+            };
+            QObject::connect(notifier, &QSocketNotifier::activated, notifier, handle);
+            // Events read while setting up wait in xcb's queue, where the
+            // notifier cannot see them.
+            handle();
+        },
+        QThread::currentThread() == app->thread() ? Qt::DirectConnection : Qt::QueuedConnection);
+    return true;
+}
+
+}  // namespace KVWindowServerPrivate
+
+using namespace KVWindowServerPrivate;
+
+namespace {
+
+// More states than any window manager sets at once.
+constexpr uint32_t kMaxStates = 64;
+
+constexpr uint32_t kIconicState = 3;
+// Requests from a pager or task switcher carry out what the user asked for,
+// so window managers do not apply their focus-stealing prevention to them.
+constexpr uint32_t kSourcePager = 2;
+
 // The process's managed top-level windows, bottom to top when the window
 // manager publishes the stacking order.
 std::vector<xcb_window_t> windowsOf(const Connection &c, pid_t pid) {
@@ -130,15 +159,10 @@ std::vector<xcb_window_t> windowsOf(const Connection &c, pid_t pid) {
     if (clients.empty())
         clients = propertyValues(
             c, requestProperty(c, c.root, NetClientList, XCB_ATOM_WINDOW, kMaxWindows));
-    // All questions first, then all answers: one round trip instead of one per window.
-    std::vector<xcb_get_property_cookie_t> cookies;
-    cookies.reserve(clients.size());
-    for (uint32_t window : clients)
-        cookies.push_back(requestProperty(c, window, NetWmPid, XCB_ATOM_CARDINAL));
+    const std::vector<pid_t> owners = windowOwners(c, clients);
     std::vector<xcb_window_t> windows;
     for (size_t i = 0; i < clients.size(); ++i) {
-        const std::vector<uint32_t> owner = propertyValues(c, cookies[i]);
-        if (!owner.empty() && owner[0] == uint32_t(pid)) windows.push_back(clients[i]);
+        if (owners[i] == pid) windows.push_back(clients[i]);
     }
     return windows;
 }
@@ -243,18 +267,10 @@ bool setHidden(bool hidden) {
 
 }  // namespace
 
-bool KVWindowServer::isAvailable() { return connection() != nullptr; }
-
-namespace {
-xcb_window_t activeWindow(const Connection &c) {
-    const std::vector<uint32_t> active =
-        propertyValues(c, requestProperty(c, c.root, NetActiveWindow, XCB_ATOM_WINDOW));
-    return active.empty() ? XCB_NONE : active[0];
-}
-}  // namespace
+bool KVWindowServer::isAvailable() { return sharedConnection() != nullptr; }
 
 pid_t KVWindowServer::frontProcessID() {
-    const ConnectionRef c = connection();
+    const ConnectionRef c = sharedConnection();
     const xcb_window_t active = c ? activeWindow(*c) : XCB_NONE;
     if (active == XCB_NONE) return 0;
     const std::vector<uint32_t> owner =
@@ -263,7 +279,7 @@ pid_t KVWindowServer::frontProcessID() {
 }
 
 bool KVWindowServer::isFrontWindowFullScreen() {
-    const ConnectionRef c = connection();
+    const ConnectionRef c = sharedConnection();
     const xcb_window_t active = c ? activeWindow(*c) : XCB_NONE;
     if (active == XCB_NONE) return false;
     const std::vector<uint32_t> states =
@@ -272,7 +288,7 @@ bool KVWindowServer::isFrontWindowFullScreen() {
 }
 
 bool KVWindowServer::bringProcessToFront(pid_t pid, bool frontWindowOnly) {
-    const ConnectionRef c = connection();
+    const ConnectionRef c = sharedConnection();
     if (!c || pid <= 0) return false;
     if (pid == getpid() && own::isQtApplication()) return own::bringToFront(frontWindowOnly);
     std::vector<xcb_window_t> windows = windowsOf(*c, pid);
@@ -289,7 +305,7 @@ bool KVWindowServer::bringProcessToFront(pid_t pid, bool frontWindowOnly) {
 }
 
 bool KVWindowServer::setProcessHidden(pid_t pid, bool hidden) {
-    const ConnectionRef c = connection();
+    const ConnectionRef c = sharedConnection();
     if (!c || pid <= 0) return false;
     if (pid == getpid() && own::isQtApplication()) return own::setHidden(hidden);
     const std::vector<xcb_window_t> windows = windowsOf(*c, pid);
@@ -304,7 +320,7 @@ bool KVWindowServer::setProcessHidden(pid_t pid, bool hidden) {
 }
 
 std::optional<uint32_t> KVWindowServer::idleMilliseconds() {
-    const ConnectionRef c = connection();
+    const ConnectionRef c = sharedConnection();
     if (!c) return std::nullopt;
     const xcb_query_extension_reply_t *extension =
         xcb_get_extension_data(c->xcb, &xcb_screensaver_id);
@@ -320,7 +336,7 @@ std::optional<uint32_t> KVWindowServer::idleMilliseconds() {
 }
 
 bool KVWindowServer::isKeyboardGrabbedElsewhere() {
-    const ConnectionRef c = connection();
+    const ConnectionRef c = sharedConnection();
     if (!c) return false;
     // Asking is trying to grab it: a grab of this connection's own is given
     // back at once, so at most a key pressed in that instant is lost.
@@ -388,37 +404,56 @@ struct FullScreenWatch {
 }  // namespace
 
 bool KVWindowServer::watchFrontWindowFullScreen(std::function<void(bool)> changed) {
-    QCoreApplication *app = QCoreApplication::instance();
-    const ConnectionRef shared = connection();
-    if (!app || !shared) return false;
+    const ConnectionRef shared = sharedConnection();
+    if (!QCoreApplication::instance() || !shared) return false;
     auto watch = std::make_shared<FullScreenWatch>();
-    watch->events = open(shared->display);
+    watch->events = openConnection(shared->display);
     if (!watch->events) return false;
     watch->changed = std::move(changed);
-    // Everything else, the callbacks included, happens on the application's
-    // thread, whichever thread asked for the watch.
-    QMetaObject::invokeMethod(
-        app,
-        [watch] {
-            const uint32_t property = XCB_EVENT_MASK_PROPERTY_CHANGE;
-            xcb_change_window_attributes(watch->events->xcb, watch->events->root, XCB_CW_EVENT_MASK,
-                                         &property);
-            watch->follow(activeWindow(*watch->events));
-            xcb_flush(watch->events->xcb);
-            auto *notifier =
-                new QSocketNotifier(xcb_get_file_descriptor(watch->events->xcb),
-                                    QSocketNotifier::Read, QCoreApplication::instance());
-            const auto handle = [watch, notifier] {
-                const bool relevant = watch->readEvents();
-                // A broken connection stays readable for ever.
-                if (xcb_connection_has_error(watch->events->xcb)) notifier->setEnabled(false);
-                if (relevant) watch->changed(KVWindowServer::isFrontWindowFullScreen());
-            };
-            QObject::connect(notifier, &QSocketNotifier::activated, notifier, handle);
-            // Events read while asking for the active window wait in xcb's
-            // queue, where the notifier cannot see them.
-            handle();
-        },
-        QThread::currentThread() == app->thread() ? Qt::DirectConnection : Qt::QueuedConnection);
-    return true;
+    const uint32_t property = XCB_EVENT_MASK_PROPERTY_CHANGE;
+    xcb_change_window_attributes(watch->events->xcb, watch->events->root, XCB_CW_EVENT_MASK,
+                                 &property);
+    watch->follow(activeWindow(*watch->events));
+    return followEvents(watch->events, [watch] {
+        if (watch->readEvents()) watch->changed(KVWindowServer::isFrontWindowFullScreen());
+    });
+}
+
+namespace {
+
+// Counts the CLIPBOARD selection's new owners; false when it cannot.
+bool watchClipboard(std::atomic<int> &changes) {
+    const ConnectionRef shared = sharedConnection();
+    if (!QCoreApplication::instance() || !shared) return false;
+    ConnectionRef events = openConnection(shared->display);
+    if (!events) return false;
+    const xcb_query_extension_reply_t *xfixes = xcb_get_extension_data(events->xcb, &xcb_xfixes_id);
+    if (!xfixes || !xfixes->present) return false;
+    // The extension ignores a client until it has said which version it speaks.
+    free(xcb_xfixes_query_version_reply(
+        events->xcb,
+        xcb_xfixes_query_version(events->xcb, XCB_XFIXES_MAJOR_VERSION, XCB_XFIXES_MINOR_VERSION),
+        nullptr));
+    xcb_xfixes_select_selection_input(events->xcb, events->root, events->atoms[Clipboard],
+                                      XCB_XFIXES_SELECTION_EVENT_MASK_SET_SELECTION_OWNER);
+    const uint8_t selectionNotify = xfixes->first_event + XCB_XFIXES_SELECTION_NOTIFY;
+    return followEvents(events, [events, selectionNotify, &changes] {
+        while (xcb_generic_event_t *event = xcb_poll_for_event(events->xcb)) {
+            if ((event->response_type & 0x7f) == selectionNotify) ++changes;
+            free(event);
+        }
+    });
+}
+
+}  // namespace
+
+int KVWindowServer::clipboardChangeCount() {
+    static std::atomic<int> changes{0};
+    static std::mutex mutex;
+    static bool watching = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (!watching) watching = watchClipboard(changes);
+    }
+    return changes;
 }
