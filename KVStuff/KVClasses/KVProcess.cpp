@@ -3,6 +3,7 @@
 #include <QElapsedTimer>
 #include <QStringList>
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -14,7 +15,9 @@
 #include "KVFormat.h"
 #include "KVFourCharCode.h"
 #include "KVLog.h"
+#include "KVNotificationQueue.h"
 #include "KVPath.h"
+#include "KVProcessWatcher_p.h"
 #include "KVProcess_p.h"
 #include "KVUserDefaults.h"
 #include "KVWindowServer.h"
@@ -71,6 +74,9 @@ QList<KVProcessRef> &cache() {
     static auto *list = new QList<KVProcessRef>;
     return *list;
 }
+
+std::atomic<int> s_appLaunchEndCount{0};
+std::atomic<bool> s_notificationsInstalled{false};
 
 KVProcessRef &currentProcessRecord() {
     static auto *record = new KVProcessRef;
@@ -185,7 +191,11 @@ KVProcessRef KVProcess::cachedProcessWithSerialNumber(const ProcessSerialNumber 
 
 void KVProcess::addToCache() {
     const Guard guard(classLock());
-    if (KVProcessRef self = weak_from_this().lock()) cache().insert(0, self);
+    KVProcessRef self = weak_from_this().lock();
+    if (!self) return;
+    cache().insert(0, self);
+    // Before the notifications are installed, installing watches the cache.
+    if (s_notificationsInstalled) KVProcessWatcher::watchEnd(m_psn);
 }
 
 void KVProcess::cleanupCache() {
@@ -209,9 +219,55 @@ const void *KVProcess::classObject() {
     return &tag;
 }
 
-// Application start and end events keep the cache clean; they are installed
-// by the notification layer, which is not built yet.
-void KVProcess::installNotifications() {}
+// ---- Notifications ----
+
+namespace {
+
+// On the main thread, inside the watcher's own handling: observers hear of
+// the change a turn later, through the queue.
+void applicationStartEndHandler(KVProcessWatcher::Change change) {
+    QString kind;
+    switch (change) {
+        case KVProcessWatcher::Change::Started:
+            KVProcess::applicationStarted();
+            kind = QStringLiteral("started");
+            break;
+        case KVProcessWatcher::Change::Ended:
+            KVProcess::applicationEnded();
+            kind = QStringLiteral("ended");
+            break;
+        case KVProcessWatcher::Change::Front:
+            kind = QStringLiteral("front");
+            break;
+        case KVProcessWatcher::Change::Exited:
+            KVProcess::cleanupCache();
+            return;
+    }
+    KVNotificationQueue::defaultQueue().enqueueNotification({KVProcessChangeNotification,
+                                                             KVProcess::classObject(),
+                                                             {{QStringLiteral("change"), kind}}});
+}
+
+}  // namespace
+
+void KVProcess::installNotifications() {
+    if (s_notificationsInstalled) return;
+    const Guard guard(classLock());
+    // Without an application object there is no event loop to watch from
+    // yet: a later lookup tries again.
+    if (s_notificationsInstalled || !KVProcessWatcher::install(applicationStartEndHandler)) return;
+    s_notificationsInstalled = true;
+    for (const KVProcessRef &record : cache()) KVProcessWatcher::watchEnd(record->serialNumber());
+}
+
+void KVProcess::applicationStarted() { ++s_appLaunchEndCount; }
+
+void KVProcess::applicationEnded() {
+    cleanupCache();
+    ++s_appLaunchEndCount;
+}
+
+int KVProcess::applicationLaunchEndCount() { return s_appLaunchEndCount; }
 
 // ---- Record ----
 

@@ -56,9 +56,24 @@ public:
     // The sender of KVProcessChangeNotification: the class itself, not a record.
     static const void *classObject();
     static QList<KVProcessRef> cachedProcesses();
-    // Puts this record at the front of the cache (no duplicate check). Only a
-    // record owned by a KVProcessRef can be cached.
+    // Puts this record at the front of the cache (no duplicate check) and
+    // watches its process's end. Only a record owned by a KVProcessRef can be
+    // cached.
     void addToCache();
+
+    // Starts following, on the main thread, applications that start (their
+    // windows appear), end (their windows go, or their process exits) and
+    // come to the front. Each change is posted as KVProcessChangeNotification
+    // ("change": "started", "ended" or "front") through the default
+    // notification queue, and an end prunes the cache. Once per process;
+    // every lookup calls it, and it waits for the application object.
+    static void installNotifications();
+    static void applicationStarted();
+    // Prunes the cache, then counts.
+    static void applicationEnded();
+    // Launches and ends seen so far: two readings differ once the set of
+    // running applications has changed.
+    static int applicationLaunchEndCount();
 
     // Fetches nothing; lookups are the usual way to get a record.
     explicit KVProcess(const ProcessSerialNumber &psn);
@@ -137,8 +152,6 @@ public:
     QVariant info() const;
 
 private:
-    static void installNotifications();
-
     const ProcessSerialNumber m_psn;
     // Filled lazily and never refreshed.
     mutable QVariantMap m_infoDictionary;

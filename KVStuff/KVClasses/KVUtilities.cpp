@@ -4,10 +4,12 @@
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 
+#include <QCoreApplication>
 #include <QJsonValue>
 #include <QLocale>
 #include <QMutex>
 #include <QPainter>
+#include <QTimer>
 #include <chrono>
 #include <cmath>
 #include <memory>
@@ -481,6 +483,83 @@ void KVUtilities::launchMicro(bool leaveWindowOrder) {
     KVUtilitiesPrivate::launchMicro(
         leaveWindowOrder,
         KVBundle::mainBundle().pathForResource(QStringLiteral("Micro"), QStringLiteral("app")));
+}
+
+// ---- Following the front process ----
+
+namespace {
+
+// On the main thread, where the watcher runs; locked all the same, since
+// any thread may ask for the publisher.
+struct ClipboardBookkeeping {
+    std::mutex lock;
+    KVProcessRef activeProcess;
+    int clipboardChangeCountAtStartOfActiveProcess = 0;
+    KVProcessRef clipboardPublisherProcess;
+};
+
+ClipboardBookkeeping &clipboardBookkeeping() {
+    // Never destroyed: records must not outlive the application object.
+    static auto *bookkeeping = new ClipboardBookkeeping;
+    return *bookkeeping;
+}
+
+bool isActive(const ClipboardBookkeeping &bookkeeping, const KVProcessRef &front) {
+    // No front process is never the active one, as nil equals nothing.
+    return front && front->isEqual(bookkeeping.activeProcess);
+}
+
+// processSwitched with the front process known; the lock is held.
+void noteFrontProcess(ClipboardBookkeeping &bookkeeping, const KVProcessRef &front) {
+    if (isActive(bookkeeping, front)) return;
+    const int count = KVWindowServer::clipboardChangeCount();
+    if (bookkeeping.activeProcess &&
+        count != bookkeeping.clipboardChangeCountAtStartOfActiveProcess)
+        bookkeeping.clipboardPublisherProcess = bookkeeping.activeProcess;
+    bookkeeping.activeProcess = front;
+    bookkeeping.clipboardChangeCountAtStartOfActiveProcess = count;
+}
+
+}  // namespace
+
+void KVUtilities::initialize() {
+    static std::mutex lock;
+    static bool initialized = false;
+    const std::lock_guard<std::mutex> guard(lock);
+    if (initialized) return;
+    // The watcher belongs to the main thread, whichever thread came first.
+    if (QCoreApplication *app = QCoreApplication::instance()) {
+        QMetaObject::invokeMethod(app, [] {
+            QTimer::singleShot(1000, QCoreApplication::instance(), &installProcessWatcher);
+        });
+    }
+    initialized = true;
+    kvLog(QStringLiteral("**Utilities initialized"));
+}
+
+void KVUtilities::installProcessWatcher() {
+    KVProcess::installNotifications();
+    KVNotificationCenter::defaultCenter().addObserver(KVProcessChangeNotification, nullptr,
+                                                      &processSwitched);
+}
+
+void KVUtilities::processSwitched(const KVNotification &) {
+    ClipboardBookkeeping &bookkeeping = clipboardBookkeeping();
+    const std::lock_guard<std::mutex> guard(bookkeeping.lock);
+    noteFrontProcess(bookkeeping, KVProcess::frontProcess());
+}
+
+KVProcessRef KVUtilities::clipboardPublisherProcess() {
+    initialize();
+    ClipboardBookkeeping &bookkeeping = clipboardBookkeeping();
+    const std::lock_guard<std::mutex> guard(bookkeeping.lock);
+    // A switch the notification has not told of yet counts too.
+    noteFrontProcess(bookkeeping, KVProcess::frontProcess());
+    if (KVWindowServer::clipboardChangeCount() ==
+        bookkeeping.clipboardChangeCountAtStartOfActiveProcess)
+        return bookkeeping.clipboardPublisherProcess;
+    // The clipboard changed while the front process has been in front.
+    return bookkeeping.activeProcess;
 }
 
 // ---- The user's environment ----

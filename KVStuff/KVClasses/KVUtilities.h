@@ -14,6 +14,7 @@
 #include <optional>
 
 #include "KVCompatibility.h"
+#include "KVNotificationCenter.h"
 #include "KVProcess.h"
 
 class KVUtilities {
@@ -131,6 +132,23 @@ public:
     // front window only, unless leaveWindowOrder). Does nothing in full-screen
     // mode. Blocks for about a second.
     static void launchMicro(bool leaveWindowOrder);
+
+    // ---- Following the front process ----
+
+    // Once per process, under a lock: logs "**Utilities initialized" and
+    // installs the process watcher a second later on the main thread. The
+    // queries that need the watcher call it.
+    static void initialize();
+    // Has processSwitched follow KVProcessChangeNotification from any sender.
+    static void installProcessWatcher();
+    // Notes a new front process with the clipboard's change count; when the
+    // count moved while the process before was in front, that one published
+    // the clipboard.
+    static void processSwitched(const KVNotification &notification);
+    // The process that last changed the clipboard as far as known: the front
+    // process when the clipboard changed while it has been in front. Null
+    // until the clipboard has changed while some process was in front.
+    static KVProcessRef clipboardPublisherProcess();
 
     // ---- The user's environment ----
 

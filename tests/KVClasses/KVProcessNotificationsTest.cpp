@@ -1,0 +1,182 @@
+// Process notifications from a real desktop: windows of real child programs
+// on Xvfb with openbox start, come to the front and quit; ended processes
+// leave the cache, with or without a display; and the clipboard, set by
+// another program, is credited to the front process of that moment.
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QProcess>
+#include <QTest>
+#include <thread>
+
+#include "FrontWindow.h"
+#include "KVNotificationCenter.h"
+#include "KVProcess.h"
+#include "KVUtilities.h"
+#include "LogCapture.h"
+#include "TestBundle.h"
+#include "XSession.h"
+
+namespace {
+
+constexpr int kWaitMs = 20000;
+
+class KVProcessNotificationsTest : public testing::Test {
+protected:
+    void SetUp() override {
+        m_token = KVNotificationCenter::defaultCenter().addObserver(
+            KVProcessChangeNotification, KVProcess::classObject(),
+            [this](const KVNotification &notification) {
+                changes << notification.userInfo.value("change").toString();
+                fronts << KVWindowServer::frontProcessID();
+            });
+    }
+    void TearDown() override {
+        KVNotificationCenter::defaultCenter().removeObserver(m_token);
+        for (std::unique_ptr<QProcess> *program : {&first, &second}) XSession::stop(*program);
+    }
+
+    // Whether the change arrives while the process is in front.
+    bool arrivesInFront(const QString &change, pid_t pid) {
+        return QTest::qWaitFor(
+            [&] {
+                for (qsizetype i = 0; i < changes.size(); ++i)
+                    if ((change.isEmpty() || changes[i] == change) && fronts[i] == pid) return true;
+                return false;
+            },
+            kWaitMs);
+    }
+    bool arrives(const QString &change) {
+        return QTest::qWaitFor([&] { return changes.contains(change); }, kWaitMs);
+    }
+    static bool leavesTheCache(const ProcessSerialNumber &psn) {
+        return QTest::qWaitFor(
+            [&] { return KVProcess::indexOfCachedProcessWithSerialNumber(psn) == NSNotFound; },
+            kWaitMs);
+    }
+    static bool countReaches(int count) {
+        return QTest::qWaitFor([&] { return KVProcess::applicationLaunchEndCount() >= count; },
+                               kWaitMs);
+    }
+    static std::unique_ptr<QProcess> window(const QString &title) {
+        QString error;
+        auto program = XSession::startWindowProgram(KV_TEST_WINDOW, {"--title", title}, &error);
+        EXPECT_TRUE(program) << qPrintable(error);
+        return program;
+    }
+
+    QStringList changes;
+    // The front process whenever one of the changes arrived.
+    QList<pid_t> fronts;
+    std::unique_ptr<QProcess> first, second;
+
+private:
+    int m_token = 0;
+};
+
+TEST_F(KVProcessNotificationsTest, LaunchFrontSwitchAndQuitArriveAndAreCountedOnce) {
+    ASSERT_EQ(XSession::start(), "");
+    KVProcess::installNotifications();
+    first = frontWindow({"--title", "First"});
+    EXPECT_TRUE(arrives("started"));
+    // A launch and its window's activation in one turn post only the first:
+    // some change arrives while the new window is in front.
+    second = frontWindow({"--title", "Second"});
+    EXPECT_TRUE(arrivesInFront("", pidOf(second)));
+    changes.clear();
+    fronts.clear();
+    ASSERT_TRUE(KVWindowServer::bringProcessToFront(pidOf(first), false));
+    EXPECT_TRUE(arrivesInFront("front", pidOf(first)));
+
+    // Its window goes and its process exits: one end, counted once.
+    const KVProcessRef quitter = KVProcess::processWithPID(pidOf(first));
+    ASSERT_TRUE(quitter);
+    const int count = KVProcess::applicationLaunchEndCount();
+    const pid_t quitterPID = pidOf(first);
+    XSession::stop(first);
+    EXPECT_TRUE(arrives("ended"));
+    EXPECT_TRUE(leavesTheCache(quitter->serialNumber()));
+    // Once the window manager lists no window of it (a process without
+    // windows cannot be brought forward), the news of that is waiting too;
+    // its exit was read before "ended" arrived.
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return !KVWindowServer::bringProcessToFront(quitterPID, true); }, kWaitMs));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(KVProcess::applicationLaunchEndCount(), count + 1);
+}
+
+TEST_F(KVProcessNotificationsTest, TwoLaunchesInOneTurnCountTwoAndPostOnce) {
+    ASSERT_EQ(XSession::start(), "");
+    KVProcess::installNotifications();
+    const int count = KVProcess::applicationLaunchEndCount();
+    // Starting a program waits without running the event loop: both windows
+    // are there before the watcher reads a single event.
+    first = window("One");
+    second = window("Two");
+    EXPECT_TRUE(countReaches(count + 2));
+    EXPECT_TRUE(arrives("started"));
+    EXPECT_EQ(KVProcess::applicationLaunchEndCount(), count + 2);
+    EXPECT_EQ(changes.count("started"), 1);
+}
+
+// A process without windows, on a machine without a display, looked up on
+// another thread: its pidfd still tells the main thread that it ended.
+TEST_F(KVProcessNotificationsTest, AnEndedProcessLeavesTheCacheWithoutADisplay) {
+    const ScopedEnv noDisplay("DISPLAY", std::nullopt);
+    KVProcess::installNotifications();
+    const pid_t child = TestBundle::start(KV_TEST_CHILD);
+    ASSERT_GT(child, 0);
+    KVProcessRef record;
+    std::thread([&] { record = KVProcess::processWithPID(child); }).join();
+    ASSERT_TRUE(record);
+    const int count = KVProcess::applicationLaunchEndCount();
+    TestBundle::stop(child);
+    EXPECT_TRUE(arrives("ended"));
+    EXPECT_TRUE(leavesTheCache(record->serialNumber()));
+    EXPECT_EQ(KVProcess::applicationLaunchEndCount(), count + 1);
+    EXPECT_FALSE(KVUtilities::clipboardPublisherProcess());
+}
+
+// A program without windows owns the clipboard while a window is in front.
+std::unique_ptr<QProcess> copyToClipboard(const QByteArray &text) {
+    auto owner = std::make_unique<QProcess>();
+    owner->start("xclip", {"-quiet", "-selection", "clipboard"});
+    EXPECT_TRUE(owner->waitForStarted()) << "xclip is missing; scripts/install-deps installs it";
+    owner->write(text);
+    owner->closeWriteChannel();
+    return owner;
+}
+
+TEST_F(KVProcessNotificationsTest, TheFrontProcessWhenTheClipboardChangesPublishedIt) {
+    ASSERT_EQ(XSession::start(), "");
+    first = frontWindow({"--title", "Writer"});
+    const KVProcessRef writer = KVProcess::processWithPID(pidOf(first));
+    const auto publishedBy = [](const KVProcessRef &process) {
+        return QTest::qWaitFor(
+            [&] {
+                const KVProcessRef publisher = KVUtilities::clipboardPublisherProcess();
+                return publisher && publisher->isEqual(process);
+            },
+            kWaitMs);
+    };
+    {
+        const LogCapture log;
+        EXPECT_FALSE(KVUtilities::clipboardPublisherProcess());
+        EXPECT_FALSE(KVUtilities::clipboardPublisherProcess());
+        EXPECT_EQ(log.messages(), QStringList{"**Utilities initialized"});
+    }
+    std::unique_ptr<QProcess> copy = copyToClipboard("first");
+    EXPECT_TRUE(publishedBy(writer));
+
+    // The writer stays the publisher once another process is in front, until
+    // the clipboard changes again.
+    second = frontWindow({"--title", "Reader"});
+    const KVProcessRef reader = KVProcess::processWithPID(pidOf(second));
+    EXPECT_TRUE(publishedBy(writer));
+    std::unique_ptr<QProcess> again = copyToClipboard("second");
+    EXPECT_TRUE(publishedBy(reader));
+    XSession::stop(copy);
+    XSession::stop(again);
+}
+
+}  // namespace
