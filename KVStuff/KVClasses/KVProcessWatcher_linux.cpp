@@ -44,6 +44,10 @@ private:
     void clientListChanged();
     void activeWindowChanged();
     void exited(Identity identity);
+    // The processes with windows in the client list, each once, in order.
+    std::vector<pid_t> clientOwners() const;
+    // 0 for no window, or one that names no process.
+    pid_t ownerOf(xcb_window_t window) const;
     void windowsLeft(Identity identity);
     // The identity of a process seen through its window; a process that has
     // ended already (or another user's) has only its pid.
@@ -76,14 +80,8 @@ void Watcher::followDesktop() {
     const uint32_t property = XCB_EVENT_MASK_PROPERTY_CHANGE;
     xcb_change_window_attributes(m_events->xcb, m_events->root, XCB_CW_EVENT_MASK, &property);
     // What runs already has started before we looked: no news.
-    const std::vector<uint32_t> clients = propertyValues(
-        *m_events,
-        requestProperty(*m_events, m_events->root, NetClientList, XCB_ATOM_WINDOW, kMaxWindows));
-    for (const pid_t pid : windowOwners(*m_events, clients))
-        if (pid > 0) m_clients.emplace(pid, serialNumberOf(pid));
-    const xcb_window_t active = activeWindow(*m_events);
-    const std::vector<pid_t> front = windowOwners(*m_events, {active});
-    m_front = active == XCB_NONE ? 0 : front.front();
+    for (const pid_t pid : clientOwners()) m_clients.emplace(pid, serialNumberOf(pid));
+    m_front = ownerOf(activeWindow(*m_events));
     followEvents(m_events, [this] { readEvents(); });
 }
 
@@ -105,13 +103,24 @@ void Watcher::readEvents() {
     }
 }
 
-void Watcher::clientListChanged() {
+std::vector<pid_t> Watcher::clientOwners() const {
     const std::vector<uint32_t> windows = propertyValues(
         *m_events,
         requestProperty(*m_events, m_events->root, NetClientList, XCB_ATOM_WINDOW, kMaxWindows));
     std::vector<pid_t> owners = windowOwners(*m_events, windows);
     std::sort(owners.begin(), owners.end());
     owners.erase(std::unique(owners.begin(), owners.end()), owners.end());
+    // Windows that name no process tell of none.
+    owners.erase(owners.begin(), std::upper_bound(owners.begin(), owners.end(), 0));
+    return owners;
+}
+
+pid_t Watcher::ownerOf(xcb_window_t window) const {
+    return window == XCB_NONE ? 0 : windowOwners(*m_events, {window}).front();
+}
+
+void Watcher::clientListChanged() {
+    const std::vector<pid_t> owners = clientOwners();
     std::vector<pid_t> left;
     for (const auto &[pid, psn] : m_clients)
         if (!std::binary_search(owners.begin(), owners.end(), pid)) left.push_back(pid);
@@ -121,18 +130,16 @@ void Watcher::clientListChanged() {
         windowsLeft(identity);
     }
     for (const pid_t pid : owners) {
-        if (pid <= 0 || m_clients.count(pid)) continue;
+        if (m_clients.count(pid)) continue;
         m_clients.emplace(pid, serialNumberOf(pid));
         m_changed(Change::Started);
     }
 }
 
 void Watcher::activeWindowChanged() {
-    const xcb_window_t active = activeWindow(*m_events);
-    if (active == XCB_NONE) return;
     // Focus moving between windows of one application is no switch, nor is
     // a moment without any active window.
-    const pid_t front = windowOwners(*m_events, {active}).front();
+    const pid_t front = ownerOf(activeWindow(*m_events));
     if (front <= 0 || front == m_front) return;
     m_front = front;
     m_changed(Change::Front);
