@@ -17,7 +17,6 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
-#include <QProcess>
 #include <QThread>
 #include <memory>
 
@@ -25,6 +24,7 @@
 #include "Relaunch.h"
 #include "TestEnvironment.h"
 #include "TestFiles.h"
+#include "ToolRun.h"
 
 namespace {
 using TestFiles::local;
@@ -80,21 +80,17 @@ protected:
         while (items.hasNext()) lchown(local(items.next()).constData(), uid, gid);
     }
 
-    struct Run {
-        int status = -1;
-        QString errors;
-    };
+    // The words of runuser that run the command as the user.
+    static QStringList asUser(const QStringList &command) {
+        return QStringList{"-u", Relaunch::unprivilegedUser(), "--"} + command;
+    }
     // train as the user, through pkexec.
-    Run train(const QStringList &arguments) const {
-        QProcess process;
-        process.start("runuser", QStringList{"-u", Relaunch::unprivilegedUser(), "--", "env", "-u",
-                                             "SHELL", "pkexec", tool} +
-                                     arguments);
-        Run run;
-        if (process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit)
-            run.status = process.exitCode();
-        run.errors = QString::fromUtf8(process.readAllStandardError());
-        return run;
+    ToolRun train(const QStringList &arguments) const {
+        return runTool("runuser",
+                       asUser(QStringList{"env", "-u", "SHELL", "pkexec", tool} + arguments));
+    }
+    static bool makeFolder(const QString &path, mode_t mode) {
+        return QDir().mkpath(path) && chmod(local(path).constData(), mode) == 0;
     }
 
     static QStringList entries(const QString &path) {
@@ -120,23 +116,19 @@ protected:
 // trusted attribute; its user attributes come along, every item is root's.
 TEST_F(TrainBoundaryTest, InstalledItemsAreRootsAndGiveNoMoreRights) {
     const QString contents = source + "/Contents";
-    ASSERT_TRUE(makeFile(contents + "/MacOS/Setuid", "#!/bin/sh\n", 04755));
-    ASSERT_TRUE(makeFile(contents + "/MacOS/Setgid", "#!/bin/sh\n", 02755));
-    ASSERT_TRUE(makeFile(contents + "/Resources/Open", "rewrite me", 0777));
-    QDir().mkpath(contents + "/Open");
-    QDir().mkpath(contents + "/Sticky");
-    chmod(local(contents + "/Open").constData(), 0777);
-    chmod(local(contents + "/Sticky").constData(), 01777);
     const QByteArray setuid = local(contents + "/MacOS/Setuid");
-    ASSERT_EQ(setxattr(setuid.constData(), "security.capability", kCapability.constData(),
-                       kCapability.size(), 0),
-              0);
-    ASSERT_EQ(setxattr(setuid.constData(), "trusted.kv", "t", 1, 0), 0);
-    ASSERT_EQ(setxattr(setuid.constData(), "user.kv", "u", 1, 0), 0);
+    ASSERT_TRUE(makeFile(contents + "/MacOS/Setuid", "#!/bin/sh\n", 04755) &&
+                makeFile(contents + "/MacOS/Setgid", "#!/bin/sh\n", 02755) &&
+                makeFile(contents + "/Resources/Open", "rewrite me", 0777) &&
+                makeFolder(contents + "/Open", 0777) && makeFolder(contents + "/Sticky", 01777));
+    ASSERT_TRUE(setxattr(setuid.constData(), "security.capability", kCapability.constData(),
+                         kCapability.size(), 0) == 0 &&
+                setxattr(setuid.constData(), "trusted.kv", "t", 1, 0) == 0 &&
+                setxattr(setuid.constData(), "user.kv", "u", 1, 0) == 0);
     giveToUser(mine);
 
     const QString installed = rootOnly + "/Product.app";
-    const Run run = train({source, installed});
+    const ToolRun run = train({source, installed});
     ASSERT_EQ(run.status, 0) << qPrintable(run.errors);
     QStringList items{installed};
     QDirIterator walk(installed, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
@@ -188,10 +180,8 @@ TEST_F(TrainBoundaryTest, NoLinkInTheDestinationPathIsFollowed) {
                                    {source, mine + "/a/to-root/Product.app"},
                                    {source, mine + "/a/to-root/../Product.app"},
                                    {mine + "/plain", rootOnly + "/keep"}};
-    for (const QStringList &arguments : refused) {
-        const Run run = train(arguments);
-        EXPECT_NE(run.status, 0) << qPrintable(arguments.join(" "));
-    }
+    for (const QStringList &arguments : refused)
+        EXPECT_NE(train(arguments).status, 0) << qPrintable(arguments.join(" "));
     EXPECT_EQ(train({source, mine + "/a/b/Product.app"}).status, 0);
     EXPECT_EQ(TestFiles::markerOf(mine + "/a/b/Product.app"), "new");
     EXPECT_EQ(TestFiles::snapshot(rootOnly), before);
@@ -296,17 +286,15 @@ TEST_F(TrainBoundaryTest, TheReplacedCopyGoesWhereTheUserCanRestoreIt) {
     ASSERT_TRUE(info.open(QIODevice::ReadOnly));
     EXPECT_TRUE(info.readAll().startsWith("[Trash Info]\nPath=apps/Product.app\nDeletionDate="));
     EXPECT_EQ(QFileInfo(info).ownerId(), uid);
-    EXPECT_EQ(QProcess::execute("runuser", {"-u", Relaunch::unprivilegedUser(), "--", "mv",
-                                            trash + "/files/Product.app", volume + "/mine/"}),
+    EXPECT_EQ(QProcess::execute("runuser",
+                                asUser({"mv", trash + "/files/Product.app", volume + "/mine/"})),
               0);
-    EXPECT_EQ(QProcess::execute("runuser", {"-u", Relaunch::unprivilegedUser(), "--", "rm", "-r",
-                                            volume + "/mine/Product.app"}),
-              0);
+    EXPECT_EQ(QProcess::execute("runuser", asUser({"rm", "-r", volume + "/mine/Product.app"})), 0);
 
     // A trash folder that is not the user's is never used.
     QDir(trash).removeRecursively();
     makeFile(trash, "root's file", 0600);
-    const Run run = train({source, apps + "/Product.app"});
+    const ToolRun run = train({source, apps + "/Product.app"});
     EXPECT_EQ(run.status, 0);
     EXPECT_TRUE(
         run.errors.contains("Kept the replaced copy as " + apps + "/Product (replaced).app"))
