@@ -55,3 +55,11 @@ int Relaunch::runCopy(const QString &executablePath, const QString &filter, cons
     *output = QString::fromLocal8Bit(process.readAll());
     return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
+
+testing::AssertionResult Relaunch::copyPasses(const QString &executablePath, const QString &filter,
+                                              const QString &user, const QStringList &environment) {
+    QString output;
+    const int status = runCopy(executablePath, filter, user, &output, environment);
+    if (status == 0 && output.contains("[  PASSED  ] 1 test")) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "status " << status << "\n" << output.toStdString();
+}

@@ -4,6 +4,8 @@
 // copy of this test binary, started by a test of the normal run.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <QString>
 #include <QStringList>
 
@@ -13,15 +15,19 @@ QString unprivilegedUser();
 bool isRoot();
 // Whether this process is such a copy (suites meant for copies run only there).
 bool isCopy();
-// Copies this test binary to executablePath (folders made, world-readable)
-// and runs it with the GoogleTest filter, as the user when one is named.
-// Returns the exit status (-1 when it could not run); output gets all it printed.
-// environment holds extra "NAME=value" entries for the copy.
 // Copies the item (a file, or a folder whole as cp -a does) into the folder,
 // made and opened to everyone, and returns the copy's path; null when the
 // copy failed. What another user runs must not stay in the build tree, which
 // may lie under a private folder (a clone in a 0700 home).
 QString stage(const QString &path, const QString &folder);
+// Copies this test binary to executablePath (folders made, world-readable)
+// and runs it with the GoogleTest filter, as the user when one is named.
+// Returns the exit status (-1 when it could not run); output gets all it
+// printed. environment holds extra "NAME=value" entries for the copy.
 int runCopy(const QString &executablePath, const QString &filter, const QString &user,
             QString *output, const QStringList &environment = {});
+// Runs such a copy of the one test the filter names: success when it passed,
+// else a failure that carries everything the copy printed.
+testing::AssertionResult copyPasses(const QString &executablePath, const QString &filter,
+                                    const QString &user = {}, const QStringList &environment = {});
 }  // namespace Relaunch

@@ -12,21 +12,33 @@
 #include "KVProcess.h"
 #include "ReadySpawn.h"
 
-QString TestBundle::make(const QString &folder, const QString &name, QVariantMap info,
-                         bool withExecutable, KVPropertyList::Format format) {
+namespace {
+QString makeBundle(const QString &folder, const QString &name, QVariantMap info,
+                   const char *program, KVPropertyList::Format format) {
     const QString bundle = folder + "/" + name + ".app";
     if (!info.contains("CFBundleExecutable")) info.insert("CFBundleExecutable", name);
     QDir().mkpath(bundle + "/Contents/MacOS");
     QDir().mkpath(bundle + "/Contents/Resources");
     KVPropertyList::writeFile(info, bundle + "/Contents/Info.plist", format);
-    if (withExecutable) {
+    if (program) {
         const QString exe =
             bundle + "/Contents/MacOS/" + info.value("CFBundleExecutable").toString();
         QFile::remove(exe);
-        QFile::copy(KV_TEST_CHILD, exe);
-        QFile::setPermissions(exe, QFile::permissions(KV_TEST_CHILD));
+        QFile::copy(program, exe);
+        QFile::setPermissions(exe, QFile::permissions(program));
     }
     return bundle;
+}
+}  // namespace
+
+QString TestBundle::make(const QString &folder, const QString &name, QVariantMap info,
+                         bool withExecutable, KVPropertyList::Format format) {
+    return makeBundle(folder, name, info, withExecutable ? KV_TEST_CHILD : nullptr, format);
+}
+
+QString TestBundle::makeProduct(const QString &folder, const QString &name,
+                                const QVariantMap &info) {
+    return makeBundle(folder, name, info, KV_TEST_PRODUCT, KVPropertyList::Format::Xml);
 }
 
 QString TestBundle::executableOf(const QString &bundlePath) {

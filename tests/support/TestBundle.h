@@ -16,6 +16,9 @@ namespace TestBundle {
 QString make(const QString &folder, const QString &name, QVariantMap info = {},
              bool withExecutable = true,
              KVPropertyList::Format format = KVPropertyList::Format::Xml);
+// The same with kvtest_product, which answers events and reports "Done", as
+// its executable.
+QString makeProduct(const QString &folder, const QString &name, const QVariantMap &info);
 QString executableOf(const QString &bundlePath);
 
 // Starts the program as a child process (in its own process group) with the
