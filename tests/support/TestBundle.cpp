@@ -13,32 +13,31 @@
 #include "ReadySpawn.h"
 
 namespace {
-QString makeBundle(const QString &folder, const QString &name, QVariantMap info,
-                   const char *program, KVPropertyList::Format format) {
-    const QString bundle = folder + "/" + name + ".app";
-    if (!info.contains("CFBundleExecutable")) info.insert("CFBundleExecutable", name);
-    QDir().mkpath(bundle + "/Contents/MacOS");
-    QDir().mkpath(bundle + "/Contents/Resources");
-    KVPropertyList::writeFile(info, bundle + "/Contents/Info.plist", format);
-    if (program) {
-        const QString exe =
-            bundle + "/Contents/MacOS/" + info.value("CFBundleExecutable").toString();
-        QFile::remove(exe);
-        QFile::copy(program, exe);
-        QFile::setPermissions(exe, QFile::permissions(program));
-    }
-    return bundle;
+void copyProgram(const QString &program, const QString &path) {
+    QFile::remove(path);
+    QFile::copy(program, path);
+    QFile::setPermissions(path, QFile::permissions(program));
 }
 }  // namespace
 
 QString TestBundle::make(const QString &folder, const QString &name, QVariantMap info,
                          bool withExecutable, KVPropertyList::Format format) {
-    return makeBundle(folder, name, info, withExecutable ? KV_TEST_CHILD : nullptr, format);
+    const QString bundle = folder + "/" + name + ".app";
+    if (!info.contains("CFBundleExecutable")) info.insert("CFBundleExecutable", name);
+    QDir().mkpath(bundle + "/Contents/MacOS");
+    QDir().mkpath(bundle + "/Contents/Resources");
+    KVPropertyList::writeFile(info, bundle + "/Contents/Info.plist", format);
+    if (withExecutable)
+        copyProgram(KV_TEST_CHILD,
+                    bundle + "/Contents/MacOS/" + info.value("CFBundleExecutable").toString());
+    return bundle;
 }
 
 QString TestBundle::makeProduct(const QString &folder, const QString &name,
                                 const QVariantMap &info) {
-    return makeBundle(folder, name, info, KV_TEST_PRODUCT, KVPropertyList::Format::Xml);
+    const QString bundle = make(folder, name, info, false);
+    copyProgram(KV_TEST_PRODUCT, executableOf(bundle));
+    return bundle;
 }
 
 QString TestBundle::executableOf(const QString &bundlePath) {
