@@ -95,7 +95,8 @@ TEST_F(StartupTest, LaunchedWithArgumentsAppendsTheDescriptionToTheLogFile) {
         << qPrintable(log);
     EXPECT_TRUE(log.contains("    destinationPath = \"" + folder + "/Applications/Product.app\";"))
         << qPrintable(log);
-    ASSERT_TRUE(runUntil(installer, roadOfOneInstallation(), "] Updated arguments: {"));
+    // Three words are the fewest that count as a description.
+    ASSERT_TRUE(runUntil(installer, {"-sourcePath", product}, "] Updated arguments: {"));
     EXPECT_EQ(logFile().count("] Updated arguments: {"), 2);
 
     // A file where the log folder should be: neither stream can be reopened,
