@@ -45,16 +45,10 @@ public:
         return "U" + QString::number(getpid() % 46656, 36).rightJustified(3, '0');
     }
     static QString product(const QString &where, const QString &version) {
-        const QString bundle =
-            TestBundle::make(where, "Product",
-                             {{"CFBundleSignature", code()},
-                              {"CFBundleIdentifier", "org.velmora.test.unattended"},
-                              {"CFBundleShortVersionString", version}},
-                             false);
-        QFile::copy(KV_TEST_PRODUCT, TestBundle::executableOf(bundle));
-        QFile::setPermissions(TestBundle::executableOf(bundle),
-                              QFile::permissions(KV_TEST_PRODUCT));
-        return bundle;
+        return TestBundle::makeProduct(where, "Product",
+                                       {{"CFBundleSignature", code()},
+                                        {"CFBundleIdentifier", "org.velmora.test.unattended"},
+                                        {"CFBundleShortVersionString", version}});
     }
     static QString version(const QString &bundle) {
         const QVariant info = KVPropertyList::fromFile(bundle + "/Contents/Info.plist");
