@@ -57,9 +57,6 @@ public:
     // program ends with the outcome's exit status.
     static bool isUnattendedRequested();
     void runUnattended();
-    bool isUnattended() const { return m_unattended; }
-    // Why the command line cannot drive an unattended run; null when it can.
-    QString unattendedArgumentError() const;
 
     // Command line and product description.
     bool isLaunchedWithArguments() const;
@@ -162,6 +159,8 @@ private:
     QString finalText(const QString &key) const;
     // Starts the worker thread of one install run.
     void startInstallThread();
+    // Why the command line cannot drive an unattended run; null when it can.
+    QString unattendedArgumentError() const;
     // Unattended: the outcome's text to the saved standard error, then the
     // end of the program with the status (once the event loop runs).
     void finishUnattended(const QString &text, InstallerExitStatus status);
