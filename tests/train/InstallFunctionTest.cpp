@@ -230,6 +230,13 @@ TEST_F(InstallTest, TheSourceIsTheBundleItNames) {
     EXPECT_EQ(snapshot(destination), bundle);
 }
 
+// A name near the limit of 255 bytes still leaves room for its staging name.
+TEST_F(InstallTest, ALongNameIsInstalled) {
+    const QString longName = applications + "/" + QString(246, 'L') + ".app";
+    EXPECT_EQ(InstallApplication(source, longName, QString()), 0);
+    EXPECT_EQ(markerOf(longName), "new");
+}
+
 // A copy that is killed half-way, cancelled by the program that runs it or
 // fills the disk leaves the old copy in place; the next run removes what the
 // killed one left and installs.

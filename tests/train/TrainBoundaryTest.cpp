@@ -208,6 +208,30 @@ TEST_F(TrainBoundaryTest, SourcesAreReadWithTheUsersRights) {
     }
 }
 
+// Nor does it read what root's groups may: a file of group root that the
+// user's groups may not read fails the copy.
+TEST_F(TrainBoundaryTest, SourcesAreReadWithTheUsersGroups) {
+    const QString product = mine + "/Volume/Group.app";
+    ASSERT_FALSE(TestFiles::makeProduct(product, "new").isNull());
+    giveToUser(mine);
+    ASSERT_TRUE(makeFile(product + "/Contents/group-secret", "root's group", 0640));
+    EXPECT_EQ(train({product, rootOnly + "/Product.app"}).status, 2);
+    EXPECT_EQ(entries(rootOnly), QStringList{"keep"});
+}
+
+// The user's limits come along through pkexec: a file larger than the user's
+// soft limit on file size is installed whole all the same.
+TEST_F(TrainBoundaryTest, TheUsersResourceLimitsAreLifted) {
+    const QString large = "/Contents/Resources/large";
+    ASSERT_TRUE(makeFile(source + large, QByteArray(65536, 'x'), 0644));
+    giveToUser(mine);
+    const ToolRun run =
+        runTool("runuser", asUser({"prlimit", "--fsize=4096:unlimited", "env", "-u", "SHELL",
+                                   "pkexec", tool, source, rootOnly + "/Product.app"}));
+    EXPECT_EQ(run.status, 0) << qPrintable(run.errors);
+    EXPECT_EQ(QFileInfo(rootOnly + "/Product.app" + large).size(), 65536);
+}
+
 // A wrapper replaces the items of an installed wrapper folder only: in a
 // folder that does not hold the product, root's items stay. A tree nested
 // deeper than any bundle fails the copy and leaves nothing behind.
