@@ -20,7 +20,6 @@
 #include "InstallerWinController.h"
 #include "KVAppleEvent.h"
 #include "KVFourCharCode.h"
-#include "KVPropertyList.h"
 #include "KVUserDefaults.h"
 #include "LogCapture.h"
 #include "Polkit.h"
@@ -48,20 +47,15 @@ private:
     pid_t m_pid;
 };
 
-// The product's code, this test process's own: a run quits every running
-// copy with the code, and other test processes run their products beside.
-QString productCode() {
-    const char *digits = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-    QString code = "R";
-    for (int n = getpid(), i = 0; i < 3; ++i, n /= 62) code += QChar(digits[n % 62]);
-    return code;
-}
+using TestBundle::makeRoadProduct;
+using TestBundle::productCode;
+using TestBundle::versionOf;
 
 class InstallRunTest : public testing::Test {
 protected:
     void SetUp() override {
         folder = TestEnvironment::makeTempDir("road");
-        source = makeProduct(folder + "/media", "2.0");
+        source = makeRoadProduct(folder + "/media", "2.0");
         applications = folder + "/Applications";
         QDir().mkpath(applications);
         destination = applications + "/Product.app";
@@ -76,19 +70,6 @@ protected:
         controller.reset();
     }
 
-    // A product bundle whose program answers the quit event and reports
-    // "Done" with its name and version once started.
-    static QString makeProduct(const QString &where, const QString &version) {
-        return TestBundle::makeProduct(where, "Product",
-                                       {{"CFBundleSignature", productCode()},
-                                        {"CFBundleName", "Product"},
-                                        {"CFBundleIdentifier", "org.velmora.test.road"},
-                                        {"CFBundleShortVersionString", version}});
-    }
-    static QString version(const QString &bundle) {
-        const QVariant info = KVPropertyList::fromFile(bundle + "/Contents/Info.plist");
-        return info.toMap().value("CFBundleShortVersionString").toString();
-    }
     static QString trash() { return qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files"; }
     InstallerWinController &setUp(const QStringList &extra = {}, const QString &version = "2.0") {
         QStringList argv{"/x/Installer", "-productName", "Product",          "-sourcePath", source,
@@ -145,7 +126,7 @@ protected:
 using EngineTest = InstallRunTest;
 
 TEST_F(InstallRunTest, RunningVersionOneIsReplacedByALaunchedVersionTwo) {
-    const QString old = makeProduct(applications, "1.0");
+    const QString old = makeRoadProduct(applications, "1.0");
     qunsetenv("KV_TEST_DONE_PID");
     const pid_t running = TestBundle::start(old + "/Contents/MacOS/Product");
     qputenv("KV_TEST_DONE_PID", QByteArray::number(getpid()));
@@ -169,8 +150,8 @@ TEST_F(InstallRunTest, RunningVersionOneIsReplacedByALaunchedVersionTwo) {
     EXPECT_EQ(log.mid(log.indexOf("successfully copied"), 6),
               (QStringList{"successfully copied", "launching " + destination, "waited 0.5",
                            "registered app: 0", "waited 0.3", "launched immediately: 1"}));
-    EXPECT_EQ(version(trash() + "/Product.app"), "1.0");
-    EXPECT_EQ(version(destination), "2.0");
+    EXPECT_EQ(versionOf(trash() + "/Product.app"), "1.0");
+    EXPECT_EQ(versionOf(destination), "2.0");
     EXPECT_TRUE(QFile::exists(qEnvironmentVariable("XDG_DATA_HOME") +
                               "/applications/org.velmora.test.road.desktop"));
 
@@ -276,7 +257,7 @@ TEST_F(InstallRunTest, CopyThatCannotBeTrashedFailsAndTheQuitDelayStillEndsThePr
     EXPECT_EQ(log.filter("ERROR"),
               (QStringList{"ERROR -- Could not trash '" + destination + "'",
                            "ERROR -- Could not trash existing " + destination}));
-    EXPECT_EQ(version(destination), "1.0");
+    EXPECT_EQ(versionOf(destination), "1.0");
     EXPECT_EQ(ui().messageField->text(),
               "Could not delete existing copy.\nTry installing Product manually by copying it to "
               "the Applications folder.");

@@ -45,6 +45,28 @@ QString TestBundle::executableOf(const QString &bundlePath) {
     return bundlePath + "/Contents/MacOS/" + info.value("CFBundleExecutable").toString();
 }
 
+QString TestBundle::productCode() {
+    const char *digits = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+    QString code = "R";
+    for (int n = getpid(), i = 0; i < 3; ++i, n /= 62) code += QChar(digits[n % 62]);
+    return code;
+}
+
+QString TestBundle::makeRoadProduct(const QString &where, const QString &version) {
+    return makeProduct(where, "Product",
+                       {{"CFBundleSignature", productCode()},
+                        {"CFBundleName", "Product"},
+                        {"CFBundleIdentifier", "org.velmora.test.road"},
+                        {"CFBundleShortVersionString", version}});
+}
+
+QString TestBundle::versionOf(const QString &bundlePath) {
+    return KVPropertyList::fromFile(bundlePath + "/Contents/Info.plist")
+        .toMap()
+        .value("CFBundleShortVersionString")
+        .toString();
+}
+
 pid_t TestBundle::start(const QString &program, const QStringList &arguments) {
     std::vector<std::string> words{QFile::encodeName(program).toStdString()};
     for (const QString &a : arguments) words.push_back(a.toLocal8Bit().toStdString());

@@ -20,6 +20,13 @@ QString make(const QString &folder, const QString &name, QVariantMap info = {},
 // its executable.
 QString makeProduct(const QString &folder, const QString &name, const QVariantMap &info);
 QString executableOf(const QString &bundlePath);
+// The product code of this test process's own products: a run quits every
+// running copy with the code, and other test processes run theirs beside.
+QString productCode();
+// The product of the road of one installation, where/Product.app, with the
+// code above and the version.
+QString makeRoadProduct(const QString &where, const QString &version);
+QString versionOf(const QString &bundlePath);
 
 // Starts the program as a child process (in its own process group) with the
 // arguments and waits until it says it is ready; returns its pid or -1.

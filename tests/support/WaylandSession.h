@@ -1,0 +1,36 @@
+// A real Wayland compositor for the tests of a Wayland session: weston with
+// its headless back end, in a runtime folder of its own, optionally with
+// XWayland for X11 clients. Started and stopped by its process id.
+#pragma once
+
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+#include <memory>
+
+class WaylandSession {
+public:
+    enum class Clients { Native, XWayland };
+
+    WaylandSession() = default;
+    ~WaylandSession();
+    WaylandSession(const WaylandSession &) = delete;
+    WaylandSession &operator=(const WaylandSession &) = delete;
+
+    // Why the compositor could not be started; empty when it runs.
+    QString start(Clients clients);
+    // What a client of the session sees, as "NAME=value": the compositor's
+    // socket, no X11 display (XWayland's, when clients use it) and Qt's
+    // platform for either.
+    QStringList clientVariables() const;
+    QProcessEnvironment clientEnvironment() const;
+    // weston's scene graph: one line per view with its role, the pid of its
+    // client and its title.
+    QString sceneGraph() const;
+
+private:
+    std::unique_ptr<QProcess> m_weston;
+    Clients m_clients = Clients::Native;
+    QString m_runtimeFolder, m_socket, m_display;
+};
