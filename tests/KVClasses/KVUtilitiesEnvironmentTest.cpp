@@ -16,6 +16,7 @@
 #include "CopyPasses.h"
 #include "FrontWindow.h"
 #include "KVDynamicColor.h"
+#include "KVProcess.h"
 #include "KVPropertyList.h"
 #include "KVUserDefaults.h"
 #include "KVUtilities.h"
@@ -23,8 +24,10 @@
 #include "KVWindowServer.h"
 #include "LogCapture.h"
 #include "Relaunch.h"
+#include "StringExtensions.h"
 #include "TestEnvironment.h"
 #include "TestPalette.h"
+#include "WaylandSession.h"
 #include "XSession.h"
 
 using namespace KVUtilitiesPrivate;
@@ -178,22 +181,30 @@ QList<pid_t> secureInputPIDs() {
     return pids;
 }
 
-// In copies of this program without a display: no idle time, no secure
-// input, and full-screen mode cannot be watched, which is logged once.
+// In copies of this program without an X11 display, bare or in a Wayland
+// session (whose headless compositor offers no protocol for any of these):
+// no idle time, no secure input, no front process, no key names, and
+// full-screen mode cannot be watched, which is logged once.
 TEST(KVUtilitiesNoDisplayCopy, NoAnswersAndFullScreenModeLoggedOnce) {
     if (!Relaunch::isCopy()) GTEST_SKIP() << "runs in copies";
     EXPECT_EQ(KVUtilities::idleTime(), -1.0);
     EXPECT_TRUE(KVUtilities::secureInputProcesses().isEmpty());
+    EXPECT_FALSE(KVProcess::frontProcess());
+    EXPECT_EQ(StringExtensions::stringWithVirtualKeyCode(0, 0), "<ERR>");
     const LogCapture log;
     EXPECT_FALSE(KVUtilities::fullScreenMode());
     EXPECT_FALSE(KVUtilities::fullScreenMode());
     EXPECT_EQ(log.messages(), QStringList("could not install menu bar visibility event handl)"));
 }
 
-TEST(KVUtilitiesDesktopTest, WithoutADisplay) {
+TEST(KVUtilitiesDesktopTest, WithoutAnX11Display) {
     if (Relaunch::isCopy()) GTEST_SKIP() << "starts the copy";
-    EXPECT_TRUE(copyPasses(TestEnvironment::makeTempDir(QStringLiteral("nodisplay")) + "/copy",
-                           "KVUtilitiesNoDisplayCopy.*", {}, {"DISPLAY="}));
+    WaylandSession wayland;
+    const QString error = wayland.start(WaylandSession::Clients::Native);
+    ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
+    for (const QStringList &environment : {QStringList{"DISPLAY="}, wayland.clientVariables()})
+        EXPECT_TRUE(copyPasses(TestEnvironment::makeTempDir(QStringLiteral("nodisplay")) + "/copy",
+                               "KVUtilitiesNoDisplayCopy.*", {}, environment));
 }
 
 TEST(KVUtilitiesDesktopTest, IdleTimeAndAKeyboardGrabOfAnotherProgram) {
