@@ -10,6 +10,7 @@
 #include "QStringStream.h"
 #include "StringExtensions.h"
 #include "TestEnvironment.h"
+#include "WaylandSession.h"
 #include "XSession.h"
 
 using namespace StringExtensions;
@@ -436,19 +437,31 @@ TEST(StringExtensionsTest, SkinColours) {
     EXPECT_EQ(UTF16SequenceString(emojiStringWithSkinColor(u16({0xD800}), 3)), "D800,D83C,DFFC");
 }
 
-// A real X server with its default (US) keymap; without a display, nothing to ask.
+// The default (US) keymap of a real X server, and the same passed on by a
+// Wayland compositor to a client without an X display; with neither there
+// is nothing to ask.
 TEST(StringExtensionsTest, KeyNamesOfTheCurrentLayout) {
     {
         ScopedEnv noDisplay("DISPLAY", std::nullopt);
+        ScopedEnv noCompositor("WAYLAND_DISPLAY", std::nullopt);
         EXPECT_EQ(stringWithVirtualKeyCode(0, 0), "<ERR>");
     }
-    ASSERT_EQ(XSession::start(), "");  // or why not
-    const std::tuple<uint16_t, uint32_t, QString> keys[] = {
-        {0x00, 0, "a"},     {0x00, 0x02, "A"},  {0x00, 0x04, "A"},   {0x12, 0, "1"},
-        {0x12, 0x02, "!"},  {0x31, 0, " "},     {0x2C, 0x02, "?"},   {0x43, 0, "*"},
-        {0x34, 0, "<ERR>"}, {0x7A, 0, "<ERR>"}, {0xFFFF, 0, "<ERR>"}};
-    for (const auto &[code, modifiers, text] : keys)
-        EXPECT_EQ(stringWithVirtualKeyCode(code, modifiers), text) << code << " " << modifiers;
+    {
+        WaylandSession wayland;
+        const QString error = wayland.start(WaylandSession::Clients::Native, true);
+        ASSERT_TRUE(error.isEmpty()) << error;
+        const std::tuple<uint16_t, uint32_t, QString> keys[] = {
+            {0x00, 0, "a"},     {0x00, 0x02, "A"},  {0x00, 0x04, "A"},   {0x12, 0, "1"},
+            {0x12, 0x02, "!"},  {0x31, 0, " "},     {0x2C, 0x02, "?"},   {0x43, 0, "*"},
+            {0x34, 0, "<ERR>"}, {0x7A, 0, "<ERR>"}, {0xFFFF, 0, "<ERR>"}};
+        for (const bool compositor : {false, true}) {
+            const auto scope =
+                compositor ? wayland.clientScope() : decltype(wayland.clientScope()){};
+            for (const auto &[code, modifiers, text] : keys)
+                EXPECT_EQ(stringWithVirtualKeyCode(code, modifiers), text)
+                    << code << " " << modifiers << " " << compositor;
+        }
+    }
     XSession::stop();
 }
 

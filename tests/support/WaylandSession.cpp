@@ -7,11 +7,10 @@
 #include <QStandardPaths>
 
 #include "TestEnvironment.h"
-#include "XSession.h"
 
 WaylandSession::~WaylandSession() { XSession::stop(m_weston); }
 
-QString WaylandSession::start(Clients clients) {
+QString WaylandSession::start(Clients clients, bool withKeyboard) {
     m_clients = clients;
     for (const char *tool : {"weston", "weston-debug", "Xwayland"})
         if (QStandardPaths::findExecutable(tool).isEmpty())
@@ -23,14 +22,21 @@ QString WaylandSession::start(Clients clients) {
     m_socket = QString("kv-wayland-%1").arg(getpid());
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("XDG_RUNTIME_DIR", m_runtimeFolder);
-    environment.remove("DISPLAY");
     environment.remove("WAYLAND_DISPLAY");
+    if (withKeyboard) {
+        const QString error = XSession::start();
+        if (!error.isEmpty()) return error;
+        environment.insert("DISPLAY", XSession::display());
+    } else {
+        environment.remove("DISPLAY");
+    }
     m_weston = std::make_unique<QProcess>();
     m_weston->setProcessEnvironment(environment);
     m_weston->setProcessChannelMode(QProcess::MergedChannels);
     // --debug lets any client read the scene graph.
-    QStringList arguments{"--backend=headless-backend.so", "--socket=" + m_socket, "--no-config",
-                          "--debug"};
+    QStringList arguments{
+        withKeyboard ? "--backend=x11-backend.so" : "--backend=headless-backend.so",
+        "--socket=" + m_socket, "--no-config", "--debug"};
     if (clients == Clients::XWayland) arguments << "--xwayland";
     m_weston->start("weston", arguments);
     // The shell's client is launched once the socket (and XWayland's display)
@@ -46,19 +52,33 @@ QString WaylandSession::start(Clients clients) {
     return {};
 }
 
-QStringList WaylandSession::clientVariables() const {
+std::vector<std::pair<const char *, QString>> WaylandSession::clientValues() const {
     const bool x11 = m_clients == Clients::XWayland;
-    return {"XDG_RUNTIME_DIR=" + m_runtimeFolder, "WAYLAND_DISPLAY=" + m_socket,
-            "XDG_SESSION_TYPE=wayland", "DISPLAY=" + m_display,
-            QString("QT_QPA_PLATFORM=") + (x11 ? "xcb" : "wayland")};
+    return {{"XDG_RUNTIME_DIR", m_runtimeFolder},
+            {"WAYLAND_DISPLAY", m_socket},
+            {"XDG_SESSION_TYPE", "wayland"},
+            {"DISPLAY", m_display},
+            {"QT_QPA_PLATFORM", x11 ? "xcb" : "wayland"}};
+}
+
+QStringList WaylandSession::clientVariables() const {
+    QStringList variables;
+    for (const auto &[name, value] : clientValues()) variables << name + ('=' + value);
+    return variables;
 }
 
 QProcessEnvironment WaylandSession::clientEnvironment() const {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const QString &entry : clientVariables())
-        environment.insert(entry.section('=', 0, 0), entry.section('=', 1));
+    for (const auto &[name, value] : clientValues()) environment.insert(name, value);
     if (m_display.isEmpty()) environment.remove("DISPLAY");
     return environment;
+}
+
+std::vector<std::unique_ptr<ScopedEnv>> WaylandSession::clientScope() const {
+    std::vector<std::unique_ptr<ScopedEnv>> scope;
+    for (const auto &[name, value] : clientValues())
+        scope.push_back(std::make_unique<ScopedEnv>(name, value.toLocal8Bit()));
+    return scope;
 }
 
 QString WaylandSession::sceneGraph() const {
