@@ -438,13 +438,13 @@ TEST(StringExtensionsTest, SkinColours) {
 }
 
 // The default (US) keymap of a real X server, and the same passed on by a
-// Wayland compositor to a client without an X display; with neither there
-// is nothing to ask.
+// Wayland compositor to a client without an X display; with neither (or a
+// compositor that is not there) there is nothing to ask.
 TEST(StringExtensionsTest, KeyNamesOfTheCurrentLayout) {
-    {
+    for (const char *compositor : {"", "kv-no-such-compositor"}) {
         ScopedEnv noDisplay("DISPLAY", std::nullopt);
-        ScopedEnv noCompositor("WAYLAND_DISPLAY", std::nullopt);
-        EXPECT_EQ(stringWithVirtualKeyCode(0, 0), "<ERR>");
+        ScopedEnv noCompositor("WAYLAND_DISPLAY", compositor);
+        EXPECT_EQ(stringWithVirtualKeyCode(0, 0), "<ERR>") << compositor;
     }
     {
         WaylandSession wayland;
