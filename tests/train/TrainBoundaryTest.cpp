@@ -243,8 +243,9 @@ TEST_F(TrainBoundaryTest, WrappersAndDeepTreesCannotReachRootsItems) {
     EXPECT_EQ(train({source, rootOnly + "/Product.app", wrapper}).status, 2);
     EXPECT_EQ(TestFiles::snapshot(rootOnly), before);
 
+    // The bundle, Contents and 255 more: one folder deeper than 256.
     QString deep = mine + "/Deep.app/Contents";
-    for (int level = 0; level < 300; ++level) deep += "/d";
+    for (int level = 0; level < 255; ++level) deep += "/d";
     QDir().mkpath(deep);
     makeFile(mine + "/Deep.app/Contents/Info.plist", "<plist/>", 0644);
     giveToUser(mine);
@@ -315,15 +316,23 @@ TEST_F(TrainBoundaryTest, TheReplacedCopyGoesWhereTheUserCanRestoreIt) {
               0);
     EXPECT_EQ(QProcess::execute("runuser", asUser({"rm", "-r", volume + "/mine/Product.app"})), 0);
 
-    // A trash folder that is not the user's is never used.
+    // A trash that is not wholly the user's is never used: one whose info
+    // folder is root's (if open to all), or a file of root's.
+    const auto keptBeside = [&] {
+        const ToolRun run = train({source, apps + "/Product.app"});
+        EXPECT_EQ(run.status, 0);
+        EXPECT_TRUE(
+            run.errors.contains("Kept the replaced copy as " + apps + "/Product (replaced).app"))
+            << qPrintable(run.errors);
+        EXPECT_EQ(TestFiles::markerOf(apps + "/Product (replaced).app"), "new");
+        QDir(apps + "/Product (replaced).app").removeRecursively();
+    };
+    ASSERT_EQ(lchown(local(trash + "/info").constData(), 0, 0), 0);
+    chmod(local(trash + "/info").constData(), 0777);
+    keptBeside();
     QDir(trash).removeRecursively();
     makeFile(trash, "root's file", 0600);
-    const ToolRun run = train({source, apps + "/Product.app"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_TRUE(
-        run.errors.contains("Kept the replaced copy as " + apps + "/Product (replaced).app"))
-        << qPrintable(run.errors);
-    EXPECT_EQ(TestFiles::markerOf(apps + "/Product (replaced).app"), "new");
+    keptBeside();
 }
 
 // With the project's polkit action installed, pkexec asks for it, not for
