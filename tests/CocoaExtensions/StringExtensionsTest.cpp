@@ -439,11 +439,14 @@ TEST(StringExtensionsTest, SkinColours) {
 
 // The default (US) keymap of a real X server, and the same passed on by a
 // Wayland compositor to a client without an X display; with neither (or a
-// compositor that is not there) there is nothing to ask.
+// compositor that is not there, or a FIFO in its place) there is nothing to
+// ask.
 TEST(StringExtensionsTest, KeyNamesOfTheCurrentLayout) {
-    for (const char *compositor : {"", "kv-no-such-compositor"}) {
+    const QString fifo = TestEnvironment::makeTempDir("keymap") + "/fifo";
+    ASSERT_EQ(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    for (const QString &compositor : {QString(""), QString("kv-no-such-compositor"), fifo}) {
         ScopedEnv noDisplay("DISPLAY", std::nullopt);
-        ScopedEnv noCompositor("WAYLAND_DISPLAY", compositor);
+        ScopedEnv noCompositor("WAYLAND_DISPLAY", QFile::encodeName(compositor));
         EXPECT_EQ(stringWithVirtualKeyCode(0, 0), "<ERR>") << compositor;
     }
     {
