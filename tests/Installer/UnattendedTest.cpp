@@ -27,7 +27,7 @@ class UnattendedTest : public testing::Test {
 public:
     void SetUp() override {
         folder = TestEnvironment::makeTempDir("unattended");
-        source = product(folder + "/media", "2.0");
+        source = TestBundle::makeRoadProduct(folder + "/media", "2.0");
         destination = folder + "/Applications/Product.app";
         QDir().mkpath(folder + "/Applications");
         QDir().mkpath(trash());
@@ -39,21 +39,6 @@ public:
         QProcess::execute("chattr", {"-R", "-i", folder, trash()});
     }
 
-    // This test process's own code: a run quits every process that has it,
-    // and other test processes run their products beside.
-    static QString code() {
-        return "U" + QString::number(getpid() % 46656, 36).rightJustified(3, '0');
-    }
-    static QString product(const QString &where, const QString &version) {
-        return TestBundle::makeProduct(where, "Product",
-                                       {{"CFBundleSignature", code()},
-                                        {"CFBundleIdentifier", "org.velmora.test.unattended"},
-                                        {"CFBundleShortVersionString", version}});
-    }
-    static QString version(const QString &bundle) {
-        const QVariant info = KVPropertyList::fromFile(bundle + "/Contents/Info.plist");
-        return info.toMap().value("CFBundleShortVersionString").toString();
-    }
     static QString trash() { return qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files"; }
     QStringList road() const { return {"-sourcePath", source, "-destinationPath", destination}; }
 
@@ -99,12 +84,12 @@ public:
 };
 
 TEST_F(UnattendedTest, ReplacesTheOldCopyLaunchesTheNewOneAndSaysSo) {
-    product(folder + "/Applications", "1.0");
+    TestBundle::makeRoadProduct(folder + "/Applications", "1.0");
     ASSERT_EQ(install(road()), 0) << qPrintable(errors);
     EXPECT_TRUE(errors.endsWith("] AppleEvents installed\nProduct was successfully installed.\n"))
         << qPrintable(errors);
-    EXPECT_EQ(version(destination), "2.0");
-    EXPECT_EQ(version(trash() + "/Product.app"), "1.0");
+    EXPECT_EQ(TestBundle::versionOf(destination), "2.0");
+    EXPECT_EQ(TestBundle::versionOf(trash() + "/Product.app"), "1.0");
     EXPECT_GT(TestBundle::runningFrom(destination), 0);
     QFile log(qEnvironmentVariable("XDG_STATE_HOME") + "/VelmoraInstaller.log");
     ASSERT_TRUE(log.open(QIODevice::ReadOnly));
@@ -134,7 +119,7 @@ void PrintTo(const Failure &failure, std::ostream *out) { *out << failure.name; 
 const Failure kFailures[] = {
     {"OldCopyThatCannotBeTrashed",
      [](UnattendedTest &t) {
-         t.product(t.folder + "/Applications", "1.0");
+         TestBundle::makeRoadProduct(t.folder + "/Applications", "1.0");
          QProcess::execute("chattr", {"+i", t.trash()});
          return t.road();
      },
@@ -150,7 +135,7 @@ const Failure kFailures[] = {
      [](UnattendedTest &t) {
          // Each copy starts the next before it ends: one always runs.
          const QString copy = TestBundle::make(t.folder + "/elsewhere", "Product",
-                                               {{"CFBundleSignature", t.code()}});
+                                               {{"CFBundleSignature", TestBundle::productCode()}});
          t.helper = TestBundle::start(TestBundle::executableOf(copy), {"--respawn", "1000"});
          return t.road();
      },
@@ -196,10 +181,10 @@ TEST_P(UnattendedFailureTest, EndsWithItsStatusAndText) {
     if (polkit) {
         ASSERT_TRUE(polkit->ok()) << qPrintable(polkit->error());
     }
-    const QString before = version(destination);
+    const QString before = TestBundle::versionOf(destination);
     EXPECT_EQ(install(arguments, failure.asUser), int(failure.status)) << qPrintable(errors);
     EXPECT_TRUE(errors.endsWith(failure.text + "\n")) << qPrintable(errors);
-    EXPECT_EQ(version(destination), before);
+    EXPECT_EQ(TestBundle::versionOf(destination), before);
 }
 
 INSTANTIATE_TEST_SUITE_P(Causes, UnattendedFailureTest, testing::ValuesIn(kFailures),
