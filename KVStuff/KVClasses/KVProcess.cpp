@@ -273,6 +273,8 @@ int KVProcess::applicationLaunchEndCount() { return s_appLaunchEndCount; }
 
 KVProcess::KVProcess(const ProcessSerialNumber &psn) : m_psn(psn) { installNotifications(); }
 
+KVProcess::~KVProcess() { unregisterAXNotifications(); }
+
 pid_t KVProcess::unixPID() const { return OS::pidForSerialNumber(m_psn); }
 
 bool KVProcess::isStillRunning() const { return OS::pidForSerialNumber(m_psn) != 0; }
@@ -644,6 +646,57 @@ void KVProcess::sendAppleEventClass(OSType eventClass, OSType eventID, float tim
 void KVProcess::sendAppleEventClass(OSType eventClass, OSType eventID, const QString &parameter) {
     // Sent without waiting; errors are not reported.
     (void)sendToProcess(m_psn, eventClass, eventID, parameter, 0);
+}
+
+// ---- Accessibility notifications ----
+
+namespace {
+// Runs on the main thread, from the observer's callback; the notification
+// reaches observers on a later turn of the event loop.
+void notificationHandler(const KVAccessibilityElement &element, const QString &notification,
+                         const void *record) {
+    const QVariant elementValue =
+        element.isNull() ? QVariant(QStringLiteral("")) : QVariant::fromValue(element);
+    KVNotificationQueue::defaultQueue().enqueueNotification(
+        {KVProcessUINotification,
+         record,
+         {{QStringLiteral("element"), elementValue}, {QStringLiteral("event"), notification}}});
+}
+}  // namespace
+
+void KVProcess::installAXObserver() {
+    if (!m_axAppElem.isNull()) return;
+    m_axAppElem = KVAccessibility::applicationElement(unixPID());
+    if (m_axAppElem.isNull()) {
+        kvLog("AX Notifications: Could not create application object for %@", description());
+        return;
+    }
+    const void *record = this;
+    m_axObserver = KVAccessibility::Observer::create(
+        m_axAppElem, [record](const KVAccessibilityElement &element, const QString &notification) {
+            notificationHandler(element, notification, record);
+        });
+    if (!m_axObserver) kvLog("AX Notifications: Could not create observer for %@", description());
+}
+
+void KVProcess::addAXNotification(const QString &notification) {
+    installAXObserver();
+    // What failed has been logged.
+    if (!m_axObserver) return;
+    if (!m_axObserver->addNotification(notification))
+        kvLog("AX Notifications: Could not add notification %@ for %@", notification,
+              description());
+}
+
+void KVProcess::removeAXNotification(const QString &notification) {
+    if (m_axObserver) m_axObserver->removeNotification(notification);
+}
+
+void KVProcess::unregisterAXNotifications() {
+    // The last owner of a record may be any thread; the observer and the
+    // element are let go on the main thread.
+    KVAccessibility::Observer::releaseOnMainThread(std::move(m_axObserver));
+    m_axAppElem = KVAccessibilityElement();
 }
 
 // ---- Custom information ----

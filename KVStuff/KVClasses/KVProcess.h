@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 
+#include "KVAccessibility.h"
 #include "KVBundle.h"
 #include "KVCompatibility.h"
 
@@ -77,6 +78,7 @@ public:
 
     // Fetches nothing; lookups are the usual way to get a record.
     explicit KVProcess(const ProcessSerialNumber &psn);
+    ~KVProcess();
     KVProcess(const KVProcess &) = delete;
     KVProcess &operator=(const KVProcess &) = delete;
 
@@ -145,6 +147,15 @@ public:
     void sendAppleEventClass(OSType eventClass, OSType eventID, float timeout);
     void sendAppleEventClass(OSType eventClass, OSType eventID, const QString &parameter);
 
+    // Accessibility notifications of the process's user interface, posted as
+    // KVProcessUINotification with this record as sender, "element" (a
+    // KVAccessibilityElement, or "" when there is none) and "event" (the
+    // name). Main thread only; failures are logged and otherwise ignored.
+    void installAXObserver();
+    void addAXNotification(const QString &notification);
+    void removeAXNotification(const QString &notification);
+    void unregisterAXNotifications();
+
     // Values callers attach to the record; a null value removes the key.
     void setInfo(const QVariant &value, const QString &forKey);
     QVariant infoForKey(const QString &key) const;
@@ -166,4 +177,8 @@ private:
     mutable QDateTime m_launchDate;
     mutable int m_cocoaStatus = 0;  // 0 unknown, 1 Cocoa, 2 not Cocoa
     QVariantMap m_customInfo;
+    // Set once the first observer was asked for, even when no observer
+    // could be made then: there is no second try.
+    KVAccessibilityElement m_axAppElem;
+    std::unique_ptr<KVAccessibility::Observer> m_axObserver;
 };

@@ -6,8 +6,14 @@
 //   --fullscreen  the windows fill the screen
 //   --grab-keyboard  the first window holds the keyboard grabbed, as a
 //                 password dialog does ("ready" only once it holds it)
+//   --cycle-focus the first window holds two line edits named "first" and
+//                 "second" and a slider; every 50 ms the focus moves to the
+//                 other line edit and the slider's value changes
 #include <QApplication>
+#include <QLineEdit>
+#include <QSlider>
 #include <QTimer>
+#include <QVBoxLayout>
 #include <QWidget>
 #include <QWindow>
 #include <cstdio>
@@ -21,6 +27,7 @@ int main(int argc, char **argv) {
     const QStringList arguments = app.arguments();
     const bool fullScreen = arguments.contains(QLatin1String("--fullscreen"));
     const bool grabKeyboard = arguments.contains(QLatin1String("--grab-keyboard"));
+    const bool cycleFocus = arguments.contains(QLatin1String("--cycle-focus"));
     for (qsizetype i = 1; i + 1 < arguments.size(); ++i) {
         if (arguments[i] == QLatin1String("--title"))
             title = arguments[++i];
@@ -35,6 +42,23 @@ int main(int argc, char **argv) {
         window->setGeometry(40 + 60 * i, 40 + 40 * i, 240, 160);
         fullScreen ? window->showFullScreen() : window->show();
         windows.push_back(std::move(window));
+    }
+
+    QTimer cycle;
+    if (cycleFocus) {
+        auto *layout = new QVBoxLayout(windows.front().get());
+        auto *first = new QLineEdit, *second = new QLineEdit;
+        auto *slider = new QSlider(Qt::Horizontal);
+        first->setAccessibleName(QStringLiteral("first"));
+        second->setAccessibleName(QStringLiteral("second"));
+        for (QWidget *widget : {static_cast<QWidget *>(first), static_cast<QWidget *>(second),
+                                static_cast<QWidget *>(slider)})
+            layout->addWidget(widget);
+        QObject::connect(&cycle, &QTimer::timeout, [=] {
+            (first->hasFocus() ? second : first)->setFocus();
+            slider->setValue((slider->value() + 1) % 100);
+        });
+        cycle.start(50);
     }
 
     // A window is exposed once the window manager has mapped it.
