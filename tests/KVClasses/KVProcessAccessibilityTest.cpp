@@ -50,6 +50,13 @@ public:
         });
     }
 
+    // For failure messages.
+    QString summary() const {
+        QStringList lines;
+        for (const Received &r : list) lines << r.event + " " + r.elementRole + " " + r.elementName;
+        return lines.join('\n');
+    }
+
     QList<Received> list;
 
 private:
@@ -97,15 +104,19 @@ TEST_F(KVProcessAccessibilityTest, FocusChangesArriveWithTheirElementUntilRemove
     record->addAXNotification("AXFocusedUIElementChanged");
     record->addAXNotification("AXValueChanged");
     ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return received.sawFocusOn("first") && received.sawFocusOn("second"); }, kWaitMs));
+        [&] { return received.sawFocusOn("first") && received.sawFocusOn("second"); }, kWaitMs))
+        << qPrintable(received.summary());
     for (const Received &r : received.list)
-        if (r.event == "AXFocusedUIElementChanged") EXPECT_EQ(r.elementRole, "text");
+        if (r.event == "AXFocusedUIElementChanged") {
+            EXPECT_EQ(r.elementRole, "text");
+        }
 
     // What was enqueued before the removal is delivered on the next turn.
     record->removeAXNotification("AXFocusedUIElementChanged");
     QCoreApplication::processEvents();
     received.list.clear();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return received.count("AXValueChanged") >= 3; }, kWaitMs));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return received.count("AXValueChanged") >= 3; }, kWaitMs))
+        << qPrintable(received.summary());
     EXPECT_EQ(received.count("AXFocusedUIElementChanged"), 0);
     for (const Received &r : received.list) EXPECT_EQ(r.elementRole, "slider");
 
