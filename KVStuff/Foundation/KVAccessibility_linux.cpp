@@ -1,14 +1,16 @@
-// AT-SPI2 through libatspi. libatspi keeps its accessibility-bus connection
-// on GLib's default main context, which Qt's GLib event dispatcher runs on
-// the main thread; so every call stays there, and none is made when the main
-// thread runs another dispatcher (QT_NO_GLIB), which would never deliver.
+// AT-SPI2 through libatspi, on the main thread only: libatspi is not
+// thread-safe, and its bus connection lives in a GLib main context that the
+// main thread runs.
 #include <atspi/atspi.h>
 
-#include <QAbstractEventDispatcher>
 #include <QCoreApplication>
+#include <QSocketNotifier>
 #include <QStringList>
 #include <QThread>
+#include <QTimer>
 #include <atomic>
+#include <map>
+#include <utility>
 
 #include "KVAccessibility.h"
 
@@ -19,15 +21,85 @@ bool onMainThread() {
     return application && QThread::currentThread() == application->thread();
 }
 
+// Runs libatspi's main context from the main thread's event loop, whatever
+// dispatcher that loop has. libatspi hands every incoming event to an idle
+// source; on GLib's default context, shared with Qt, a busy loop can starve
+// that source and events stop arriving. In a context of its own the idle
+// source runs as soon as the bus has been read. Nothing polls: the loop
+// wakes for the context's descriptors and its next time-out only.
+class ContextPump : public QObject {
+public:
+    explicit ContextPump(GMainContext *context) : m_context(context) {
+        m_timer.setSingleShot(true);
+        connect(&m_timer, &QTimer::timeout, this, &ContextPump::run);
+    }
+
+    void run() {
+        while (g_main_context_iteration(m_context, FALSE)) {
+        }
+        watch();
+    }
+
+private:
+    // One prepare-query-check cycle without dispatching, for what to wait on.
+    void watch() {
+        if (!g_main_context_acquire(m_context)) return;
+        gint priority = 0, timeout = -1;
+        g_main_context_prepare(m_context, &priority);
+        std::vector<GPollFD> fds(8);
+        gint count;
+        while ((count = g_main_context_query(m_context, priority, &timeout, fds.data(),
+                                             gint(fds.size()))) > gint(fds.size()))
+            fds.resize(size_t(count));
+        fds.resize(size_t(count));
+        g_main_context_check(m_context, priority, fds.data(), count);
+        g_main_context_release(m_context);
+
+        std::map<int, std::unique_ptr<QSocketNotifier>> notifiers;
+        for (const GPollFD &fd : fds) {
+            if (!(fd.events & G_IO_IN) || notifiers.count(fd.fd)) continue;
+            auto kept = m_notifiers.find(fd.fd);
+            if (kept != m_notifiers.end()) {
+                notifiers.emplace(fd.fd, std::move(kept->second));
+                continue;
+            }
+            auto notifier = std::make_unique<QSocketNotifier>(fd.fd, QSocketNotifier::Read);
+            connect(notifier.get(), &QSocketNotifier::activated, this, &ContextPump::run);
+            notifiers.emplace(fd.fd, std::move(notifier));
+        }
+        m_notifiers.swap(notifiers);
+        if (timeout >= 0)
+            m_timer.start(timeout);
+        else
+            m_timer.stop();
+    }
+
+    GMainContext *m_context;
+    std::map<int, std::unique_ptr<QSocketNotifier>> m_notifiers;
+    QTimer m_timer;
+};
+
+// Never destroyed: libatspi keeps its context to the end.
+ContextPump *s_pump = nullptr;
+
 // Once per process: libatspi cannot connect again after a failure, and any
 // later call of it without a bus ends the process.
 bool connected() {
     static const bool isConnected = [] {
-        const QAbstractEventDispatcher *dispatcher = QAbstractEventDispatcher::instance();
-        if (!dispatcher || !dispatcher->inherits("QEventDispatcherGlib")) return false;
-        return atspi_init() != 2;  // 2: no accessibility bus
+        if (atspi_init() == 2) return false;  // no accessibility bus
+        GMainContext *context = g_main_context_new();
+        atspi_set_main_context(context);
+        s_pump = new ContextPump(context);
+        s_pump->run();
+        return true;
     }();
     return isConnected;
+}
+
+// A call that waits for its answer reads whatever else the bus brings and
+// leaves it queued: it is handled on the loop's next turn.
+void handleQueuedLater() {
+    if (s_pump) QMetaObject::invokeMethod(s_pump, &ContextPump::run, Qt::QueuedConnection);
 }
 
 // Errors only tell that an answer is missing, which callers see anyway.
@@ -38,6 +110,7 @@ bool succeeded(GError *&error) {
 }
 
 QString takeString(gchar *text, GError *&error) {
+    handleQueuedLater();
     const QString result = succeeded(error) && text ? QString::fromUtf8(text) : QString();
     g_free(text);
     return result;
@@ -93,8 +166,9 @@ public:
 
     ~AtspiObserver() override {
         stop();
-        for (const QString &name : std::as_const(m_names)) deregister(name);
+        for (const QString &name : std::exchange(m_names, {})) deregister(name);
         g_object_unref(m_listener);
+        handleQueuedLater();
     }
 
     bool addNotification(const QString &name) override {
@@ -107,17 +181,19 @@ public:
             !succeeded(error))
             return false;
         m_names.append(name);
+        handleQueuedLater();
         return true;
     }
 
     void removeNotification(const QString &name) override {
         if (m_names.removeAll(name) > 0) deregister(name);
+        handleQueuedLater();
     }
 
     void stop() override { m_stopped = true; }
 
 private:
-    // Two names may share an event type: it stays while either is wanted.
+    // Two names may share an event type: it stays while another is wanted.
     void deregister(const QString &name) {
         const QByteArray type = atspiType(name);
         for (const QString &other : std::as_const(m_names))
@@ -167,6 +243,25 @@ void unrefOnMainThread(void *object) {
             Qt::QueuedConnection);
 }
 
+// The application among the desktop's children whose bus connection the
+// process holds.
+KVAccessibilityElement findApplication(pid_t pid) {
+    AtspiAccessible *desktopObject = atspi_get_desktop(0);
+    if (!desktopObject) return {};
+    const KVAccessibilityElement desktop(desktopObject);
+    GError *error = nullptr;
+    const gint count = atspi_accessible_get_child_count(desktopObject, &error);
+    if (!succeeded(error)) return {};
+    for (gint i = 0; i < count; ++i) {
+        AtspiAccessible *child = atspi_accessible_get_child_at_index(desktopObject, i, &error);
+        if (!succeeded(error) || !child) continue;
+        KVAccessibilityElement application(child);
+        const guint owner = atspi_accessible_get_process_id(child, &error);
+        if (succeeded(error) && owner == guint(pid)) return application;
+    }
+    return {};
+}
+
 }  // namespace
 
 KVAccessibilityElement::KVAccessibilityElement(void *element)
@@ -188,20 +283,9 @@ QString KVAccessibilityElement::role() const {
 
 KVAccessibilityElement KVAccessibility::applicationElement(pid_t pid) {
     if (pid <= 0 || !onMainThread() || !connected()) return {};
-    AtspiAccessible *desktopObject = atspi_get_desktop(0);
-    if (!desktopObject) return {};
-    const KVAccessibilityElement desktop(desktopObject);
-    GError *error = nullptr;
-    const gint count = atspi_accessible_get_child_count(desktopObject, &error);
-    if (!succeeded(error)) return {};
-    for (gint i = 0; i < count; ++i) {
-        AtspiAccessible *child = atspi_accessible_get_child_at_index(desktopObject, i, &error);
-        if (!succeeded(error) || !child) continue;
-        KVAccessibilityElement application(child);
-        const guint owner = atspi_accessible_get_process_id(child, &error);
-        if (succeeded(error) && owner == guint(pid)) return application;
-    }
-    return {};
+    const KVAccessibilityElement application = findApplication(pid);
+    handleQueuedLater();
+    return application;
 }
 
 std::unique_ptr<KVAccessibility::Observer> KVAccessibility::Observer::create(
