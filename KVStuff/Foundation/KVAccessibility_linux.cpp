@@ -11,6 +11,7 @@
 #include <atomic>
 #include <map>
 #include <utility>
+#include <vector>
 
 #include "KVAccessibility.h"
 
@@ -55,17 +56,23 @@ private:
         g_main_context_check(m_context, priority, fds.data(), count);
         g_main_context_release(m_context);
 
-        std::map<int, std::unique_ptr<QSocketNotifier>> notifiers;
+        // A descriptor is watched for reading and, while libdbus has more to
+        // send than the socket took, for writing.
+        Notifiers notifiers;
         for (const GPollFD &fd : fds) {
-            if (!(fd.events & G_IO_IN) || notifiers.count(fd.fd)) continue;
-            auto kept = m_notifiers.find(fd.fd);
-            if (kept != m_notifiers.end()) {
-                notifiers.emplace(fd.fd, std::move(kept->second));
-                continue;
+            for (const auto &[condition, type] : {std::pair(G_IO_IN, QSocketNotifier::Read),
+                                                  std::pair(G_IO_OUT, QSocketNotifier::Write)}) {
+                const Notifiers::key_type key(fd.fd, type);
+                if (!(fd.events & condition) || notifiers.count(key)) continue;
+                auto kept = m_notifiers.find(key);
+                if (kept != m_notifiers.end()) {
+                    notifiers.emplace(key, std::move(kept->second));
+                    continue;
+                }
+                auto notifier = std::make_unique<QSocketNotifier>(fd.fd, type);
+                connect(notifier.get(), &QSocketNotifier::activated, this, &ContextPump::run);
+                notifiers.emplace(key, std::move(notifier));
             }
-            auto notifier = std::make_unique<QSocketNotifier>(fd.fd, QSocketNotifier::Read);
-            connect(notifier.get(), &QSocketNotifier::activated, this, &ContextPump::run);
-            notifiers.emplace(fd.fd, std::move(notifier));
         }
         m_notifiers.swap(notifiers);
         if (timeout >= 0)
@@ -74,8 +81,11 @@ private:
             m_timer.stop();
     }
 
+    using Notifiers =
+        std::map<std::pair<int, QSocketNotifier::Type>, std::unique_ptr<QSocketNotifier>>;
+
     GMainContext *m_context;
-    std::map<int, std::unique_ptr<QSocketNotifier>> m_notifiers;
+    Notifiers m_notifiers;
     QTimer m_timer;
 };
 
