@@ -31,11 +31,10 @@ public:
     explicit UINotifications(const void *sender) {
         m_token = KVNotificationCenter::defaultCenter().addObserver(
             KVProcessUINotification, sender, [this](const KVNotification &notification) {
-                const QVariant element = notification.userInfo.value("element");
-                const auto value = element.value<KVAccessibilityElement>();
-                list.append({notification.userInfo.value("event").toString(),
-                             element.canConvert<KVAccessibilityElement>() ? value.name() : "(none)",
-                             value.role()});
+                const auto element =
+                    notification.userInfo.value("element").value<KVAccessibilityElement>();
+                list.append({notification.userInfo.value("event").toString(), element.name(),
+                             element.role()});
             });
     }
     ~UINotifications() { KVNotificationCenter::defaultCenter().removeObserver(m_token); }
@@ -111,10 +110,6 @@ TEST_F(KVProcessAccessibilityTest, FocusChangesArriveWithTheirElementUntilRemove
     ASSERT_TRUE(QTest::qWaitFor(
         [&] { return received.sawFocusOn("first") && received.sawFocusOn("second"); }, kWaitMs))
         << qPrintable(received.summary());
-    for (const Received &r : received.list)
-        if (r.event == "AXFocusedUIElementChanged") {
-            EXPECT_EQ(r.elementRole, "text");
-        }
 
     // What was enqueued before the removal is delivered on the next turn.
     record->removeAXNotification("AXFocusedUIElementChanged");
