@@ -29,7 +29,8 @@ TEST_P(WaylandTest, RoadOfOneInstallation) {
     const QString folder = TestEnvironment::makeTempDir("wayland");
     const QString destination = folder + "/Applications/Product.app";
     QDir().mkpath(folder + "/Applications");
-    QProcessEnvironment environment = session.clientEnvironment();
+    const auto client = session.clientScope();
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
     environment.insert("KV_TEST_DONE_PID", "launcher");
     environment.insert("XDG_STATE_HOME", folder + "/state");

@@ -52,38 +52,24 @@ QString WaylandSession::start(Clients clients, bool withKeyboard) {
     return {};
 }
 
-std::vector<std::pair<const char *, QString>> WaylandSession::clientValues() const {
-    const bool x11 = m_clients == Clients::XWayland;
-    return {{"XDG_RUNTIME_DIR", m_runtimeFolder},
-            {"WAYLAND_DISPLAY", m_socket},
-            {"XDG_SESSION_TYPE", "wayland"},
-            {"DISPLAY", m_display},
-            {"QT_QPA_PLATFORM", x11 ? "xcb" : "wayland"}};
-}
-
-QStringList WaylandSession::clientVariables() const {
-    QStringList variables;
-    for (const auto &[name, value] : clientValues()) variables << name + ('=' + value);
-    return variables;
-}
-
-QProcessEnvironment WaylandSession::clientEnvironment() const {
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const auto &[name, value] : clientValues()) environment.insert(name, value);
-    if (m_display.isEmpty()) environment.remove("DISPLAY");
-    return environment;
-}
-
 std::vector<std::unique_ptr<ScopedEnv>> WaylandSession::clientScope() const {
+    const auto variable = [](const char *name, const QString &value) {
+        return std::make_unique<ScopedEnv>(
+            name, value.isEmpty() ? std::nullopt : std::optional(value.toLocal8Bit()));
+    };
     std::vector<std::unique_ptr<ScopedEnv>> scope;
-    for (const auto &[name, value] : clientValues())
-        scope.push_back(std::make_unique<ScopedEnv>(name, value.toLocal8Bit()));
+    scope.push_back(variable("XDG_RUNTIME_DIR", m_runtimeFolder));
+    scope.push_back(variable("WAYLAND_DISPLAY", m_socket));
+    scope.push_back(variable("XDG_SESSION_TYPE", "wayland"));
+    scope.push_back(variable("DISPLAY", m_display));
+    scope.push_back(
+        variable("QT_QPA_PLATFORM", m_clients == Clients::XWayland ? "xcb" : "wayland"));
     return scope;
 }
 
 QString WaylandSession::sceneGraph() const {
+    const auto client = clientScope();
     QProcess debug;
-    debug.setProcessEnvironment(clientEnvironment());
     debug.start("weston-debug", {"scene-graph"});
     debug.waitForFinished(10000);
     return QString::fromLocal8Bit(debug.readAllStandardOutput());

@@ -4,9 +4,7 @@
 #pragma once
 
 #include <QProcess>
-#include <QProcessEnvironment>
 #include <QString>
-#include <QStringList>
 #include <memory>
 #include <vector>
 
@@ -25,20 +23,15 @@ public:
     // headless back end has no input devices: with a keyboard, weston runs as
     // a client of XSession's X server instead and passes on its keyboard.
     QString start(Clients clients, bool withKeyboard = false);
-    // What a client of the session sees, as "NAME=value": the compositor's
-    // socket, no X11 display (XWayland's, when clients use it) and Qt's
-    // platform for either.
-    QStringList clientVariables() const;
-    QProcessEnvironment clientEnvironment() const;
-    // This process as such a client, for the length of the scope.
+    // This process, and what it starts, as a client of the session for the
+    // length of the scope: the compositor's socket, no X11 display (XWayland's,
+    // when clients use it) and Qt's platform for either.
     std::vector<std::unique_ptr<ScopedEnv>> clientScope() const;
     // weston's scene graph: one line per view with its role, the pid of its
     // client and its title.
     QString sceneGraph() const;
 
 private:
-    std::vector<std::pair<const char *, QString>> clientValues() const;
-
     std::unique_ptr<QProcess> m_weston;
     Clients m_clients = Clients::Native;
     QString m_runtimeFolder, m_socket, m_display;
