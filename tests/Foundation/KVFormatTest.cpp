@@ -29,6 +29,8 @@ TEST(KVFormatTest, FillsEachConversionAsThePlatformDoes) {
          "(null)|(null)|(null) 0|(null)"},
         {kvFormat("%d|%ld|%ld|%s", -7, qint64(5000000000LL), INT64_MIN, "c"),
          "-7|5000000000|-9223372036854775808|c"},
+        // "hh" narrows to a char; a precision cuts a C string, to nothing at 0.
+        {kvFormat("%hhd|%.0s|%.2s", 300, "abc", "abc"), "44||ab"},
         // "%X" takes a 32-bit int, as in C: a sign-extended char shows 32 bits.
         {kvFormat("%X|%02X|%02X|%02X", 0xBEEFu, 5, 0xAB, int(int8_t(0xE9))), "BEEF|05|AB|FFFFFFE9"},
         {kvFormat("%1.1f|%1.1f|%1.3f|%1.3f", 2.5, 10.0, 0.1234, 1.5), "2.5|10.0|0.123|1.500"},
