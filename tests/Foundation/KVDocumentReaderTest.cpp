@@ -10,7 +10,6 @@
 #include <QTextDocument>
 #include <random>
 
-#include "CopyPasses.h"
 #include "KVDocumentReader.h"
 #include "KVRTFReader.h"
 #include "Relaunch.h"
@@ -83,9 +82,9 @@ TEST_F(KVDocumentReaderTest, WhatCannotBeReadGivesFalseAndAnEmptyDocument) {
     if (!Relaunch::isRoot() || Relaunch::isCopy()) return;
     if (!getpwnam(qPrintable(Relaunch::unprivilegedUser())))
         GTEST_SKIP() << "needs the unprivileged test user";
-    EXPECT_TRUE(copyPasses(folder + "/bin/tests",
-                           "KVDocumentReaderTest.WhatCannotBeReadGivesFalseAndAnEmptyDocument",
-                           Relaunch::unprivilegedUser()));
+    EXPECT_TRUE(Relaunch::copyPasses(
+        folder + "/bin/tests", "KVDocumentReaderTest.WhatCannotBeReadGivesFalseAndAnEmptyDocument",
+        Relaunch::unprivilegedUser()));
 }
 
 // Exactly the text: no code, fallback, hidden or non-text destination leaks into it, and

@@ -10,7 +10,6 @@
 #include <QUrl>
 #include <cstdio>
 
-#include "CopyPasses.h"
 #include "KVFileManager.h"
 #include "KVWorkspace.h"
 #include "Relaunch.h"
@@ -164,7 +163,8 @@ TEST_F(KVWorkspaceTrashTest, MovesItemsToTheHomeTrashWithTheirOriginalPaths) {
 // data folder that does not exist yet: the trash is made with its parents, private.
 TEST_F(KVWorkspaceTrashTest, MakesTheTrashWhenTheDataFolderDoesNotExistYet) {
     if (!Relaunch::isCopy()) {
-        EXPECT_TRUE(copyPasses(folder + "/bin/tests", "KVWorkspaceTrashTest.MakesTheTrash*"));
+        EXPECT_TRUE(
+            Relaunch::copyPasses(folder + "/bin/tests", "KVWorkspaceTrashTest.MakesTheTrash*"));
         return;
     }
     // The copy runs this test alone and ends with it: nothing to put back.

@@ -13,7 +13,6 @@
 #include <thread>
 
 #include "BusPeer.h"
-#include "CopyPasses.h"
 #include "FrontWindow.h"
 #include "KVDynamicColor.h"
 #include "KVProcess.h"
@@ -205,12 +204,12 @@ TEST(KVUtilitiesDesktopTest, WithoutAnX11Display) {
     const auto copy = [] {
         return TestEnvironment::makeTempDir(QStringLiteral("nodisplay")) + "/copy";
     };
-    EXPECT_TRUE(copyPasses(copy(), "KVUtilitiesNoDisplayCopy.*", {}, {"DISPLAY="}));
+    EXPECT_TRUE(Relaunch::copyPasses(copy(), "KVUtilitiesNoDisplayCopy.*", {}, {"DISPLAY="}));
     const auto client = wayland.clientScope();
     // The answers come from the library's own connections, not from Qt's
     // (whose Wayland plugin leaves objects behind at exit).
-    EXPECT_TRUE(
-        copyPasses(copy(), "KVUtilitiesNoDisplayCopy.*", {}, {"QT_QPA_PLATFORM=offscreen"}));
+    EXPECT_TRUE(Relaunch::copyPasses(copy(), "KVUtilitiesNoDisplayCopy.*", {},
+                                     {"QT_QPA_PLATFORM=offscreen"}));
 }
 
 TEST(KVUtilitiesDesktopTest, IdleTimeAndAKeyboardGrabOfAnotherProgram) {
