@@ -8,6 +8,8 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 
+#include "TestEnvironment.h"
+
 QString Relaunch::unprivilegedUser() { return QStringLiteral("kvtest"); }
 
 bool Relaunch::isRoot() { return geteuid() == 0; }
@@ -21,6 +23,17 @@ void makeReachable(const QString &folder) {
     QDir().mkpath(folder);
     for (QString f = folder; f.size() > 1 && f != QDir::tempPath(); f = QFileInfo(f).absolutePath())
         QFile::setPermissions(f, QFile::permissions(f) | QFile::ReadOther | QFile::ExeOther);
+}
+
+// The shared library, copied where another user finds it; its folder, null
+// when the copy failed. The programs that user runs were linked against the
+// build tree's library, which may be out of that user's reach.
+QString stageLibrary() {
+    const QString folder = TestEnvironment::root() + "/lib";
+    makeReachable(folder);
+    const QString copy = folder + "/" + QFileInfo(KV_TEST_LIBRARY).fileName();
+    QFile::remove(copy);
+    return QFile::copy(KV_TEST_LIBRARY, copy) ? folder : QString();
 }
 }  // namespace
 
@@ -42,6 +55,7 @@ int Relaunch::runCopy(const QString &executablePath, const QString &filter, cons
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("KV_TEST_COPY", "1");
+    if (!user.isEmpty()) env.insert("LD_LIBRARY_PATH", stageLibrary());
     for (const QString &entry : environment)
         env.insert(entry.section('=', 0, 0), entry.section('=', 1));
     process.setProcessEnvironment(env);
