@@ -16,6 +16,8 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_STRIP_FILES ON)
+# A shlibs file for packages that link the library, and the ldconfig trigger.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 # Programs the installer starts rather than links.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "pkexec")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "desktop-file-utils, qt6-image-formats-plugins")
