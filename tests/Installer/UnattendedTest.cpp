@@ -61,6 +61,7 @@ public:
                 env.remove(name);
             words[0] =
                 Relaunch::stage(KV_INSTALLER_APP, folder + "/bin") + "/Contents/MacOS/Installer";
+            env.insert("LD_LIBRARY_PATH", Relaunch::libraryFolder());
             words = QStringList{"runuser", "-u",          Relaunch::unprivilegedUser(),
                                 "--",      "env",         "-u",
                                 "SHELL",   "HOME=" + home} +

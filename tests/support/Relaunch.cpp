@@ -24,18 +24,15 @@ void makeReachable(const QString &folder) {
     for (QString f = folder; f.size() > 1 && f != QDir::tempPath(); f = QFileInfo(f).absolutePath())
         QFile::setPermissions(f, QFile::permissions(f) | QFile::ReadOther | QFile::ExeOther);
 }
+}  // namespace
 
-// The shared library, copied where another user finds it; its folder, null
-// when the copy failed. The programs that user runs were linked against the
-// build tree's library, which may be out of that user's reach.
-QString stageLibrary() {
+QString Relaunch::libraryFolder() {
     const QString folder = TestEnvironment::root() + "/lib";
-    makeReachable(folder);
     const QString copy = folder + "/" + QFileInfo(KV_TEST_LIBRARY).fileName();
-    QFile::remove(copy);
+    if (QFileInfo::exists(copy)) return folder;
+    makeReachable(folder);
     return QFile::copy(KV_TEST_LIBRARY, copy) ? folder : QString();
 }
-}  // namespace
 
 QString Relaunch::stage(const QString &path, const QString &folder) {
     makeReachable(folder);
@@ -55,7 +52,7 @@ int Relaunch::runCopy(const QString &executablePath, const QString &filter, cons
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("KV_TEST_COPY", "1");
-    if (!user.isEmpty()) env.insert("LD_LIBRARY_PATH", stageLibrary());
+    if (!user.isEmpty()) env.insert("LD_LIBRARY_PATH", libraryFolder());
     for (const QString &entry : environment)
         env.insert(entry.section('=', 0, 0), entry.section('=', 1));
     process.setProcessEnvironment(env);

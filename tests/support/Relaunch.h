@@ -20,6 +20,11 @@ bool isCopy();
 // copy failed. What another user runs must not stay in the build tree, which
 // may lie under a private folder (a clone in a 0700 home).
 QString stage(const QString &path, const QString &folder);
+// A folder that any user reaches, holding a copy of the shared library, for
+// LD_LIBRARY_PATH of what another user runs: the build tree's library, which
+// the programs were linked against, may be out of that user's reach. Null
+// when the copy failed.
+QString libraryFolder();
 // Copies this test binary to executablePath (folders made, world-readable)
 // and runs it with the GoogleTest filter, as the user when one is named.
 // Returns the exit status (-1 when it could not run); output gets all it
