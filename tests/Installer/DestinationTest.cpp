@@ -245,8 +245,12 @@ TEST_F(QuitProcessesTest, CodesOfOtherLengthsMatchNoProcessEvenOneThatEnds) {
 // test inside such a bundle.
 TEST_F(QuitProcessesTest, InstallerIsNeverAskedToQuitNorReported) {
     if (Relaunch::isCopy()) GTEST_SKIP() << "runs in the normal test run only";
+    // The code is this run's own, as another suite on the machine may run the
+    // same test; the copy learns it through the environment.
+    const QString code = "Q" + TestBundle::productCode().mid(1);
+    qputenv("KV_SELF_TEST_CODE", code.toLatin1());
     const QString bundle =
-        TestBundle::make(folder, "SelfTest", {{"CFBundleSignature", "Kq4s"}}, false);
+        TestBundle::make(folder, "SelfTest", {{"CFBundleSignature", code}}, false);
     EXPECT_TRUE(
         Relaunch::copyPasses(bundle + "/Contents/MacOS/SelfTest", "InBundleQuitProcesses.*"));
 }
@@ -260,16 +264,17 @@ protected:
 };
 
 TEST_F(InBundleQuitProcesses, OtherCopiesQuitWhileTheInstallerItselfStays) {
-    ASSERT_EQ(KVProcess::currentProcess()->signatureString(), "Kq4s");
+    const QString code = qEnvironmentVariable("KV_SELF_TEST_CODE");
+    ASSERT_EQ(KVProcess::currentProcess()->signatureString(), code);
     ASSERT_FALSE(installed.isNull());
-    const QString other = runCopy(installed, "Other", "Kq4s");
-    auto &c = controllerWith({"-productCode", "Kq4s"});
+    const QString other = runCopy(installed, "Other", code);
+    auto &c = controllerWith({"-productCode", code});
     EXPECT_EQ(c.pathToProcessToReplace(), other);
     LogCapture capture;
     c.quitProcesses();
     EXPECT_TRUE(c.processToQuitStillRunning().isNull());
     EXPECT_TRUE(c.pathToProcessToReplace().isNull());
-    EXPECT_EQ(capture.messages().filter("Kq4s"), QStringList{"Quitting 'Kq4s': Other"});
+    EXPECT_EQ(capture.messages().filter(code), QStringList{"Quitting '" + code + "': Other"});
     EXPECT_FALSE(capture.messages().join('\n').contains("SelfTest"));
 }
 
