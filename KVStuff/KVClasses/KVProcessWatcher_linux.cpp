@@ -185,6 +185,30 @@ void Watcher::watchEnd(Identity identity, int pidfd) {
     m_endWatches.emplace(identity, notifier);
 }
 
+// Takes end watches handed over from other threads to the application's
+// thread. Queued by method name, so that the call and its arguments travel
+// inside Qt alone: a closure made on one thread and freed on another looks
+// raced to ThreadSanitizer, which cannot see Qt's own locks.
+class Handover : public QObject {
+    Q_OBJECT
+public:
+    Q_INVOKABLE void watchEnd(quint64 identity, int pidfd) {
+        if (s_watcher)
+            s_watcher->watchEnd(identity, pidfd);
+        else
+            close(pidfd);
+    }
+};
+
+Handover *handover() {
+    static Handover *const receiver = [] {
+        auto *object = new Handover;
+        object->moveToThread(QCoreApplication::instance()->thread());
+        return object;
+    }();
+    return receiver;
+}
+
 bool onApplicationThread() {
     return QThread::currentThread() == QCoreApplication::instance()->thread();
 }
@@ -222,13 +246,8 @@ void KVProcessWatcher::watchEnd(const ProcessSerialNumber &psn) {
     }
     // Watched on the application's thread, a turn later: never inside the
     // lookup that cached the record.
-    QMetaObject::invokeMethod(
-        app,
-        [identity = identityOf(psn), pidfd] {
-            if (s_watcher)
-                s_watcher->watchEnd(identity, pidfd);
-            else
-                close(pidfd);
-        },
-        Qt::QueuedConnection);
+    QMetaObject::invokeMethod(handover(), "watchEnd", Qt::QueuedConnection,
+                              Q_ARG(quint64, identityOf(psn)), Q_ARG(int, pidfd));
 }
+
+#include "KVProcessWatcher_linux.moc"
