@@ -54,7 +54,10 @@ void KVNotificationCenter::postNotification(const KVNotification &notification) 
             if (r.name == notification.name && (!r.object || r.object == notification.object))
                 matching.emplace_back(r.token, r.observer);
     }
-    for (const auto &[token, observer] : matching) {
+    for (const auto &match : matching) {
+        // Not a structured binding: clang before 16 cannot capture one.
+        const int token = match.first;
+        const std::shared_ptr<Observer> &observer = match.second;
         // An earlier observer of this post may have removed this one.
         bool registered;
         {
