@@ -1,7 +1,5 @@
-// InstallApplication against real files and the real trash, called directly
-// and through the tool "train" run as a real program. The product goes from a
-// "volume" folder into an "Applications" folder below the test's private root;
-// the trash is the private home's, emptied before each test.
+// InstallApplication on real files and the private home's real trash, called
+// directly and through the tool "train" run as a real program.
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -27,9 +25,8 @@ QStringList entries(const QString &folder) {
     return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
 }
 
-// The product comes inside a wrapper folder with auxiliary items and a
-// product of its own (marked "wrapper's"); the source beside it is newer. The
-// non-ASCII name checks that paths travel unchanged, through the tool too.
+// A wrapper folder with auxiliary items and a product of its own beside the
+// newer source; the non-ASCII name checks that paths travel unchanged.
 class InstallTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -44,20 +41,17 @@ protected:
 
     QStringList trashed() const { return entries(trash + "/files"); }
     QByteArray trashedMarker() const { return markerOf(trash + "/files/" + name); }
-    // The auxiliary items below the folder. Taken of the wrapper before the
-    // install, as copying changes the originals' access times.
+    // Taken of the wrapper before the install, which changes access times.
     static QStringList auxiliaryItems(const QString &folder) {
         QStringList lines;
         for (const QString item : {"Read Me.txt", "bin", ".hidden"})
             lines << item << snapshot(folder + "/" + item);
         return lines;
     }
-    // The tool, run where relative paths would land.
     ToolRun train(const QStringList &arguments) const {
         return runTool(KV_TRAIN_TOOL, arguments, folder);
     }
-    // Enough items in the source that a copy still runs when it is stopped;
-    // returns the staging item's path.
+    // Enough items that a copy still runs when stopped; the staging item's path.
     QString manyItemsOverAnOldCopy() const {
         for (int i = 0; i < 3000; ++i)
             makeFile(source + QString("/Contents/Resources/%1").arg(i), "x", 0644);
@@ -77,8 +71,7 @@ protected:
     TestFiles::ImmutableItems locks;
 };
 
-// Links, permissions, times with nanoseconds and extended attributes survive;
-// the copy that was there goes to the trash.
+// Links, modes, nanosecond times and extended attributes survive.
 TEST_F(InstallTest, TrainInstallsAnIdenticalCopyAndTrashesTheOldOne) {
     const QString rich = TestFiles::makeRichBundle(folder + "/Volume", "Rich");
     ASSERT_FALSE(rich.isNull());
@@ -86,50 +79,42 @@ TEST_F(InstallTest, TrainInstallsAnIdenticalCopyAndTrashesTheOldOne) {
     makeProduct(target, "old");
     const QStringList before = snapshot(rich);
     const ToolRun result = train({rich, target});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.errors, "");
+    EXPECT_TRUE(result.status == 0 && result.errors.isEmpty()) << qPrintable(result.errors);
     EXPECT_EQ(snapshot(target), before);
     EXPECT_EQ(trashed(), QStringList{"Rich.app"});
     EXPECT_EQ(markerOf(trash + "/files/Rich.app"), "old");
 }
 
-// Running as root, the tool takes two or three absolute paths and nothing else.
 TEST_F(InstallTest, TrainRejectsWrongArgumentsWithUsageAndTouchesNothing) {
     const QStringList before = snapshot(folder);
-    const QList<QStringList> vectors = {{},
-                                        {source},
-                                        {source, destination, wrapper, folder + "/extra"},
-                                        {"Volume/" + name, destination},
-                                        {source, "Applications/" + name},
-                                        {"", destination},
-                                        {source, destination, ""},
-                                        {source + "\n" + destination, destination}};
+    // clang-format off
+    const QList<QStringList> vectors = {{}, {source}, {source, destination, wrapper, folder + "/extra"},
+        {"Volume/" + name, destination}, {source, "Applications/" + name}, {"", destination},
+        {source, destination, ""}, {source + "\n" + destination, destination}};
+    // clang-format on
     for (const QStringList &arguments : vectors) {
         const ToolRun result = train(arguments);
         EXPECT_EQ(result.status, 64) << qPrintable(arguments.join(" | "));
         EXPECT_EQ(result.errors, "usage: train source-path destination-path [wrapper-path]\n");
     }
-    // A name that is no text would be installed under another name.
+    // A name that is no text would be installed under another name than authorised.
     const QString invalid =
         QString("exec \"$0\" \"$(printf '%1/Volume/\\377.app')\" \"$1\"").arg(folder);
     EXPECT_EQ(QProcess::execute("/bin/sh", {"-c", invalid, KV_TRAIN_TOOL, destination}), 64);
     EXPECT_EQ(snapshot(folder), before);
 }
 
-// The wrapper's own product is copied with it, then trashed for the source.
 TEST_F(InstallTest, TrainCopiesANewWrapperWholeAndReplacesItsProduct) {
     const QStringList auxiliary = auxiliaryItems(wrapper), product = snapshot(source);
     const ToolRun result = train({source, wrappedDestination, wrapper});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.errors, "");
+    EXPECT_TRUE(result.status == 0 && result.errors.isEmpty()) << qPrintable(result.errors);
     EXPECT_EQ(auxiliaryItems(installed), auxiliary);
     EXPECT_EQ(snapshot(wrappedDestination), product);
     EXPECT_EQ(trashed(), QStringList{name});
     EXPECT_EQ(trashedMarker(), "wrapper's");
 }
 
-// Installed auxiliary items are deleted, not trashed; items the wrapper does
-// not have stay.
+// Installed auxiliary items are deleted, not trashed; others stay.
 TEST_F(InstallTest, AnInstalledWrappersItemsAreDeletedAndCopiedAnew) {
     makeFile(installed + "/Read Me.txt", "old read me", 0644);
     makeFile(installed + "/bin/stale-tool", "old", 0755);
@@ -146,9 +131,7 @@ TEST_F(InstallTest, AnInstalledWrappersItemsAreDeletedAndCopiedAnew) {
     EXPECT_TRUE(log.messages().isEmpty()) << qPrintable(log.text());
 }
 
-// A failed copy ends the run with its own line; the copy that was there
-// stays. An item that can be neither trashed nor deleted (immutable) ends it
-// too; the trash failure is written twice, in this order, and nothing is copied.
+// A failed copy, or an item neither trashed nor deleted, ends the run; the old copy stays.
 TEST_F(InstallTest, ACopyThatFailsEndsTheRunWithItsLogLines) {
     makeProduct(destination, "old");
     const QString missing = folder + "/Missing/Product Folder";
@@ -179,9 +162,7 @@ TEST_F(InstallTest, ACopyThatFailsEndsTheRunWithItsLogLines) {
     EXPECT_EQ(entries(applications), (QStringList{"Product Folder", name}));
 }
 
-// The same item under another name (a link either way, a bind mount), a
-// destination inside the source or a source inside the destination: nothing
-// is touched, the run ends with 2 and says why.
+// The same item under another name (links, a bind mount), or one inside the other.
 TEST_F(InstallTest, SourceAndDestinationThatOverlapAreRefused) {
     makeProduct(destination, "old");
     makeProduct(destination + "/Contents/Inner.app", "inner");
@@ -193,12 +174,11 @@ TEST_F(InstallTest, SourceAndDestinationThatOverlapAreRefused) {
         GTEST_SKIP() << "bind mounts need root";
     const auto unmount = qScopeGuard([&] { umount2(local(bound).constData(), MNT_DETACH); });
     const QStringList before = snapshot(folder);
-    const QString pairs[][2] = {{source, source},
-                                {folder + "/alias.app", source},
-                                {source, applications + "/Alias.app"},
-                                {bound, source},
-                                {source, source + "/Contents/Copy.app"},
-                                {destination + "/Contents/Inner.app", destination}};
+    // clang-format off
+    const QString pairs[][2] = {{source, source}, {folder + "/alias.app", source},
+        {source, applications + "/Alias.app"}, {bound, source}, {source, source + "/Contents/Copy.app"},
+        {destination + "/Contents/Inner.app", destination}};
+    // clang-format on
     for (const auto &[from, to] : pairs) {
         LogCapture log;
         EXPECT_EQ(InstallApplication(from, to, QString()), 2) << qPrintable(from + " " + to);
@@ -209,9 +189,7 @@ TEST_F(InstallTest, SourceAndDestinationThatOverlapAreRefused) {
     EXPECT_EQ(trashed(), QStringList());
 }
 
-// The source is the bundle it names: a link to a bundle installs a copy of
-// the bundle; a link loop, a plain file or a folder without Info.plist is no
-// bundle and replaces nothing.
+// A link installs a copy of its bundle; a loop, a file or no Info.plist is no bundle.
 TEST_F(InstallTest, TheSourceIsTheBundleItNames) {
     TestFiles::makeLink(folder + "/link.app", source);
     TestFiles::makeLink(folder + "/loop.app", folder + "/loop.app");
@@ -237,9 +215,7 @@ TEST_F(InstallTest, ALongNameIsInstalled) {
     EXPECT_EQ(markerOf(longName), "new");
 }
 
-// A copy that is killed half-way, cancelled by the program that runs it or
-// fills the disk leaves the old copy in place; the next run removes what the
-// killed one left and installs.
+// Killed, cancelled or out of disk, the copy leaves the old one; the next run cleans up.
 TEST_F(InstallTest, AnInterruptedCopyLeavesTheOldCopyInPlace) {
     const QString staging = manyItemsOverAnOldCopy();
     const auto copying = [&](const auto &stillRunning) {
@@ -286,8 +262,7 @@ TEST_F(InstallTest, AnInterruptedCopyLeavesTheOldCopyInPlace) {
     EXPECT_EQ(entries(small), QStringList{"Large.app"});
 }
 
-// One installation into a folder at a time: a second waits until the first
-// lets go, and says so.
+// One installation into a folder at a time: a second waits, and says so.
 TEST_F(InstallTest, ASecondInstallationIntoTheFolderWaitsForTheFirst) {
     const int held = open(local(applications).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(flock(held, LOCK_EX), 0);

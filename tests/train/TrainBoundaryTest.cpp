@@ -1,7 +1,6 @@
-// The privileged tool as a hostile local user meets it: the unprivileged test
-// user runs "train" through the real pkexec and polkit (a rule grants it) on
-// sources, paths and folders that the user controls, and tries to get root
-// to write, read or hand out what the user may not.
+// The privileged tool as a hostile local user meets it: the unprivileged user
+// runs "train" through the real pkexec and polkit (a rule grants it) on what
+// the user controls, and tries to get root to write, read or hand out more.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
@@ -14,9 +13,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <QDir>
 #include <QDirIterator>
-#include <QFile>
 #include <QThread>
 #include <memory>
 
@@ -50,9 +47,8 @@ protected:
         ASSERT_NE(entry, nullptr);
         uid = entry->pw_uid;
         gid = entry->pw_gid;
-        // A volume of the test's own, so that the user's trash is made on it;
-        // every folder up to it reachable by the user, and the tool copied
-        // there, where the user can run it.
+        // A volume of the test's own, where the user's trash is made, reachable
+        // by the user, with the tool copied there, where the user can run it.
         ASSERT_EQ(mount("kvtest", local(folder).constData(), "tmpfs", 0, "mode=0755"), 0);
         mounted = true;
         for (QString path = QFileInfo(folder).path(); path != QDir::tempPath();
@@ -80,11 +76,9 @@ protected:
         while (items.hasNext()) lchown(local(items.next()).constData(), uid, gid);
     }
 
-    // The words of runuser that run the command as the user.
     static QStringList asUser(const QStringList &command) {
         return QStringList{"-u", Relaunch::unprivilegedUser(), "--"} + command;
     }
-    // train as the user, through pkexec.
     ToolRun train(const QStringList &arguments) const {
         return runTool("runuser",
                        asUser(QStringList{"env", "-u", "SHELL", "pkexec", tool} + arguments));
@@ -93,9 +87,11 @@ protected:
         return QDir().mkpath(path) && chmod(local(path).constData(), mode) == 0;
     }
 
-    static QStringList entries(const QString &path) {
-        return QDir(path).entryList(QDir::AllEntries | QDir::Hidden | QDir::System |
-                                    QDir::NoDotAndDotDot);
+    // Nothing but root's own file in root's folder.
+    void expectRootsFolderUntouched() const {
+        EXPECT_EQ(QDir(rootOnly).entryList(QDir::AllEntries | QDir::Hidden | QDir::System |
+                                           QDir::NoDotAndDotDot),
+                  QStringList{"keep"});
     }
 
     inline static std::unique_ptr<Polkit> s_polkit;
@@ -104,29 +100,27 @@ protected:
     bool mounted = false;
     const QString folder = TestEnvironment::makeTempDir("boundary");
     const QString tool = folder + "/train";
-    // Root's: the user may not write here.
-    const QString rootOnly = folder + "/root-only";
-    // The user's own: the source and a folder of Applications.
+    const QString rootOnly = folder + "/root-only";  // root's: the user may not write here
     const QString mine = folder + "/mine";
     const QString source = mine + "/Volume/Product.app";
 };
 
-// Nothing in the installed product is more than the user could make: no
-// set-id or sticky bit, no write for group or others, no capability or
-// trusted attribute; its user attributes come along, every item is root's.
+// No set-id or sticky bit, group or other write, capability or trusted attribute.
 TEST_F(TrainBoundaryTest, InstalledItemsAreRootsAndGiveNoMoreRights) {
     const QString contents = source + "/Contents";
     const QByteArray setuid = local(contents + "/MacOS/Setuid");
-    ASSERT_TRUE(makeFile(contents + "/MacOS/Setuid", "#!/bin/sh\n", 04755) &&
-                makeFile(contents + "/MacOS/Setgid", "#!/bin/sh\n", 02755) &&
+    ASSERT_TRUE(makeFile(contents + "/MacOS/Setuid", "#!/bin/sh\n", 0755) &&
+                makeFile(contents + "/MacOS/Setgid", "#!/bin/sh\n", 0755) &&
                 makeFile(contents + "/Resources/Open", "rewrite me", 0777) &&
                 makeFolder(contents + "/Open", 0777) && makeFolder(contents + "/Sticky", 01777));
-    ASSERT_TRUE(setxattr(setuid.constData(), "security.capability", kCapability.constData(),
+    giveToUser(mine);
+    // After the change of owner, which takes set-id bits and capabilities away.
+    ASSERT_TRUE(chmod(setuid.constData(), 04755) == 0 &&
+                chmod(local(contents + "/MacOS/Setgid").constData(), 02755) == 0 &&
+                setxattr(setuid.constData(), "security.capability", kCapability.constData(),
                          kCapability.size(), 0) == 0 &&
                 setxattr(setuid.constData(), "trusted.kv", "t", 1, 0) == 0 &&
                 setxattr(setuid.constData(), "user.kv", "u", 1, 0) == 0);
-    giveToUser(mine);
-
     const QString installed = rootOnly + "/Product.app";
     const ToolRun run = train({source, installed});
     ASSERT_EQ(run.status, 0) << qPrintable(run.errors);
@@ -138,8 +132,7 @@ TEST_F(TrainBoundaryTest, InstalledItemsAreRootsAndGiveNoMoreRights) {
     for (const QString &item : items) {
         struct stat status;
         ASSERT_EQ(lstat(local(item).constData(), &status), 0);
-        EXPECT_EQ(status.st_uid, 0u) << qPrintable(item);
-        EXPECT_EQ(status.st_gid, 0u) << qPrintable(item);
+        EXPECT_TRUE(status.st_uid == 0 && status.st_gid == 0) << qPrintable(item);
         EXPECT_EQ(status.st_mode & 07022, 0u) << qPrintable(item);
     }
     const QByteArray copy = local(installed + "/Contents/MacOS/Setuid");
@@ -149,25 +142,36 @@ TEST_F(TrainBoundaryTest, InstalledItemsAreRootsAndGiveNoMoreRights) {
     EXPECT_EQ(getxattr(copy.constData(), "trusted.kv", value, sizeof value), -1);
 }
 
-// A device or FIFO in the bundle fails the copy; nothing is installed and no
-// staging item stays behind.
-TEST_F(TrainBoundaryTest, DevicesAndFifosAreRefused) {
-    const QString item = source + "/Contents/Resources/item";
-    QDir().mkpath(QFileInfo(item).path());
-    for (const mode_t type : {S_IFIFO, S_IFCHR}) {
-        SCOPED_TRACE(type);
-        QFile::remove(item);
-        // The null device's numbers: harmless, and readable by everyone.
-        ASSERT_EQ(mknod(local(item).constData(), type | 0666, makedev(1, 3)), 0);
-        giveToUser(mine);
-        EXPECT_EQ(train({source, rootOnly + "/Product.app"}).status, 2);
-        EXPECT_EQ(entries(rootOnly), QStringList{"keep"});
+// Root reads nothing the user could not (a root-only bundle, a hard link to a
+// root-only file, a file only root's groups may read, /proc, /root), nor a
+// device or FIFO; nothing is installed and no staging item stays behind.
+TEST_F(TrainBoundaryTest, SourcesAreReadWithTheUsersRightsAndHoldNoDevices) {
+    const QString secret = folder + "/secret", volume = mine + "/Volume";
+    ASSERT_FALSE(TestFiles::makeProduct(secret + "/Hidden.app", "secret").isNull());
+    chmod(local(secret).constData(), 0700);
+    makeFile(secret + "/password", "hunter2", 0600);
+    for (const char *name : {"/Group.app", "/Fifo.app", "/Device.app"})
+        ASSERT_FALSE(TestFiles::makeProduct(volume + name, "new").isNull());
+    // The null device's numbers: harmless, and readable by everyone.
+    ASSERT_TRUE(mknod(local(volume + "/Fifo.app/Contents/item").constData(), S_IFIFO | 0666, 0) ==
+                    0 &&
+                mknod(local(volume + "/Device.app/Contents/item").constData(), S_IFCHR | 0666,
+                      makedev(1, 3)) == 0);
+    giveToUser(mine);
+    // Made by root: the kernel lets no user link another's file.
+    ASSERT_EQ(link(local(secret + "/password").constData(),
+                   local(source + "/Contents/password").constData()),
+              0);
+    ASSERT_TRUE(makeFile(volume + "/Group.app/Contents/group-secret", "root's group", 0640));
+    for (const QString &from :
+         {secret + "/Hidden.app", source, QString("/proc/1/root"), QString("/root"),
+          volume + "/Group.app", volume + "/Fifo.app", volume + "/Device.app"}) {
+        EXPECT_EQ(train({from, rootOnly + "/Product.app"}).status, 2) << qPrintable(from);
+        expectRootsFolderUntouched();
     }
 }
 
-// A link in any component of the destination would let root write where the
-// user may not: none is followed. A link at the destination itself is
-// replaced, never written through; a plain file as source is no bundle.
+// No link in the destination path is followed; one at the destination is replaced.
 TEST_F(TrainBoundaryTest, NoLinkInTheDestinationPathIsFollowed) {
     const QStringList before = TestFiles::snapshot(rootOnly);
     QDir().mkpath(mine + "/a/b");
@@ -187,40 +191,7 @@ TEST_F(TrainBoundaryTest, NoLinkInTheDestinationPathIsFollowed) {
     EXPECT_EQ(TestFiles::snapshot(rootOnly), before);
 }
 
-// Root reads nothing for the user that the user could not: a bundle in a
-// root-only folder, a hard link to a root-only file inside the user's
-// bundle, a path below /proc or /root.
-TEST_F(TrainBoundaryTest, SourcesAreReadWithTheUsersRights) {
-    const QString secret = folder + "/secret";
-    ASSERT_FALSE(TestFiles::makeProduct(secret + "/Hidden.app", "secret").isNull());
-    chmod(local(secret).constData(), 0700);
-    makeFile(secret + "/password", "hunter2", 0600);
-    giveToUser(mine);
-    // Made by root: the kernel lets no user link another's file.
-    ASSERT_EQ(link(local(secret + "/password").constData(),
-                   local(source + "/Contents/password").constData()),
-              0);
-    const QString target = rootOnly + "/Product.app";
-    for (const QString &from :
-         {secret + "/Hidden.app", source, QString("/proc/1/root"), QString("/root")}) {
-        EXPECT_EQ(train({from, target}).status, 2) << qPrintable(from);
-        EXPECT_EQ(entries(rootOnly), QStringList{"keep"});
-    }
-}
-
-// Nor does it read what root's groups may: a file of group root that the
-// user's groups may not read fails the copy.
-TEST_F(TrainBoundaryTest, SourcesAreReadWithTheUsersGroups) {
-    const QString product = mine + "/Volume/Group.app";
-    ASSERT_FALSE(TestFiles::makeProduct(product, "new").isNull());
-    giveToUser(mine);
-    ASSERT_TRUE(makeFile(product + "/Contents/group-secret", "root's group", 0640));
-    EXPECT_EQ(train({product, rootOnly + "/Product.app"}).status, 2);
-    EXPECT_EQ(entries(rootOnly), QStringList{"keep"});
-}
-
-// The user's limits come along through pkexec: a file larger than the user's
-// soft limit on file size is installed whole all the same.
+// A low limit of the user's could end the copy half-way at a moment the user chooses.
 TEST_F(TrainBoundaryTest, TheUsersResourceLimitsAreLifted) {
     const QString large = "/Contents/Resources/large";
     ASSERT_TRUE(makeFile(source + large, QByteArray(65536, 'x'), 0644));
@@ -232,30 +203,24 @@ TEST_F(TrainBoundaryTest, TheUsersResourceLimitsAreLifted) {
     EXPECT_EQ(QFileInfo(rootOnly + "/Product.app" + large).size(), 65536);
 }
 
-// A wrapper replaces the items of an installed wrapper folder only: in a
-// folder that does not hold the product, root's items stay. A tree nested
-// deeper than any bundle fails the copy and leaves nothing behind.
+// Wrapper items are replaced only in a folder holding the product; too deep a tree fails.
 TEST_F(TrainBoundaryTest, WrappersAndDeepTreesCannotReachRootsItems) {
     const QString wrapper = mine + "/Volume";
     makeFile(wrapper + "/keep", "the user's", 0755);
-    giveToUser(mine);
-    const QStringList before = TestFiles::snapshot(rootOnly);
-    EXPECT_EQ(train({source, rootOnly + "/Product.app", wrapper}).status, 2);
-    EXPECT_EQ(TestFiles::snapshot(rootOnly), before);
-
     // The bundle, Contents and 255 more: one folder deeper than 256.
     QString deep = mine + "/Deep.app/Contents";
     for (int level = 0; level < 255; ++level) deep += "/d";
     QDir().mkpath(deep);
     makeFile(mine + "/Deep.app/Contents/Info.plist", "<plist/>", 0644);
     giveToUser(mine);
+    const QStringList before = TestFiles::snapshot(rootOnly);
+    EXPECT_EQ(train({source, rootOnly + "/Product.app", wrapper}).status, 2);
+    EXPECT_EQ(TestFiles::snapshot(rootOnly), before);
     EXPECT_EQ(train({mine + "/Deep.app", rootOnly + "/Deep.app"}).status, 2);
-    EXPECT_EQ(entries(rootOnly), QStringList{"keep"});
+    expectRootsFolderUntouched();
 }
 
-// The user exchanges folders and links in the user's own folder while root
-// copies into it; every write goes through folders root opened itself, so
-// not one lands in root's folder.
+// Every write goes through folders root opened itself, whatever the user swaps meanwhile.
 TEST_F(TrainBoundaryTest, ExchangingFoldersDuringTheCopyRedirectsNoWrite) {
     for (int i = 0; i < 200; ++i)
         makeFile(source + QString("/Contents/Resources/%1").arg(i), "x", 0644);
@@ -280,18 +245,15 @@ TEST_F(TrainBoundaryTest, ExchangingFoldersDuringTheCopyRedirectsNoWrite) {
     }
     ASSERT_GT(attacker, 0);
     int installed = 0;
-    for (int run = 0; run < 200; ++run) {
-        if (train({source, applications + "/Product.app"}).status == 0) ++installed;
-    }
+    for (int run = 0; run < 200; ++run)
+        installed += train({source, applications + "/Product.app"}).status == 0;
     kill(attacker, SIGKILL);
     waitpid(attacker, nullptr, 0);
     EXPECT_EQ(TestFiles::snapshot(rootOnly), before);
     EXPECT_GT(installed, 0);
 }
 
-// The old copy goes to the invoking user's trash on its volume, where the
-// user can restore or delete it; where no trash can be made it stays beside
-// the new copy under a name the log gives.
+// The old copy goes to the user's trash on its volume, or stays beside the new one.
 TEST_F(TrainBoundaryTest, TheReplacedCopyGoesWhereTheUserCanRestoreIt) {
     const QString volume = folder + "/volume";
     QDir().mkpath(volume);
@@ -311,13 +273,13 @@ TEST_F(TrainBoundaryTest, TheReplacedCopyGoesWhereTheUserCanRestoreIt) {
     ASSERT_TRUE(info.open(QIODevice::ReadOnly));
     EXPECT_TRUE(info.readAll().startsWith("[Trash Info]\nPath=apps/Product.app\nDeletionDate="));
     EXPECT_EQ(QFileInfo(info).ownerId(), uid);
-    EXPECT_EQ(QProcess::execute("runuser",
-                                asUser({"mv", trash + "/files/Product.app", volume + "/mine/"})),
-              0);
-    EXPECT_EQ(QProcess::execute("runuser", asUser({"rm", "-r", volume + "/mine/Product.app"})), 0);
+    for (const QStringList &command :
+         {QStringList{"mv", trash + "/files/Product.app", volume + "/mine/"},
+          QStringList{"rm", "-r", volume + "/mine/Product.app"}})
+        EXPECT_EQ(QProcess::execute("runuser", asUser(command)), 0);
 
-    // A trash that is not wholly the user's is never used: one whose info
-    // folder is root's (if open to all), or a file of root's.
+    // A trash not wholly the user's is never used: a root's info folder (if
+    // open to all), or a root's file in its place.
     const auto keptBeside = [&] {
         const ToolRun run = train({source, apps + "/Product.app"});
         EXPECT_EQ(run.status, 0);
@@ -335,9 +297,7 @@ TEST_F(TrainBoundaryTest, TheReplacedCopyGoesWhereTheUserCanRestoreIt) {
     keptBeside();
 }
 
-// With the project's polkit action installed, pkexec asks for it, not for
-// its generic action, and the dialog's text names the command line: the
-// rule that grants the generic action no longer lets the tool run.
+// With the project's action installed pkexec asks for it, not the generic one the rule grants.
 TEST_F(TrainBoundaryTest, TheProjectsPolkitActionIsUsedWhenPresent) {
     QFile templateFile(KV_POLICY_TEMPLATE);
     ASSERT_TRUE(templateFile.open(QIODevice::ReadOnly));
@@ -352,9 +312,10 @@ TEST_F(TrainBoundaryTest, TheProjectsPolkitActionIsUsedWhenPresent) {
         if (lookup.exitCode() == 0) break;
         QThread::msleep(50);
     }
+    // The dialog's text names the command line.
     EXPECT_TRUE(lookup.readAllStandardOutput().contains("$(command_line)"));
     EXPECT_EQ(train({source, rootOnly + "/Product.app"}).status, 127);
-    EXPECT_EQ(entries(rootOnly), QStringList{"keep"});
+    expectRootsFolderUntouched();
 }
 
 }  // namespace
