@@ -15,9 +15,7 @@ QDateTime utc(int year, int month, int day, int hour = 12, int minute = 0, int s
 QTimeZone zone(const char *id) { return QTimeZone(QByteArray(id)); }
 }  // namespace
 
-// Thai and Saudi locales prefer the Buddhist and the Islamic calendar; the
-// year stays Gregorian and follows the zone across New Year. Weekday 1 is
-// Sunday, 1 BC is year 1 of era 0, and units not asked for stay undefined.
+// Thai and Saudi locales prefer other calendars; weekday 1 is Sunday, 1 BC year 1 of era 0.
 TEST(DateExtensionsTest, ComponentsAreGregorianInEveryLocaleAndFollowTheZone) {
     const QLocale saved;
     for (const char *name : {"ar_SA", "th_TH"}) {
@@ -31,7 +29,6 @@ TEST(DateExtensionsTest, ComponentsAreGregorianInEveryLocaleAndFollowTheZone) {
     const KVCalendarUnits units = KVCalendarUnit::Era | KVCalendarUnit::Year |
                                   KVCalendarUnit::Weekday | KVCalendarUnit::WeekdayOrdinal |
                                   KVCalendarUnit::Quarter;
-    // The second Sunday and the fifth Saturday of their months.
     // clang-format off
     const std::pair<QDateTime, KVDateComponents> rows[] = {
         {utc(2024, 3, 10), {.era = 1, .year = 2024, .weekday = 1, .weekdayOrdinal = 2, .quarter = 1}},
@@ -47,8 +44,7 @@ TEST(DateExtensionsTest, ComponentsAreGregorianInEveryLocaleAndFollowTheZone) {
         (KVDateComponents{.day = 7, .hour = 15}));
 }
 
-// The platform's classic format, byte for byte, with the zone's offset; and
-// the styles of the locale, in the zone.
+// The platform's classic format byte for byte, and the locale's styles, in the zone.
 TEST(DateExtensionsTest, DescriptionsFollowTheFormatLocaleAndZone) {
     const QDateTime march = utc(2024, 3, 7, 13, 5, 9);
     // clang-format off

@@ -80,8 +80,7 @@ protected:
 
 }  // namespace
 
-// Each stretch between the stored breakpoints maps onto a quarter of the
-// volume; what has no number means full volume, a text reads its number.
+// Each stretch between breakpoints maps onto a quarter; no number means full volume.
 TEST(SoundExtensionsAlertVolume, StoredSettingMapsPiecewiseOntoQuarterSteps) {
     // clang-format off
     const std::pair<QVariant, float> rows[] = {  // the last one leaves nothing stored
@@ -95,13 +94,11 @@ TEST(SoundExtensionsAlertVolume, StoredSettingMapsPiecewiseOntoQuarterSteps) {
     }
 }
 
-// Heard once, at the alert volume, on any device: one the sound refuses makes
-// it fall back to the default device, and no device leaves the sound's own
-// choice alone. The trace lines are fixed byte for byte.
+// A device the sound refuses falls back to the default one; no device leaves the sound's own.
 TEST_F(SoundExtensionsTest, DoneSoundIsHeardOnceAtTheAlertVolumeAndTraced) {
-    EXPECT_EQ(systemAudioDeviceID(), SoundServer::kSinkName);
-    EXPECT_EQ(_alertSoundAlertDeviceIdentifier(), SoundServer::kSinkName);
-    EXPECT_EQ(soundEffectDeviceID(), SoundServer::kSinkName);
+    for (const QString &device :
+         {systemAudioDeviceID(), _alertSoundAlertDeviceIdentifier(), soundEffectDeviceID()})
+        EXPECT_EQ(device, SoundServer::kSinkName);
     const QString refused = "kvtest_no_such_device";
     // systemAudioDeviceID's answer (none: the real one), the device the sound
     // keeps after choosing the test sink, and the trace between first and last line.
@@ -161,8 +158,7 @@ TEST_F(SoundExtensionsTest, ListsEveryOutputDeviceAndNothingWithoutDevices) {
     ASSERT_TRUE(server_->restoreTestSink());
 }
 
-// One silent (and really silent) sound after more than 25 seconds without
-// one; any sound played puts it off.
+// One silent (and really silent) sound after more than 25 s without one, put off by any sound.
 TEST_F(SoundExtensionsTest, PrepareForSoundPlaysSilenceOnlyAfter25SecondsWithoutSound) {
     // The silent sound comes from the user's sound folder (the test has no bundle).
     const QString sounds = QDir::homePath() + "/.local/share/sounds";
@@ -198,9 +194,8 @@ TEST(SoundExtensionsCatalogue, SoundFilesAreToldByTheirExactExtension) {
     for (const auto &[path, accepted] : rows) EXPECT_EQ(isSoundFileAtPath(path), accepted) << path;
 }
 
-// The application's sound files first, in the bundle's order; then each folder's
-// in turn, without subfolders, Ogg files in the theme folder too. A missing folder
-// or a file gives nothing; a name that is no UTF-8 (never opened by path) is left out.
+// The application's, then each folder's (not subfolders, Ogg in the theme's); a name that is
+// no UTF-8 (never opened by path), a missing folder or a file gives nothing.
 TEST(SoundExtensionsCatalogue, ListsTheApplicationsThenEachFoldersSoundsAndFindsThemByName) {
     const QString root = TestEnvironment::makeTempDir("catalogue");
     const QString bundlePath = TestBundle::make(root, "Sounds", {}, false);
@@ -241,9 +236,8 @@ TEST(SoundExtensionsCatalogue, ListsTheApplicationsThenEachFoldersSoundsAndFinds
     EXPECT_EQ(KVSound(user + "/Pipe.wav").duration(), 0.0);
 }
 
-// Over the real folders: the application's names keep duplicates but not the silent
-// sound; a name in two sound folders is listed once and found in the system's one;
-// a user without a sound folder gets the others'.
+// Over the real folders: application names keep duplicates but not the silent sound; a name
+// in two folders is listed once and found in the system's.
 TEST(SoundExtensionsCatalogue, NamesOfTheApplicationsAndTheSystemsSounds) {
     const QString resources = KVBundle::mainBundle().resourcePath();
     const QString userSounds = qEnvironmentVariable("XDG_DATA_HOME") + "/sounds";
@@ -268,14 +262,9 @@ TEST(SoundExtensionsCatalogue, NamesOfTheApplicationsAndTheSystemsSounds) {
                             [](const QString &path) { return path.startsWith("/usr/"); }));
 }
 
-// The desktop's Ogg sounds are heard; a damaged Ogg file plays what decodes before
-// the damage, and junk that only looks like Ogg is no sound.
-TEST_F(SoundExtensionsTest, TheDesktopsOggSoundsAreHeard) {
-    KVSound bell(kThemeBell);
-    const QVector<float> samples = playAndRecord(bell);
-    EXPECT_GE(SoundServer::countSounds(samples), 1);
-    EXPECT_GT(SoundServer::peak(samples), 0.05);
-
+// A damaged Ogg file plays what decodes before the damage; junk that only looks like Ogg
+// is no sound.
+TEST(SoundExtensionsCatalogue, TheDesktopsOggSoundsAreRead) {
     QFile original("/usr/share/sounds/freedesktop/stereo/complete.oga");
     ASSERT_TRUE(original.open(QIODevice::ReadOnly));
     const QByteArray bytes = original.readAll();
