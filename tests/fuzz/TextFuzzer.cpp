@@ -1,9 +1,5 @@
-// libFuzzer target for the text helpers: escapes, encodings and HTML, code
-// points. The first byte picks the family; the rest is taken as UTF-16 units
-// (so lone surrogates and U+0000 come up) or as raw bytes.
-#include <unistd.h>
-
-#include <QByteArray>
+// libFuzzer target for the text helpers. The first byte picks the family; the
+// rest is taken as UTF-16 units (so lone surrogates and U+0000 come up) or bytes.
 #include <QGuiApplication>
 #include <QTemporaryFile>
 #include <cstdint>
@@ -22,25 +18,21 @@ QString units(const uint8_t *data, size_t size) {
 }
 
 void escapes(const QString &s) {
-    const QString chars = s.left(3);
-    const QString rest = s.mid(3);
-    (void)stringByEscapingCharacters(rest, chars);
-    (void)stringByExpandingEscapedCharacters(rest, chars);
-    (void)stringByExpandingEscapedCharacters(rest, KVEscapeCharacters);
+    const QString chars = s.left(3), rest = s.mid(3);
     QString m = rest;
     (void)expandEscapedControlCharactersIncludingBackslash(m, chars.size() % 2);
-    (void)stringWithObjCString(rest);
-    (void)withLineSeparator(rest, chars);
+    for (const QString &out :
+         {stringByEscapingCharacters(rest, chars), stringByExpandingEscapedCharacters(rest, chars),
+          stringByExpandingEscapedCharacters(rest, KVEscapeCharacters), stringWithObjCString(rest),
+          withLineSeparator(rest, chars), stringWithPercentEscapes(rest),
+          stringByTrimmingWhitespace(rest), asSingleLine(rest), MD5String(rest),
+          xmlElementForKey(rest, chars)})
+        (void)out;
     (void)componentsSeparatedByCharacter(rest, chars.isEmpty() ? QChar(u',') : chars[0]);
-    (void)stringWithPercentEscapes(rest);
-    (void)stringByTrimmingWhitespace(rest);
-    (void)asSingleLine(rest);
     (void)arrayOfLines(rest);
     (void)numericValue(rest);
     (void)booleanValue(rest);
     (void)smartFloatValue(rest);
-    (void)MD5String(rest);
-    (void)xmlElementForKey(rest, chars);
     (void)caseInsensitiveNumericCompare(rest, chars);
     (void)matchesWildcardPattern(rest, chars);
     (void)matchesWildcardPattern(chars, rest);
@@ -99,21 +91,10 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
     const uint8_t family = data[0] % 4;
-    ++data;
-    --size;
-    const QByteArray bytes(reinterpret_cast<const char *>(data), qsizetype(size));
-    switch (family) {
-        case 0:
-            escapes(units(data, size));
-            break;
-        case 1:
-            encodings(bytes);
-            break;
-        case 2:
-            html(bytes);
-            break;
-        default:
-            codePoints(units(data, size), data, size);
-    }
+    const QByteArray bytes(reinterpret_cast<const char *>(data + 1), qsizetype(size - 1));
+    if (family == 0) escapes(units(data + 1, size - 1));
+    if (family == 1) encodings(bytes);
+    if (family == 2) html(bytes);
+    if (family == 3) codePoints(units(data + 1, size - 1), data + 1, size - 1);
     return 0;
 }
