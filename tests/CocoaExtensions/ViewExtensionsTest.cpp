@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusVariant>
 #include <QLabel>
+#include <QScopeGuard>
 #include <QScrollArea>
 #include <QScrollBar>
 #include <QTest>
@@ -102,45 +102,28 @@ TEST(ViewExtensionsTest, LightAppearanceOverridesTheParentUntilSwitchedOff) {
     EXPECT_EQ(view->palette().color(QPalette::Window), QColor(60, 0, 0));
 }
 
-namespace {
-
-// The desktop portal on the private session bus; other test programs queue for the name.
-class ViewExtensionsDarkModeTest : public testing::Test {
-protected:
-    static constexpr char kPortal[] = "org.freedesktop.portal.Desktop";
-
-    void SetUp() override {
-        if (!portal_.isConnected()) GTEST_SKIP() << "no session bus";
-        QDBusConnectionInterface *bus = portal_.interface();
-        bus->registerService(kPortal, QDBusConnectionInterface::QueueService,
-                             QDBusConnectionInterface::DontAllowReplacement);
-        if (!QTest::qWaitFor(
-                [&] { return bus->serviceOwner(kPortal).value() == portal_.baseService(); }, 60000))
-            GTEST_SKIP() << "another portal keeps the name";
-    }
-    void TearDown() override {
-        portal_.unregisterService(kPortal);
-        QDBusConnection::disconnectFromBus("fake-portal");
-    }
-
-    static void announce(QDBusConnection &connection, const QString &key = "color-scheme",
-                         const QString &settingNamespace = "org.freedesktop.appearance") {
+// Only the desktop portal's own color-scheme changes count, once per live registration.
+TEST(ViewExtensionsTest, DarkModeCallsEachLiveViewOnceUntilUnregistered) {
+    const QString name = "org.freedesktop.portal.Desktop";
+    QDBusConnection portal = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "portal");
+    const auto release = qScopeGuard([&] {
+        portal.unregisterService(name);
+        QDBusConnection::disconnectFromBus("portal");
+    });
+    // Test programs side by side on the bus queue for the name.
+    portal.interface()->registerService(name, QDBusConnectionInterface::QueueService,
+                                        QDBusConnectionInterface::DontAllowReplacement);
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return portal.interface()->serviceOwner(name).value() == portal.baseService(); },
+        60000));
+    const auto announce = [&](QDBusConnection sender, const QString &area, const QString &key) {
         // After one round trip the bus has taken new match rules and earlier signals.
-        QDBusConnection::sessionBus().interface()->isServiceRegistered(kPortal);
+        QDBusConnection::sessionBus().interface()->isServiceRegistered(name);
         QDBusMessage signal = QDBusMessage::createSignal(
             "/org/freedesktop/portal/desktop", "org.freedesktop.portal.Settings", "SettingChanged");
-        signal << settingNamespace << key << QVariant::fromValue(QDBusVariant(uint(1)));
-        ASSERT_TRUE(connection.send(signal));
-    }
-
-    QDBusConnection portal_ =
-        QDBusConnection::connectToBus(QDBusConnection::SessionBus, "fake-portal");
-};
-
-}  // namespace
-
-// Only the portal's own color-scheme changes count, once per live registration.
-TEST_F(ViewExtensionsDarkModeTest, CallsEachLiveViewOnceUntilUnregistered) {
+        signal << area << key << QVariant::fromValue(QDBusVariant(uint(1)));
+        EXPECT_TRUE(sender.send(signal));
+    };
     QWidget first, second;
     int firstCalls = 0, secondCalls = 0, destroyedCalls = 0;
     auto *doomed = new QWidget;
@@ -148,17 +131,15 @@ TEST_F(ViewExtensionsDarkModeTest, CallsEachLiveViewOnceUntilUnregistered) {
     registerDarkModeNotifications(&first, [&firstCalls] { ++firstCalls; });
     registerDarkModeNotifications(&second, [&secondCalls] { ++secondCalls; });
     delete doomed;
-
-    announce(portal_, "accent-color");
-    announce(portal_, "color-scheme", "org.gnome.desktop.interface");
-    QDBusConnection impostor = QDBusConnection::sessionBus();
-    announce(impostor);
-    announce(portal_);
+    const QString appearance = "org.freedesktop.appearance";
+    announce(portal, appearance, "accent-color");
+    announce(portal, "org.gnome.desktop.interface", "color-scheme");
+    announce(QDBusConnection::sessionBus(), appearance, "color-scheme");
+    announce(portal, appearance, "color-scheme");
     ASSERT_TRUE(QTest::qWaitFor([&] { return secondCalls >= 1; }));
     EXPECT_TRUE(firstCalls == 1 && secondCalls == 1 && destroyedCalls == 0);
-
     unregisterDarkModeNotifications(&first);
-    announce(portal_);
+    announce(portal, appearance, "color-scheme");
     ASSERT_TRUE(QTest::qWaitFor([&] { return secondCalls == 2; }));
     EXPECT_EQ(firstCalls, 1);
     unregisterDarkModeNotifications(&second);
