@@ -38,10 +38,6 @@ TEST(DateExtensionsTest, ComponentsAreGregorianInEveryLocaleAndFollowTheZone) {
     // clang-format on
     for (const auto &[date, expected] : rows)
         EXPECT_EQ(gregorianDateComponents(date, units, zone("UTC")), expected);
-    EXPECT_EQ(
-        gregorianDateComponents(utc(2024, 3, 7, 14, 5, 9),
-                                KVCalendarUnit::Day | KVCalendarUnit::Hour, zone("Europe/Berlin")),
-        (KVDateComponents{.day = 7, .hour = 15}));
 }
 
 // The platform's classic format byte for byte, and the locale's styles, in the zone.

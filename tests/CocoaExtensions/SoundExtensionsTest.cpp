@@ -62,7 +62,7 @@ protected:
         EXPECT_TRUE(QTest::qWaitFor([&] { return !sound.isPlaying(); }, 5000));
         return server_->stopCapture();
     }
-    // How many silent sounds prepareForSound starts at that second, played to their end.
+    // The silent sounds prepareForSound starts at that second, played to their end.
     int prepareAt(int seconds) {
         seconds_ = seconds;
         const int before = SoundExtensionsPrivate::silentSoundThreadsStarted();
@@ -113,7 +113,6 @@ TEST_F(SoundExtensionsTest, DoneSoundIsHeardOnceAtTheAlertVolumeAndTraced) {
         {QString(), "kvtest_sink", {"+SL: soundEffectID=(null)"}}};
     // clang-format on
     setSoundLog(true);
-    double fullPeak = 0.0;
     for (const auto &[device, used, trace] : rows) {
         SoundExtensionsPrivate::overrideSystemAudioDeviceID(device);
         KVSound sound(kResources + "Done.wav");
@@ -122,7 +121,7 @@ TEST_F(SoundExtensionsTest, DoneSoundIsHeardOnceAtTheAlertVolumeAndTraced) {
         LogCapture log;
         const QVector<float> samples = playAndRecord(sound);
         EXPECT_EQ(SoundServer::countSounds(samples), 1);
-        EXPECT_NEAR(fullPeak = SoundServer::peak(samples), 0.5, 0.05);
+        EXPECT_NEAR(SoundServer::peak(samples), 0.5, 0.05);
         EXPECT_EQ(log.messages(), QStringList("playAsSoundEffect: " + sound.description())
                                       << "   device Null Output by PulseAudio id kvtest_sink"
                                       << trace << "+SL: play self (" + sound.description() + ")");
@@ -131,13 +130,9 @@ TEST_F(SoundExtensionsTest, DoneSoundIsHeardOnceAtTheAlertVolumeAndTraced) {
     // Without the log nothing is written, on the fallback path too.
     setSoundLog(false);
     SoundExtensionsPrivate::overrideSystemAudioDeviceID(refused);
-    systemSound().setObject(0.61, kVolumeKey);
-    KVSound half(kResources + "Done.wav");
-    half.setVolume(alertVolume());
+    KVSound quiet(kResources + "Done.wav");
     LogCapture log;
-    const QVector<float> soft = playAndRecord(half);
-    EXPECT_EQ(SoundServer::countSounds(soft), 1);
-    EXPECT_NEAR(SoundServer::peak(soft) / fullPeak, 0.5, 0.1);
+    EXPECT_EQ(SoundServer::countSounds(playAndRecord(quiet)), 1);
     EXPECT_EQ(log.text(), "");
 }
 
@@ -183,17 +178,6 @@ TEST_F(SoundExtensionsTest, PrepareForSoundPlaysSilenceOnlyAfter25SecondsWithout
     EXPECT_EQ(prepareAt(66), 1);
 }
 
-// Case counts, and only the part after the last dot of the last component
-// is an extension.
-TEST(SoundExtensionsCatalogue, SoundFilesAreToldByTheirExactExtension) {
-    // clang-format off
-    const std::pair<const char *, bool> rows[] = {
-        {"Ping.AIFF", true}, {"Ping.Aiff", false}, {"x.tar.wav", true}, {"x.wav.txt", false},
-        {"x.wav/", true}, {".wav", false}, {"a.wav/b", false}};
-    // clang-format on
-    for (const auto &[path, accepted] : rows) EXPECT_EQ(isSoundFileAtPath(path), accepted) << path;
-}
-
 // The application's, then each folder's (not subfolders, Ogg in the theme's); a name that is
 // no UTF-8 (never opened by path), a missing folder or a file gives nothing.
 TEST(SoundExtensionsCatalogue, ListsTheApplicationsThenEachFoldersSoundsAndFindsThemByName) {
@@ -214,6 +198,12 @@ TEST(SoundExtensionsCatalogue, ListsTheApplicationsThenEachFoldersSoundsAndFinds
         {system, ""}, {theme, "oga"}, {root + "/missing", ""}, {user + "/a file", ""}, {user, ""}};
     const std::optional<KVBundle> bundle = KVBundle::bundleWithPath(bundlePath);
     ASSERT_TRUE(bundle);
+    // Case counts; only what follows the last dot of the last component is an extension.
+    // clang-format off
+    for (const auto &[path, accepted] : {std::pair{"x.tar.wav", true}, {"x.wav.txt", false},
+             {"x.wav/", true}, {".wav", false}, {"a.wav/b", false}, {"Ping.Aiff", false}})
+        EXPECT_EQ(isSoundFileAtPath(path), accepted) << path;
+    // clang-format on
 
     EXPECT_EQ(SoundExtensionsPrivate::applicationSoundFiles(*bundle),
               QStringList({resources + "/Glass.aiff", resources + "/Glass.wav"}));
@@ -236,8 +226,7 @@ TEST(SoundExtensionsCatalogue, ListsTheApplicationsThenEachFoldersSoundsAndFinds
     EXPECT_EQ(KVSound(user + "/Pipe.wav").duration(), 0.0);
 }
 
-// Over the real folders: application names keep duplicates but not the silent sound; a name
-// in two folders is listed once and found in the system's.
+// Application names keep duplicates but not the silent sound; one in two folders is listed once.
 TEST(SoundExtensionsCatalogue, NamesOfTheApplicationsAndTheSystemsSounds) {
     const QString resources = KVBundle::mainBundle().resourcePath();
     const QString userSounds = qEnvironmentVariable("XDG_DATA_HOME") + "/sounds";
@@ -255,27 +244,4 @@ TEST(SoundExtensionsCatalogue, NamesOfTheApplicationsAndTheSystemsSounds) {
     EXPECT_EQ(sounds.count("bell"), 1);
     EXPECT_TRUE(sounds.contains("KVTestPop") && std::is_sorted(sounds.begin(), sounds.end()));
     EXPECT_EQ(pathOfSound("bell"), kThemeBell);
-    ASSERT_TRUE(QDir(userSounds).removeRecursively());
-    const QStringList withoutUser = systemSoundFiles();
-    EXPECT_TRUE(withoutUser.contains(kThemeBell));
-    EXPECT_TRUE(std::all_of(withoutUser.begin(), withoutUser.end(),
-                            [](const QString &path) { return path.startsWith("/usr/"); }));
-}
-
-// A damaged Ogg file plays what decodes before the damage; junk that only looks like Ogg
-// is no sound.
-TEST(SoundExtensionsCatalogue, TheDesktopsOggSoundsAreRead) {
-    QFile original("/usr/share/sounds/freedesktop/stereo/complete.oga");
-    ASSERT_TRUE(original.open(QIODevice::ReadOnly));
-    const QByteArray bytes = original.readAll();
-    const QString folder = TestEnvironment::makeTempDir("ogg");
-    ASSERT_TRUE(
-        TestEnvironment::writeFile(folder + "/cut.oga", bytes.left(bytes.size() / 2)) &&
-        TestEnvironment::writeFile(folder + "/junk.oga", "OggS" + QByteArray(5000, '\x7f')));
-    KVSound cut(folder + "/cut.oga");
-    EXPECT_GT(cut.duration(), 0.0);
-    EXPECT_LT(cut.duration(), KVSound(original.fileName()).duration());
-    KVSound junk(folder + "/junk.oga");
-    EXPECT_EQ(junk.duration(), 0.0);
-    EXPECT_FALSE(junk.play());
 }

@@ -51,13 +51,6 @@ protected:
     ToolRun train(const QStringList &arguments) const {
         return runTool(KV_TRAIN_TOOL, arguments, folder);
     }
-    // Enough items that a copy still runs when stopped; the staging item's path.
-    QString manyItemsOverAnOldCopy() const {
-        for (int i = 0; i < 3000; ++i)
-            makeFile(source + QString("/Contents/Resources/%1").arg(i), "x", 0644);
-        makeProduct(destination, "old");
-        return applications + "/." + name + ".installing";
-    }
 
     const QString trash = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash";
     const QString name = "Prodüct 2.app";
@@ -217,7 +210,11 @@ TEST_F(InstallTest, ALongNameIsInstalled) {
 
 // Killed, cancelled or out of disk, the copy leaves the old one; the next run cleans up.
 TEST_F(InstallTest, AnInterruptedCopyLeavesTheOldCopyInPlace) {
-    const QString staging = manyItemsOverAnOldCopy();
+    // Enough items that a copy still runs when stopped.
+    for (int i = 0; i < 3000; ++i)
+        makeFile(source + QString("/Contents/Resources/%1").arg(i), "x", 0644);
+    makeProduct(destination, "old");
+    const QString staging = applications + "/." + name + ".installing";
     const auto copying = [&](const auto &stillRunning) {
         while (!QFileInfo::exists(staging + "/Contents/Resources") && stillRunning())
             QThread::usleep(100);
