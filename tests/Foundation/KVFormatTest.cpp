@@ -24,20 +24,16 @@ TEST(KVFormatTest, FillsEachConversionAsThePlatformDoes) {
         // Top-level strings print as they are, never quoted.
         {kvFormat("%2$@ %1$@, %1$@ [%@]", QString("a"), QString("b \"c\" ü")),
          "b \"c\" ü a, a [a]"},
-        // Null strings and missing arguments print "(null)" or 0, never crash.
         {kvFormat("%@|%s|%@ %d|%4$@", QString(), static_cast<const char *>(nullptr)),
          "(null)|(null)|(null) 0|(null)"},
         {kvFormat("%d|%ld|%ld|%s", -7, qint64(5000000000LL), INT64_MIN, "c"),
          "-7|5000000000|-9223372036854775808|c"},
-        // "hh" narrows to a char; a precision cuts a C string, to nothing at 0.
         {kvFormat("%hhd|%.0s|%.2s", 300, "abc", "abc"), "44||ab"},
         // "%X" takes a 32-bit int, as in C: a sign-extended char shows 32 bits.
-        {kvFormat("%X|%02X|%02X|%02X", 0xBEEFu, 5, 0xAB, int(int8_t(0xE9))), "BEEF|05|AB|FFFFFFE9"},
+        {kvFormat("%X|%02X|%02X", 0xBEEFu, 5, int(int8_t(0xE9))), "BEEF|05|FFFFFFE9"},
         {kvFormat("%1.1f|%1.1f|%1.3f|%1.3f", 2.5, 10.0, 0.1234, 1.5), "2.5|10.0|0.123|1.500"},
-        // An incomplete conversion at the end prints as it stands.
         {kvFormat("%d%% of %@ at 50%l", 50, QString("x")), "50% of x at 50%l"},
-        {kvFormat("100%"), "100%"},
-        // Collections: sorted keys, four-space indents, quotes and escapes but for plain words.
+        // Sorted keys, four-space indents, quotes and escapes but for plain words.
         {kvFormat("<%@>", QStringList{}), "<(\n)>"},
         {kvFormat("%@", QVariantMap{{"b", 2}, {"a", true}, {"C", "c"}, {"", QStringList{"AB"}}}),
          "{\n    \"\" =     (\n        AB\n    );\n    C = c;\n    a = 1;\n    b = 2;\n}"},
@@ -48,8 +44,8 @@ TEST(KVFormatTest, FillsEachConversionAsThePlatformDoes) {
     for (const auto &c : cases) EXPECT_EQ(c[0], c[1]);
 }
 
-// Under the user's German locale C writes "2,5"; texts, defaults and property lists keep
-// the point. The locale is built into the test folder when the system has none.
+// Under a German locale C writes "2,5"; texts, defaults and property lists
+// keep the point. The locale is built when the system has none.
 TEST(KVFormatTest, WritesAndReadsRealsWithAPointUnderAGermanLocale) {
     const QByteArray savedLocale = std::setlocale(LC_NUMERIC, nullptr);
     const QByteArray savedPath = qgetenv("LOCPATH");
@@ -73,14 +69,16 @@ TEST(KVFormatTest, WritesAndReadsRealsWithAPointUnderAGermanLocale) {
     EXPECT_EQ(read, QVariant(QVariantList{2.5}));
 }
 
-// Each line is "2026-11-21 09:15:02.123 FoundationTests[pid:tid] message" and one
-// newline, even when the message brings its own; two threads' long lines arrive whole.
+// One newline per line even when the message brings its own; two threads'
+// long lines arrive whole.
 TEST(KVLogTest, WritesWholeLinesInThePlatformFormatFromAnyThread) {
     const auto isLogLine = [](const QString &line, long thread, const QString &message) {
-        const QString pattern =
-            R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} FoundationTests\[%1:%2\] %3\z)";
-        const auto escaped = QRegularExpression::escape(message);
-        return QRegularExpression(pattern.arg(getpid()).arg(thread).arg(escaped))
+        return QRegularExpression(
+                   QString(
+                       R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} FoundationTests\[%1:%2\] %3\z)")
+                       .arg(getpid())
+                       .arg(thread)
+                       .arg(QRegularExpression::escape(message)))
             .match(line)
             .hasMatch();
     };
@@ -109,21 +107,18 @@ TEST(KVLogTest, WritesWholeLinesInThePlatformFormatFromAnyThread) {
     }
 }
 
-// An untranslated key shows itself (null stays null), a missing table is reported, and
-// KVLocalizationTest_de.qm beside the test program translates keys and format strings.
+// KVLocalizationTest_de.qm beside the test program translates format strings.
 TEST(KVLocalizationTest, TranslatesInstalledKeysAndShowsEveryOtherKeyItself) {
     const QList<QTranslator *> before = qApp->findChildren<QTranslator *>();
-    const KVBundle bundle = KVBundle::mainBundle();
     const QLocale german(QLocale::German, QLocale::Germany);
+    const QString key = "%@ was successfully installed.";
     EXPECT_TRUE(KVLocalization::localizedString(QString()).isNull());
-    EXPECT_FALSE(KVLocalization::installTranslations(bundle, "NoSuchTable", german));
-    EXPECT_EQ(KVLocalization::localizedString("Install"), "Install");
-    EXPECT_TRUE(KVLocalization::installTranslations(bundle, "KVLocalizationTest", german));
-    EXPECT_EQ(KVLocalization::localizedString("Install"), "Installieren");
-    EXPECT_EQ(
-        kvFormat(KVLocalization::localizedString("%@ was successfully installed."), QString("P")),
-        "P wurde erfolgreich installiert.");
-    EXPECT_EQ(KVLocalization::localizedString("Grüße, %@"), "Grüße, %@");
+    EXPECT_FALSE(KVLocalization::installTranslations(KVBundle::mainBundle(), "NoSuch", german));
+    EXPECT_EQ(KVLocalization::localizedString(key), key);
+    EXPECT_TRUE(
+        KVLocalization::installTranslations(KVBundle::mainBundle(), "KVLocalizationTest", german));
+    EXPECT_EQ(kvFormat(KVLocalization::localizedString(key), QString("P")),
+              "P wurde erfolgreich installiert.");
     // The translation must not reach later tests.
     for (QTranslator *translator : qApp->findChildren<QTranslator *>()) {
         if (before.contains(translator)) continue;

@@ -4,10 +4,6 @@
 <context>
     <name>Localizable</name>
     <message>
-        <source>Install</source>
-        <translation>Installieren</translation>
-    </message>
-    <message>
         <source>%@ was successfully installed.</source>
         <translation>%@ wurde erfolgreich installiert.</translation>
     </message>

@@ -8,19 +8,18 @@
 #include "KVNotificationQueue.h"
 
 namespace {
-// Records what one observer saw, and on which thread.
+KVNotificationCenter &center() { return KVNotificationCenter::defaultCenter(); }
+// What one observer saw, and on which thread.
 struct Seen {
     QStringList changes;
     QList<QThread *> threads;
-    int token = 0;
-    Seen(const QString &name, const void *object) {
-        token = KVNotificationCenter::defaultCenter().addObserver(
-            name, object, [this](const KVNotification &n) {
-                changes << n.userInfo.value("change").toString();
-                threads << QThread::currentThread();
-            });
-    }
-    ~Seen() { KVNotificationCenter::defaultCenter().removeObserver(token); }
+    const int token;
+    Seen(const QString &name, const void *object)
+        : token(center().addObserver(name, object, [this](const KVNotification &n) {
+              changes << n.userInfo.value("change").toString();
+              threads << QThread::currentThread();
+          })) {}
+    ~Seen() { center().removeObserver(token); }
 };
 const char senderA = 0, senderB = 0;
 void enqueue(const QString &name, const void *object, const QString &change) {
@@ -28,25 +27,22 @@ void enqueue(const QString &name, const void *object, const QString &change) {
 }
 }  // namespace
 
+// An observer removed by an earlier observer of the same post is not called.
 TEST(KVNotificationTest, CenterCallsObserversOfTheNameAndSender) {
     Seen any("N", nullptr), onlyA("N", &senderA), other("M", nullptr);
-    KVNotificationCenter::defaultCenter().postNotification({"N", &senderB, {{"change", "b"}}});
-    KVNotificationCenter::defaultCenter().postNotification({"N", &senderA, {{"change", "a"}}});
+    center().postNotification({"N", &senderB, {{"change", "b"}}});
+    center().postNotification({"N", &senderA, {{"change", "a"}}});
     EXPECT_EQ(any.changes, QStringList({"b", "a"}));
     EXPECT_EQ(onlyA.changes, QStringList({"a"}));
     EXPECT_TRUE(other.changes.isEmpty());
-
-    // An observer removed by an earlier observer of the same post is not called.
     int second = 0, calls = 0;
-    const int first = KVNotificationCenter::defaultCenter().addObserver(
-        "R", nullptr, [&](const KVNotification &) {
-            ++calls;
-            KVNotificationCenter::defaultCenter().removeObserver(second);
-        });
-    second = KVNotificationCenter::defaultCenter().addObserver(
-        "R", nullptr, [&](const KVNotification &) { ++calls; });
-    KVNotificationCenter::defaultCenter().postNotification({"R", nullptr, {}});
-    KVNotificationCenter::defaultCenter().removeObserver(first);
+    const int first = center().addObserver("R", nullptr, [&](const KVNotification &) {
+        ++calls;
+        center().removeObserver(second);
+    });
+    second = center().addObserver("R", nullptr, [&](const KVNotification &) { ++calls; });
+    center().postNotification({"R", nullptr, {}});
+    center().removeObserver(first);
     EXPECT_EQ(calls, 1);
 }
 
@@ -66,14 +62,13 @@ TEST(KVNotificationTest, QueueDeliversLaterOnTheMainThreadCoalescedByNameAndSend
 
     // Once delivered, the same name and sender go through again; one enqueued
     // by an observer comes on a later turn, not inside the delivery.
-    const int token = KVNotificationCenter::defaultCenter().addObserver(
-        "Q", &senderA, [](const KVNotification &n) {
-            if (n.userInfo.value("change") == "6") enqueue("Q", &senderA, "7");
-        });
+    const int token = center().addObserver("Q", &senderA, [](const KVNotification &n) {
+        if (n.userInfo.value("change") == "6") enqueue("Q", &senderA, "7");
+    });
     enqueue("Q", &senderA, "6");
     QCoreApplication::processEvents();
     EXPECT_EQ(seen.changes.mid(3), QStringList({"6"}));
     QCoreApplication::processEvents();
-    KVNotificationCenter::defaultCenter().removeObserver(token);
+    center().removeObserver(token);
     EXPECT_EQ(seen.changes.mid(3), QStringList({"6", "7"}));
 }

@@ -2,11 +2,10 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 
-#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
-#include <QTimeZone>
 
+#include "FifoWatch.h"
 #include "KVBundle.h"
 #include "KVPath.h"
 #include "KVPropertyList.h"
@@ -15,48 +14,44 @@
 
 using KVPropertyList::Format;
 
-// "/", "", trailing and repeated slashes and leading dots, as the platform has them.
 TEST(KVPathTest, SplitsAndJoinsComponentsLikeThePlatform) {
-    // path, lastPathComponent, stringByDeletingLastPathComponent, pathExtension,
-    // stringByDeletingPathExtension
+    // path, last component, without it, extension, without the extension
+    // clang-format off
     const QString cases[][5] = {
-        {"/tmp/", "tmp", "/", "", "/tmp"},
-        {"/", "/", "/", "", "/"},
-        {"", "", "", "", ""},
+        {"/tmp/", "tmp", "/", "", "/tmp"}, {"/", "/", "/", "", "/"}, {"", "", "", "", ""},
         {"scratch///", "scratch", "", "", "scratch"},
         {".scratch.tiff", ".scratch.tiff", "", "tiff", ".scratch"},
         {"/tmp/scratch..tiff", "scratch..tiff", "/tmp", "tiff", "/tmp/scratch."},
-        {"/a/.tiff", ".tiff", "/a", "", "/a/.tiff"},
-        {"/a.b/c", "c", "/a.b", "", "/a.b/c"},
-        {"/a\nb/B.ü ber/", "B.ü ber", "/a\nb", "ü ber", "/a\nb/B"}};
-    for (const auto &c : cases) {
-        EXPECT_EQ(KVPath::lastPathComponent(c[0]), c[1]) << qPrintable(c[0]);
-        EXPECT_EQ(KVPath::stringByDeletingLastPathComponent(c[0]), c[2]) << qPrintable(c[0]);
-        EXPECT_EQ(KVPath::pathExtension(c[0]), c[3]) << qPrintable(c[0]);
-        EXPECT_EQ(KVPath::stringByDeletingPathExtension(c[0]), c[4]) << qPrintable(c[0]);
-    }
+        {"/a/.tiff", ".tiff", "/a", "", "/a/.tiff"}, {"/a.b/c", "c", "/a.b", "", "/a.b/c"}};
     const QString joined[][3] = {
         {"/", "x", "/x"}, {"", "x", "x"}, {"/tmp/", "", "/tmp"}, {"/tmp", "/a//b/", "/tmp/a/b"}};
+    // clang-format on
+    for (const auto &c : cases) {
+        const QStringList got{
+            KVPath::lastPathComponent(c[0]), KVPath::stringByDeletingLastPathComponent(c[0]),
+            KVPath::pathExtension(c[0]), KVPath::stringByDeletingPathExtension(c[0])};
+        EXPECT_EQ(got, QStringList({c[1], c[2], c[3], c[4]})) << qPrintable(c[0]);
+    }
     for (const auto &c : joined)
         EXPECT_EQ(KVPath::stringByAppendingPathComponent(c[0], c[1]), c[2]) << qPrintable(c[0]);
     EXPECT_EQ(KVPath::stringByAppendingPathExtension("/tmp/x/", "tiff"), "/tmp/x.tiff");
 }
 
-// "~" expands to $HOME or a named user's home; only home and what lies in it abbreviate
-// back, never a sibling sharing its prefix, and nothing when home is "/".
+// Only home and what lies in it abbreviate, never a sibling sharing its
+// prefix, and nothing when home is "/".
 TEST(KVPathTest, ExpandsAndAbbreviatesTheHomeFolder) {
     const QString home = QFile::decodeName(qgetenv("HOME"));
     const passwd *root = getpwnam("root");
     ASSERT_TRUE(root);
-    const QString expanded[][2] = {{"~/", home},
-                                   {"~/Grüße", home + "/Grüße"},
-                                   {"~root/x", QFile::decodeName(root->pw_dir) + "/x"},
-                                   {"~nosuchuser/x", "~nosuchuser/x"},
-                                   {"/a/~", "/a/~"}};
-    for (const auto &c : expanded)
-        EXPECT_EQ(KVPath::stringByExpandingTildeInPath(c[0]), c[1]) << qPrintable(c[0]);
+    // clang-format off
+    const QString expanded[][2] = {
+        {"~/", home}, {"~root/x", QFile::decodeName(root->pw_dir) + "/x"},
+        {"~nosuchuser/x", "~nosuchuser/x"}, {"/a/~", "/a/~"}};
     const QString abbreviated[][2] = {
         {home + "/", "~"}, {home + "/x", "~/x"}, {home + "x", home + "x"}, {"/tmp/x", "/tmp/x"}};
+    // clang-format on
+    for (const auto &c : expanded)
+        EXPECT_EQ(KVPath::stringByExpandingTildeInPath(c[0]), c[1]) << qPrintable(c[0]);
     for (const auto &c : abbreviated)
         EXPECT_EQ(KVPath::stringByAbbreviatingWithTildeInPath(c[0]), c[1]) << qPrintable(c[0]);
     qputenv("HOME", "/");
@@ -70,36 +65,29 @@ protected:
     const QVariantMap info{{"CFBundleIdentifier", "org.example.product"}, {"CFBundleName", "P"}};
 };
 
-// Both plist forms are read; anything malformed or missing gives an empty dictionary.
+// Anything malformed or missing gives an empty dictionary.
 TEST_F(KVBundleTest, ReadsBothPlistFormsAndNothingFromAMalformedOne) {
     const QByteArray xml = KVPropertyList::toData(info, Format::Xml);
     const QByteArray binary = KVPropertyList::toData(info, Format::Binary);
-    ASSERT_TRUE(xml.startsWith("<?xml") && binary.startsWith("bplist00"));
     const std::pair<const char *, QByteArray> cases[] = {
         {"Xml", xml},
         {"Binary", binary},
         {"Garbage", QByteArrayLiteral("\x00\xff\x13garbage\x80\x81")},
-        {"BinaryGarbage", QByteArrayLiteral("bplist00\xff\xff\xff\xff\x01\x02\x03")},
-        {"TruncatedXml", xml.left(xml.size() / 2)},
-        {"TruncatedBinary", binary.left(binary.size() - 10)},
         {"ArrayRoot", KVPropertyList::toData(QVariantList{1, 2}, Format::Xml)},
         {"Empty", QByteArray()}};
     for (const auto &[name, bytes] : cases)
         ASSERT_TRUE(
             TestEnvironment::writeFile(folder + "/" + name + ".app/Contents/Info.plist", bytes));
     QDir().mkpath(folder + "/Directory.app/Contents/Info.plist");
-    QDir().mkpath(folder + "/Missing.app/Contents");
     for (const QString &name : QDir(folder).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        const auto bundle = KVBundle::bundleWithPath(folder + "/" + name);
-        ASSERT_TRUE(bundle);
         const bool wellFormed = name == "Xml.app" || name == "Binary.app";
-        EXPECT_EQ(bundle->infoDictionary().keys(), wellFormed ? info.keys() : QStringList())
+        EXPECT_EQ(KVBundle::bundleWithPath(folder + "/" + name)->infoDictionary().keys(),
+                  wellFormed ? info.keys() : QStringList())
             << qPrintable(name);
     }
 }
 
-// Only an existing folder is a bundle, kept without redundant slashes;
-// resources are found by name and type, and what is missing is null.
+// Only an existing folder is a bundle, kept without redundant slashes.
 TEST_F(KVBundleTest, FindsItsExecutableAndResources) {
     ASSERT_TRUE(TestEnvironment::writeFile(folder + "/file.app", "x"));
     EXPECT_FALSE(KVBundle::bundleWithPath(folder + "/file.app"));
@@ -123,22 +111,38 @@ TEST_F(KVBundleTest, FindsItsExecutableAndResources) {
     EXPECT_TRUE(KVBundle::enclosingApplicationBundle("/").isNull());
 }
 
-// Every value type survives both forms, with large negative integers, dates before
-// 2001 (the binary epoch), bytes with zeros, and empty nested containers.
-TEST_F(KVBundleTest, RoundTripsNestedPropertyListsInBothForms) {
-    const QVariantMap value{
-        {"string", "Grüße <&>"},
-        {"integer", -(qlonglong(1) << 40)},
-        {"no", false},
-        {"real", 2.5},
-        {"date", QDateTime(QDate(1999, 1, 2), QTime(3, 4, 5), QTimeZone::utc())},
-        {"data", QByteArrayLiteral("\x00\x01\xfe\xff")},
-        {"list", QVariantList{"a", true, QVariantMap{{"k", QVariantList{}}}}}};
-    for (Format format : {Format::Xml, Format::Binary}) {
-        ASSERT_TRUE(KVPropertyList::writeFile(value, folder + "/value.plist", format));
-        const QVariantMap read = KVPropertyList::fromFile(folder + "/value.plist").toMap();
-        EXPECT_EQ(read.keys(), value.keys());
-        for (auto it = value.cbegin(); it != value.cend(); ++it)
-            EXPECT_EQ(read.value(it.key()), it.value()) << qPrintable(it.key()) << int(format);
-    }
+// Arrays of one element each, the innermost holding the string "x".
+static QByteArray nested(int depth, Format format) {
+    QVariant value = QString("x");
+    for (int i = 0; i < depth; ++i) value = QVariantList{value};
+    return KVPropertyList::toData(value, format);
+}
+
+// Refused before the (recursive) parser sees them: 257 levels in both forms,
+// 200,000 in a 3 MB text; 256 levels are read.
+TEST(KVPropertyListTest, NestingDeeperThanAnyRealListIsRefusedBeforeParsing) {
+    const QByteArray deepXml =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">" +
+        QByteArray("<array>").repeated(200000) + "<string>x</string>" +
+        QByteArray("</array>").repeated(200000) + "</plist>\n";
+    const std::pair<QByteArray, bool> cases[] = {{nested(256, Format::Xml), true},
+                                                 {nested(256, Format::Binary), true},
+                                                 {nested(257, Format::Xml), false},
+                                                 {nested(257, Format::Binary), false},
+                                                 {deepXml, false}};
+    for (const auto &[data, valid] : cases)
+        EXPECT_EQ(KVPropertyList::fromData(data).isValid(), valid) << data.left(60).toHex().data();
+    QVariant inner = KVPropertyList::fromData(nested(256, Format::Binary));
+    for (int level = 0; level < 256; ++level) inner = inner.toList().value(0);
+    EXPECT_EQ(inner, "x");
+}
+
+// An Info.plist that is a FIFO is no list: never opened, never waited on.
+TEST(KVPropertyListTest, OnlyARegularFileIsRead) {
+    const QString path = TestEnvironment::makeTempDir("plist") + "/Info.plist";
+    FifoWatch fifo(path);
+    ASSERT_TRUE(fifo.made());
+    EXPECT_FALSE(KVPropertyList::fromFile(path).isValid());
+    EXPECT_FALSE(KVPropertyList::fromFile("/dev/zero").isValid());
+    EXPECT_FALSE(fifo.readerWaited());
 }

@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <QApplication>
 #include <QProcess>
 #include <QTest>
-#include <QWidget>
 #include <algorithm>
 #include <atomic>
 #include <memory>
@@ -15,23 +13,49 @@
 #include <vector>
 
 #include "KVWindowServer.h"
-#include "QtPrinters.h"
 #include "XSession.h"
 
 namespace {
 constexpr int kTimeoutMs = 5000;
+
+QString run(const QString &program, const QStringList &arguments) {
+    QProcess process;
+    process.start(program, arguments);
+    process.waitForFinished(kTimeoutMs);
+    return QString::fromLocal8Bit(process.readAllStandardOutput());
+}
+// The window ids ("0x…") an xprop line lists after its '#'.
+QStringList windowIds(const QStringList &xpropArguments) {
+    return run("xprop", xpropArguments)
+        .section('#', 1)
+        .simplified()
+        .split(", ", Qt::SkipEmptyParts);
+}
+// Bottom to top.
+QStringList stackingOrder() { return windowIds({"-root", "_NET_CLIENT_LIST_STACKING"}); }
+QStringList windowsOf(pid_t pid) {
+    QStringList windows;
+    for (const QString &id : stackingOrder())
+        if (run("xprop", {"-id", id, "_NET_WM_PID"}).section('=', 1).trimmed().toInt() == pid)
+            windows << id;
+    return windows;
+}
+// "Normal" or "Iconic", as ICCCM's WM_STATE says.
+QString windowState(const QString &id) {
+    return run("xprop", {"-id", id, "WM_STATE"}).section("window state: ", 1).section('\n', 0, 0);
+}
+bool becomesFront(pid_t pid) {
+    return QTest::qWaitFor([&] { return KVWindowServer::frontProcessID() == pid; }, kTimeoutMs);
+}
 }  // namespace
 
 class KVWindowServerTest : public testing::Test {
 protected:
     static void TearDownTestSuite() { XSession::stop(); }
-    void SetUp() override {
-        ASSERT_EQ(XSession::start(), "");  // or why not
-    }
+    void SetUp() override { ASSERT_EQ(XSession::start(), ""); }  // or why not
     void TearDown() override {
         for (auto &child : m_children) XSession::stop(child);
     }
-
     // A process showing `count` windows, listed by the window manager; 0 on failure.
     pid_t startWindows(const QString &title, int count = 1) {
         QString error;
@@ -46,44 +70,11 @@ protected:
         return pid;
     }
 
-    static QString run(const QString &program, const QStringList &arguments) {
-        QProcess process;
-        process.start(program, arguments);
-        process.waitForFinished(kTimeoutMs);
-        return QString::fromLocal8Bit(process.readAllStandardOutput());
-    }
-    // The window ids ("0x…") an xprop line lists after its '#'.
-    static QStringList windowIds(const QStringList &xpropArguments) {
-        return run("xprop", xpropArguments)
-            .section('#', 1)
-            .simplified()
-            .split(", ", Qt::SkipEmptyParts);
-    }
-    // Bottom to top.
-    static QStringList stackingOrder() { return windowIds({"-root", "_NET_CLIENT_LIST_STACKING"}); }
-    static QStringList windowsOf(pid_t pid) {
-        QStringList windows;
-        for (const QString &id : stackingOrder())
-            if (run("xprop", {"-id", id, "_NET_WM_PID"}).section('=', 1).trimmed().toInt() == pid)
-                windows << id;
-        return windows;
-    }
-    static QString activeWindow() { return windowIds({"-root", "_NET_ACTIVE_WINDOW"}).value(0); }
-    // "Normal" or "Iconic", as ICCCM's WM_STATE says.
-    static QString windowState(const QString &id) {
-        return run("xprop", {"-id", id, "WM_STATE"})
-            .section("window state: ", 1)
-            .section('\n', 0, 0);
-    }
-    static bool becomesFront(pid_t pid) {
-        return QTest::qWaitFor([&] { return KVWindowServer::frontProcessID() == pid; }, kTimeoutMs);
-    }
-
 private:
     std::vector<std::unique_ptr<QProcess>> m_children;
 };
 
-// Another process's windows: A's two and B's one.
+// A's two windows and B's one.
 TEST_F(KVWindowServerTest, BringsForwardAndHidesTheWindowsOfAnotherProcess) {
     const pid_t a = startWindows("A", 2);
     const pid_t b = startWindows("B");
@@ -93,27 +84,26 @@ TEST_F(KVWindowServerTest, BringsForwardAndHidesTheWindowsOfAnotherProcess) {
     ASSERT_EQ(windowsOfA.size(), 2);
     // A process without windows here (the parent) or a pid of 0 or below is not found.
     for (pid_t pid : {getppid(), pid_t(0), pid_t(-1)}) {
-        for (bool flag : {false, true}) {
-            EXPECT_FALSE(KVWindowServer::bringProcessToFront(pid, flag)) << pid;
-            EXPECT_FALSE(KVWindowServer::setProcessHidden(pid, flag)) << pid;
-        }
+        EXPECT_FALSE(KVWindowServer::bringProcessToFront(pid, false)) << pid;
+        EXPECT_FALSE(KVWindowServer::setProcessHidden(pid, true)) << pid;
     }
     // With A behind B, front window only brings A's top-most alone forward;
     // all windows brings both, the top-most staying on top and active.
     for (bool frontWindowOnly : {true, false}) {
         ASSERT_TRUE(KVWindowServer::bringProcessToFront(b, false));
         ASSERT_TRUE(becomesFront(b));
-        EXPECT_EQ(run("xdotool", {"getactivewindow", "getwindowpid"}).trimmed().toInt(), b);
         EXPECT_TRUE(KVWindowServer::bringProcessToFront(a, frontWindowOnly));
         EXPECT_TRUE(becomesFront(a));
-        EXPECT_TRUE(QTest::qWaitFor([&] { return activeWindow() == windowsOfA[1]; }, kTimeoutMs));
-        const QStringList expected = frontWindowOnly
-                                         ? QStringList{windowsOfA[0], windowOfB, windowsOfA[1]}
-                                         : QStringList{windowOfB, windowsOfA[0], windowsOfA[1]};
-        EXPECT_EQ(stackingOrder(), expected) << frontWindowOnly;
+        EXPECT_TRUE(QTest::qWaitFor(
+            [&] {
+                return windowIds({"-root", "_NET_ACTIVE_WINDOW"}).value(0) == windowsOfA[1];
+            },
+            kTimeoutMs));
+        EXPECT_EQ(stackingOrder(), frontWindowOnly
+                                       ? QStringList({windowsOfA[0], windowOfB, windowsOfA[1]})
+                                       : QStringList({windowOfB, windowsOfA[0], windowsOfA[1]}));
     }
-    // Hiding minimizes all of A's windows, none of B's; showing or bringing A to the
-    // front brings them back.
+    // Hiding minimizes all of A's windows, none of B's; bringing A forward shows them.
     const auto allOfABecome = [&](const char *state) {
         return QTest::qWaitFor(
             [&] {
@@ -122,20 +112,17 @@ TEST_F(KVWindowServerTest, BringsForwardAndHidesTheWindowsOfAnotherProcess) {
             },
             kTimeoutMs);
     };
-    for (bool toTheFront : {false, true}) {
-        EXPECT_TRUE(KVWindowServer::setProcessHidden(a, true));
-        EXPECT_TRUE(allOfABecome("Iconic"));
-        EXPECT_EQ(windowState(windowOfB), "Normal");
-        EXPECT_NE(KVWindowServer::frontProcessID(), a);
-        EXPECT_TRUE(toTheFront ? KVWindowServer::bringProcessToFront(a, false)
-                               : KVWindowServer::setProcessHidden(a, false));
-        EXPECT_TRUE(allOfABecome("Normal")) << toTheFront;
-    }
+    EXPECT_TRUE(KVWindowServer::setProcessHidden(a, true));
+    EXPECT_TRUE(allOfABecome("Iconic"));
+    EXPECT_EQ(windowState(windowOfB), "Normal");
+    EXPECT_NE(KVWindowServer::frontProcessID(), a);
+    EXPECT_TRUE(KVWindowServer::bringProcessToFront(a, false));
+    EXPECT_TRUE(allOfABecome("Normal"));
     EXPECT_TRUE(becomesFront(a));
 }
 
-// Without a reachable X display, or in a Wayland session even beside an X server, no
-// front process and no request works; back on the display all works, nothing hidden.
+// Without a reachable X display, or in a Wayland session even beside an X
+// server, nothing works; back on the display all works again.
 TEST_F(KVWindowServerTest, ConnectsOnlyInAnX11SessionAndReconnects) {
     const pid_t a = startWindows("A");
     ASSERT_TRUE(a);
@@ -149,9 +136,8 @@ TEST_F(KVWindowServerTest, ConnectsOnlyInAnX11SessionAndReconnects) {
         EXPECT_FALSE(KVWindowServer::bringProcessToFront(a, false)) << name;
         EXPECT_FALSE(KVWindowServer::setProcessHidden(a, true)) << name;
     }
-    EXPECT_TRUE(KVWindowServer::isAvailable());
     EXPECT_EQ(KVWindowServer::frontProcessID(), a);
-    QTest::qWait(200);
+    QTest::qWait(200);  // time for a request wrongly sent to take effect
     EXPECT_EQ(windowState(windowsOf(a).value(0)), "Normal");
 
     // Another name for the same display opens a new connection; racing threads all get it.
@@ -164,26 +150,4 @@ TEST_F(KVWindowServerTest, ConnectsOnlyInAnX11SessionAndReconnects) {
         });
     for (std::thread &thread : threads) thread.join();
     EXPECT_EQ(right, 8 * 20);
-}
-
-// This process's own (offscreen) windows go through Qt, also when a worker thread asks;
-// a maximized window stays maximized.
-TEST_F(KVWindowServerTest, OwnWindowsAreMinimizedAndShownThroughQt) {
-    EXPECT_FALSE(KVWindowServer::bringProcessToFront(getpid(), false));  // none visible yet
-    QWidget first, second;
-    first.show();
-    second.showMaximized();
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(&second));
-    std::atomic<int> result = -1;
-    std::thread worker([&] { result = KVWindowServer::setProcessHidden(getpid(), true); });
-    // The request runs on this (the GUI) thread, so keep its events flowing.
-    EXPECT_TRUE(QTest::qWaitFor([&] { return result != -1; }, kTimeoutMs));
-    worker.join();
-    EXPECT_EQ(result, 1);
-    EXPECT_TRUE(first.isMinimized() && second.isMinimized());
-
-    EXPECT_TRUE(KVWindowServer::bringProcessToFront(getpid(), false));
-    EXPECT_FALSE(first.isMinimized() || second.isMinimized());
-    EXPECT_TRUE(second.isMaximized());
-    EXPECT_TRUE(QTest::qWaitFor([&] { return QApplication::activeWindow() != nullptr; }));
 }
