@@ -14,7 +14,9 @@
 
 using KVPropertyList::Format;
 
-TEST(KVPathTest, SplitsAndJoinsComponentsLikeThePlatform) {
+// Only home and what lies in it abbreviate, never a sibling sharing its
+// prefix, and nothing when home is "/".
+TEST(KVPathTest, SplitsJoinsExpandsAndAbbreviatesLikeThePlatform) {
     // path, last component, without it, extension, without the extension
     // clang-format off
     const QString cases[][5] = {
@@ -35,23 +37,15 @@ TEST(KVPathTest, SplitsAndJoinsComponentsLikeThePlatform) {
     for (const auto &c : joined)
         EXPECT_EQ(KVPath::stringByAppendingPathComponent(c[0], c[1]), c[2]) << qPrintable(c[0]);
     EXPECT_EQ(KVPath::stringByAppendingPathExtension("/tmp/x/", "tiff"), "/tmp/x.tiff");
-}
 
-// Only home and what lies in it abbreviate, never a sibling sharing its
-// prefix, and nothing when home is "/".
-TEST(KVPathTest, ExpandsAndAbbreviatesTheHomeFolder) {
     const QString home = QFile::decodeName(qgetenv("HOME"));
     const passwd *root = getpwnam("root");
     ASSERT_TRUE(root);
-    // clang-format off
-    const QString expanded[][2] = {
-        {"~/", home}, {"~root/x", QFile::decodeName(root->pw_dir) + "/x"},
-        {"~nosuchuser/x", "~nosuchuser/x"}, {"/a/~", "/a/~"}};
-    const QString abbreviated[][2] = {
-        {home + "/", "~"}, {home + "/x", "~/x"}, {home + "x", home + "x"}, {"/tmp/x", "/tmp/x"}};
-    // clang-format on
-    for (const auto &c : expanded)
-        EXPECT_EQ(KVPath::stringByExpandingTildeInPath(c[0]), c[1]) << qPrintable(c[0]);
+    EXPECT_EQ(KVPath::stringByExpandingTildeInPath("~root/x"),
+              QFile::decodeName(root->pw_dir) + "/x");
+    for (const char *kept : {"~nosuchuser/x", "/a/~"})
+        EXPECT_EQ(KVPath::stringByExpandingTildeInPath(kept), QString(kept));
+    const QString abbreviated[][2] = {{home + "/", "~"}, {home + "x", home + "x"}};
     for (const auto &c : abbreviated)
         EXPECT_EQ(KVPath::stringByAbbreviatingWithTildeInPath(c[0]), c[1]) << qPrintable(c[0]);
     qputenv("HOME", "/");
@@ -59,45 +53,19 @@ TEST(KVPathTest, ExpandsAndAbbreviatesTheHomeFolder) {
     qputenv("HOME", QFile::encodeName(home));
 }
 
-class KVBundleTest : public testing::Test {
-protected:
-    const QString folder = TestEnvironment::makeTempDir("bundles");
-    const QVariantMap info{{"CFBundleIdentifier", "org.example.product"}, {"CFBundleName", "P"}};
-};
-
-// Anything malformed or missing gives an empty dictionary.
-TEST_F(KVBundleTest, ReadsBothPlistFormsAndNothingFromAMalformedOne) {
-    const QByteArray xml = KVPropertyList::toData(info, Format::Xml);
-    const QByteArray binary = KVPropertyList::toData(info, Format::Binary);
-    const std::pair<const char *, QByteArray> cases[] = {
-        {"Xml", xml},
-        {"Binary", binary},
-        {"Garbage", QByteArrayLiteral("\x00\xff\x13garbage\x80\x81")},
-        {"ArrayRoot", KVPropertyList::toData(QVariantList{1, 2}, Format::Xml)},
-        {"Empty", QByteArray()}};
-    for (const auto &[name, bytes] : cases)
-        ASSERT_TRUE(
-            TestEnvironment::writeFile(folder + "/" + name + ".app/Contents/Info.plist", bytes));
-    QDir().mkpath(folder + "/Directory.app/Contents/Info.plist");
-    for (const QString &name : QDir(folder).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        const bool wellFormed = name == "Xml.app" || name == "Binary.app";
-        EXPECT_EQ(KVBundle::bundleWithPath(folder + "/" + name)->infoDictionary().keys(),
-                  wellFormed ? info.keys() : QStringList())
-            << qPrintable(name);
-    }
-}
-
 // Only an existing folder is a bundle, kept without redundant slashes.
-TEST_F(KVBundleTest, FindsItsExecutableAndResources) {
+TEST(KVBundleTest, FindsItsExecutableAndResources) {
+    const QString folder = TestEnvironment::makeTempDir("bundles");
     ASSERT_TRUE(TestEnvironment::writeFile(folder + "/file.app", "x"));
     EXPECT_FALSE(KVBundle::bundleWithPath(folder + "/file.app"));
     EXPECT_FALSE(KVBundle::bundleWithPath(folder + "/missing.app"));
-    const QString path = TestBundle::make(folder, "P", info);
+    const QString path = TestBundle::make(folder, "P", {{"CFBundleName", "P"}});
     const QString resources = path + "/Contents/Resources";
     for (const char *name : {"a.png", "README", "icon.png"})
         ASSERT_TRUE(TestEnvironment::writeFile(resources + "/" + name, "x"));
     const KVBundle bundle = *KVBundle::bundleWithPath(path + "//");
     EXPECT_EQ(bundle.bundlePath(), path);
+    EXPECT_EQ(bundle.infoDictionary().value("CFBundleName"), "P");
     EXPECT_TRUE(QFileInfo(bundle.executablePath()).isExecutable());
     EXPECT_EQ(bundle.pathForResource("README", ""), resources + "/README");
     EXPECT_TRUE(bundle.pathForResource("icon", "").isNull());
@@ -118,31 +86,35 @@ static QByteArray nested(int depth, Format format) {
     return KVPropertyList::toData(value, format);
 }
 
-// Refused before the (recursive) parser sees them: 257 levels in both forms,
-// 200,000 in a 3 MB text; 256 levels are read.
-TEST(KVPropertyListTest, NestingDeeperThanAnyRealListIsRefusedBeforeParsing) {
+// Lists from hostile bundles: too deep ones are refused before the
+// (recursive) parser sees them, and an Info.plist that is no regular file is
+// never opened nor waited on.
+TEST(KVPropertyListTest, ReadsBothFormsAndRefusesMalformedOrTooDeepLists) {
+    const QVariantMap info{{"CFBundleIdentifier", "org.example.product"}};
     const QByteArray deepXml =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">" +
         QByteArray("<array>").repeated(200000) + "<string>x</string>" +
         QByteArray("</array>").repeated(200000) + "</plist>\n";
-    const std::pair<QByteArray, bool> cases[] = {{nested(256, Format::Xml), true},
-                                                 {nested(256, Format::Binary), true},
-                                                 {nested(257, Format::Xml), false},
-                                                 {nested(257, Format::Binary), false},
-                                                 {deepXml, false}};
+    // clang-format off
+    const std::pair<QByteArray, bool> cases[] = {
+        {KVPropertyList::toData(info, Format::Xml), true},
+        {KVPropertyList::toData(info, Format::Binary), true},
+        {QByteArrayLiteral("\x00\xff\x13garbage\x80\x81"), false}, {QByteArray(), false},
+        {nested(256, Format::Xml), true}, {nested(256, Format::Binary), true},
+        {nested(257, Format::Xml), false}, {nested(257, Format::Binary), false}, {deepXml, false}};
+    // clang-format on
     for (const auto &[data, valid] : cases)
         EXPECT_EQ(KVPropertyList::fromData(data).isValid(), valid) << data.left(60).toHex().data();
+    EXPECT_EQ(KVPropertyList::fromData(cases[1].first).toMap(), info);
     QVariant inner = KVPropertyList::fromData(nested(256, Format::Binary));
     for (int level = 0; level < 256; ++level) inner = inner.toList().value(0);
     EXPECT_EQ(inner, "x");
-}
 
-// An Info.plist that is a FIFO is no list: never opened, never waited on.
-TEST(KVPropertyListTest, OnlyARegularFileIsRead) {
-    const QString path = TestEnvironment::makeTempDir("plist") + "/Info.plist";
-    FifoWatch fifo(path);
-    ASSERT_TRUE(fifo.made());
-    EXPECT_FALSE(KVPropertyList::fromFile(path).isValid());
-    EXPECT_FALSE(KVPropertyList::fromFile("/dev/zero").isValid());
+    const QString folder = TestEnvironment::makeTempDir("plist");
+    FifoWatch fifo(folder + "/fifo.plist");
+    ASSERT_TRUE(fifo.made() && QDir().mkpath(folder + "/folder.plist"));
+    for (const QString &path :
+         {folder + "/fifo.plist", folder + "/folder.plist", QString("/dev/zero")})
+        EXPECT_FALSE(KVPropertyList::fromFile(path).isValid()) << qPrintable(path);
     EXPECT_FALSE(fifo.readerWaited());
 }
