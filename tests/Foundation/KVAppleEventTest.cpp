@@ -58,8 +58,7 @@ TEST(KVAppleEventToReceiverTest, DeliversEventsAndAnswersWaitingSendersUntilItQu
     EXPECT_EQ(receiver.nextLine(), "received TEST Slow 1500");
 
     EXPECT_EQ(send(pid, code("aevt"), code("quit"), "", kWait), noErr);
-    ASSERT_TRUE(receiver.waitForFinished(kWait));
-    EXPECT_EQ(receiver.exitCode(), 0);
+    EXPECT_TRUE(receiver.waitForFinished(kWait) && receiver.exitCode() == 0);
     // The bus lets go of the name as soon as it notices the closed connection.
     EXPECT_TRUE(QTest::qWaitFor([&] { return sendTest("Echo", "", 0) == procNotFound; }, kWait));
 }
@@ -71,10 +70,8 @@ TEST(KVAppleEventAddressTest, BadCodesTimeOutsAndAddressesAreRefused) {
     EXPECT_EQ(send(getpid(), code("TEST"), code("Echo"), "", -1), paramErr);
     const pid_t child = TestBundle::start(KV_TEST_CHILD);
     ASSERT_GT(child, 0);
-    for (pid_t pid : {child, 0, -1})
-        for (int timeout : {0, kWait})
-            EXPECT_EQ(send(pid, code("TEST"), code("Echo"), "", timeout), procNotFound)
-                << pid << " " << timeout;
+    for (const auto &[pid, timeout] : {std::pair{child, 0}, {child, kWait}, {0, kWait}, {-1, 0}})
+        EXPECT_EQ(send(pid, code("TEST"), code("Echo"), "", timeout), procNotFound) << pid;
     TestBundle::stop(child);
 }
 

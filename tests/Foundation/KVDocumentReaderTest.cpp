@@ -11,16 +11,10 @@
 #include "KVRTFReader.h"
 #include "TestEnvironment.h"
 
-namespace {
-class KVDocumentReaderTest : public testing::Test {
-protected:
-    QString folder = TestEnvironment::makeTempDir("document");
-    QTextDocument document;
-};
-}  // namespace
-
 // A read-me must show its text, never its markup or code, and never mojibake.
-TEST_F(KVDocumentReaderTest, RendersEachFormatAndEncodingAsItsText) {
+TEST(KVDocumentReaderTest, RendersEachFormatAndEncodingAsItsText) {
+    const QString folder = TestEnvironment::makeTempDir("document");
+    QTextDocument document;
     const QString greeting = QString::fromUtf8("Grüße €");
     const QByteArray western("Gr\xFC\xDF\x65 \x80");  // the greeting in Windows-1252
     const std::tuple<const char *, QByteArray, QString> cases[] = {
@@ -49,7 +43,9 @@ TEST_F(KVDocumentReaderTest, RendersEachFormatAndEncodingAsItsText) {
 
 // Nothing there, a FIFO (never waited on) or a file too large: false and an
 // empty document.
-TEST_F(KVDocumentReaderTest, WhatCannotBeReadGivesFalseAndAnEmptyDocument) {
+TEST(KVDocumentReaderTest, WhatCannotBeReadGivesFalseAndAnEmptyDocument) {
+    const QString folder = TestEnvironment::makeTempDir("document");
+    QTextDocument document;
     TestEnvironment::writeFile(folder + "/huge.txt", "");
     QFile(folder + "/huge.txt").resize(KVDocumentReader::kMaximumFileSize + 1);
     mkfifo(QFile::encodeName(folder + "/fifo").constData(), 0600);

@@ -57,10 +57,8 @@ protected:
         QString error;
         auto &child = m_children.emplace_back(XSession::startWindowProgram(
             KV_TEST_WINDOW, {"--title", title, "--windows", QString::number(count)}, &error));
-        if (!child) {
-            ADD_FAILURE() << "kvtest_window did not get ready: " << qPrintable(error);
-            return 0;
-        }
+        EXPECT_TRUE(child) << "kvtest_window did not get ready: " << qPrintable(error);
+        if (!child) return 0;
         const pid_t pid = pid_t(child->processId());
         EXPECT_TRUE(QTest::qWaitFor([&] { return windowsOf(pid).size() == count; }, kTimeoutMs));
         return pid;
