@@ -3,7 +3,6 @@
 #include <QApplication>
 #include <QDBusArgument>
 #include <QDBusVariant>
-#include <QPaintEvent>
 #include <QWidget>
 #include <functional>
 #include <memory>
@@ -90,30 +89,28 @@ private:
     Rgb m_accent;
 };
 
-BusPeer *newPortal(FakePortalSettings *settings) {
-    return new BusPeer(settings, QStringLiteral("org.freedesktop.portal.Desktop"),
-                       QStringLiteral("/org/freedesktop/portal/desktop"));
+std::unique_ptr<BusPeer> portal(uint scheme, Rgb accent = {-1, -1, -1}) {
+    auto peer = std::make_unique<BusPeer>(new FakePortalSettings(scheme, accent),
+                                          "org.freedesktop.portal.Desktop",
+                                          "/org/freedesktop/portal/desktop");
+    EXPECT_TRUE(peer->registered());
+    return peer;
 }
 
+// The nearest widget with a palette of its own decides, else the application.
 TEST(KVDynamicColorTest, PaintedWidgetThenApplicationDecideTheAppearance) {
     const BusNamesTurn turn;
     using enum Palette;
-    // clang-format off
     // The application's, the parent's and the painted widget's palette, global, dark.
-    const std::tuple<const char *, Palette, Palette, Palette, bool, bool> cases[] = {
-        {"nothing set, no portal", Inherited, Inherited, Inherited, false, false},
-        {"dark application", Dark, Inherited, Inherited, false, true},
-        {"light-appearance parent in a dark application", Dark, LightAppearance, Inherited, false,
-         false},
-        {"dark parent in a light application", Light, Dark, Inherited, false, true},
-        {"dark widget inside a light-appearance parent", Dark, LightAppearance, Dark, false, true},
-        {"light widget inside a dark parent", Dark, Dark, Light, false, false},
-        {"global colour ignores a dark widget", Light, Dark, Dark, true, false},
-        {"global colour ignores a light-appearance widget", Dark, LightAppearance, Inherited, true,
-         true}};
+    // clang-format off
+    const std::tuple<Palette, Palette, Palette, bool, bool> cases[] = {
+        {Inherited, Inherited, Inherited, false, false}, {Dark, Inherited, Inherited, false, true},
+        {Dark, LightAppearance, Inherited, false, false}, {Light, Dark, Inherited, false, true},
+        {Dark, Dark, Light, false, false}, {Light, Dark, Dark, true, false}};
     // clang-format on
-    for (const auto &[name, inApplication, inParent, painted, global, dark] : cases) {
-        SCOPED_TRACE(name);
+    int row = 0;
+    for (const auto &[inApplication, inParent, painted, global, dark] : cases) {
+        SCOPED_TRACE(row++);
         const ApplicationPalette application(inApplication);
         const KVDynamicColor color = KVDynamicColor::lightColor(kLight, kDark, global);
         QWidget parent;
@@ -121,43 +118,26 @@ TEST(KVDynamicColorTest, PaintedWidgetThenApplicationDecideTheAppearance) {
         PaintProbe probe(&parent, color);
         applyPalette(&probe, painted);
         probe.grab();
-        const QColor expected = dark ? kDark : kLight;
-        EXPECT_EQ(probe.painted, expected);
-        EXPECT_EQ(color.effectiveColor(&probe), expected);
+        EXPECT_EQ(probe.painted, dark ? kDark : kLight);
+        EXPECT_EQ(color.effectiveColor(&probe), dark ? kDark : kLight);
     }
-}
-
-TEST(KVDynamicColorTest, ColourWithoutDarkValueIsLightInDarkAppearance) {
+    // A colour without a dark value is light in the dark.
     const ApplicationPalette application(Palette::Dark);
-    const KVDynamicColor color = KVDynamicColor::lightColor(kLight, QColor());
-    EXPECT_EQ(color.effectiveColor(nullptr), kLight);
-    const KVDynamicColor noColor = KVDynamicColor::lightColor(QColor(), kDark);
-    EXPECT_EQ(noColor.effectiveColor(nullptr), kDark);
-    EXPECT_FALSE(KVDynamicColor::lightColor(QColor(), QColor()).isValid());
-}
-
-TEST(KVDynamicColorTest, UseGlobalAppearanceAnswersTheSameColour) {
-    const ApplicationPalette application(Palette::Light);
-    KVDynamicColor color = KVDynamicColor::lightColor(kLight, kDark);
-    EXPECT_EQ(&color.useGlobalAppearance(true), &color);
-    QWidget dark;
-    applyPalette(&dark, Palette::Dark);
-    EXPECT_EQ(color.effectiveColor(&dark), kLight);
-    EXPECT_EQ(color.useGlobalAppearance(false).effectiveColor(&dark), kDark);
-    // Questions about the colour go to the one in force.
-    EXPECT_EQ(color.name(), kLight.name());
-    EXPECT_EQ(color.lighter(), kLight.lighter());
+    EXPECT_EQ(KVDynamicColor::lightColor(kLight, QColor()).effectiveColor(nullptr), kLight);
+    KVDynamicColor color = KVDynamicColor::lightColor(kLight, kDark, true);
+    QWidget light;
+    applyPalette(&light, Palette::Light);
+    EXPECT_EQ(color.effectiveColor(&light), kDark);
+    EXPECT_EQ(color.useGlobalAppearance(false).effectiveColor(&light), kLight);
 }
 
 TEST(KVDynamicColorTest, DesktopPortalDecidesWhenTheApplicationHasNoPalette) {
     const BusNamesTurn turn;
     EXPECT_EQ(desktopPrefersDark(), std::nullopt);
     const KVDynamicColor color = KVDynamicColor::lightColor(kLight, kDark, true);
-    EXPECT_EQ(color.effectiveColor(), kLight);
     for (const uint scheme : {0u, 1u, 2u}) {
         SCOPED_TRACE(scheme);
-        const std::unique_ptr<BusPeer> portal(newPortal(new FakePortalSettings(scheme)));
-        ASSERT_TRUE(portal->registered());
+        const std::unique_ptr<BusPeer> peer = portal(scheme);
         EXPECT_EQ(desktopPrefersDark(), scheme == 1);
         EXPECT_EQ(color.effectiveColor(), scheme == 1 ? kDark : kLight);
         // A palette the application set itself wins over the desktop's.
@@ -166,111 +146,73 @@ TEST(KVDynamicColorTest, DesktopPortalDecidesWhenTheApplicationHasNoPalette) {
     }
 }
 
-TEST(KVDynamicColorTest, RedWarningTextColourIsOneSharedColour) {
-    KVDynamicColor &warning = KVDynamicColor::redWarningTextColor();
-    EXPECT_EQ(&warning, &KVDynamicColor::redWarningTextColor());
-    EXPECT_FALSE(warning.usesGlobalAppearance());
-    EXPECT_EQ(warning.aquaColor(), QColor::fromRgbF(0.75f, 0.0f, 0.0f));
-    EXPECT_EQ(warning.darkAquaColor(), QColor::fromRgbF(1.0f, 0.2f, 0.0f));
-}
-
+// An unknown index is logged unless it was the last one logged.
 TEST(KVDynamicColorTest, AccentColourNamesFromTheStoredIndex) {
     const BusNamesTurn turn;
-    const QString line = QStringLiteral("*** unknown accent color index: %1");
-    // In order: an unknown index is logged unless it was the last one logged.
+    const QString line = "*** unknown accent color index: %1";
     // clang-format off
     const std::tuple<QVariant, QString, QStringList> cases[] = {  // stored, name, logged
         {QVariant(), KVAccentColorNameBlue, {}}, {-1, KVAccentColorNameGraphite, {}},
-        {QStringLiteral("3"), KVAccentColorNameGreen, {}}, {5.9, KVAccentColorNamePurple, {}},
-        {true, KVAccentColorNameOrange, {}}, {QStringLiteral("purple"), KVAccentColorNameBlue, {}},
-        {QVariantList{5}, KVAccentColorNameBlue, {}}, {4, KVAccentColorNameBlue, {line.arg(4)}},
-        {4, KVAccentColorNameBlue, {}}, {QStringLiteral("4"), KVAccentColorNameBlue, {}},
+        {"3", KVAccentColorNameGreen, {}}, {5.9, KVAccentColorNamePurple, {}},
+        {true, KVAccentColorNameOrange, {}}, {"purple", KVAccentColorNameBlue, {}},
+        {4, KVAccentColorNameBlue, {line.arg(4)}}, {4, KVAccentColorNameBlue, {}},
         {7, KVAccentColorNameBlue, {line.arg(7)}}, {4, KVAccentColorNameBlue, {line.arg(4)}},
         {-1, KVAccentColorNameGraphite, {}}, {4, KVAccentColorNameBlue, {}}};
     // clang-format on
     KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
-    // Whatever unknown index was logged before, 9 is the last one now.
-    defaults.setObject(9, QStringLiteral("AppleAccentColor"));
+    defaults.setObject(9, "AppleAccentColor");  // whatever was logged before, 9 is last now
     {
         const LogCapture discarded;
         EXPECT_EQ(KVDynamicColor::accentColorName(), KVAccentColorNameBlue);
     }
     for (const auto &[stored, name, logged] : cases) {
         SCOPED_TRACE(stored.toString().toStdString());
-        defaults.setObject(stored, QStringLiteral("AppleAccentColor"));
+        defaults.setObject(stored, "AppleAccentColor");
         const LogCapture log;
         EXPECT_EQ(KVDynamicColor::accentColorName(), name);
         EXPECT_EQ(log.messages(), logged);
     }
-    defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
-}
-
-TEST(KVDynamicColorTest, DesktopAccentColourCountsWithoutAStoredChoice) {
-    const BusNamesTurn turn;
-    const std::pair<Rgb, QString> cases[] = {
-        {{0.21, 0.52, 0.89}, KVAccentColorNameBlue},  {{0.57, 0.25, 0.67}, KVAccentColorNamePurple},
-        {{0.9, 0.2, 0.26}, KVAccentColorNameRed},     {{0.3, 0.8, 0.3}, KVAccentColorNameGreen},
-        {{0.5, 0.5, 0.5}, KVAccentColorNameGraphite}, {{1.0, 0.75, 0.2}, KVAccentColorNameYellow},
-        {{-1, -1, -1}, KVAccentColorNameBlue},  // none set
+    // Without a stored choice the desktop's accent counts, out of range none.
+    // clang-format off
+    const std::pair<Rgb, QString> desktop[] = {
+        {{0.57, 0.25, 0.67}, KVAccentColorNamePurple}, {{0.5, 0.5, 0.5}, KVAccentColorNameGraphite},
+        {{1.0, 0.75, 0.2}, KVAccentColorNameYellow}, {{-1, -1, -1}, KVAccentColorNameBlue},
         {{2.0, 0.2, 0.2}, KVAccentColorNameBlue}};
-    KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
-    for (const auto &[accent, name] : cases) {
+    // clang-format on
+    for (const auto &[accent, name] : desktop) {
         SCOPED_TRACE(name.toStdString());
-        const std::unique_ptr<BusPeer> portal(newPortal(new FakePortalSettings(0, accent)));
-        ASSERT_TRUE(portal->registered());
-        defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
+        const std::unique_ptr<BusPeer> peer = portal(0, accent);
+        defaults.removeObjectForKey("AppleAccentColor");
         EXPECT_EQ(KVDynamicColor::accentColorName(), name);
-        // The user's own choice wins.
-        defaults.setObject(5, QStringLiteral("AppleAccentColor"));
+        defaults.setObject(5, "AppleAccentColor");
         EXPECT_EQ(KVDynamicColor::accentColorName(), KVAccentColorNamePurple);
     }
-    defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
+    defaults.removeObjectForKey("AppleAccentColor");
 }
 
+// The menu's highlight follows the global appearance, the item's the painted widget.
 TEST(KVDynamicColorTest, MenuHighlightsFollowTheAccentColour) {
     const BusNamesTurn turn;
-    // The accent, the stored index that picks it, the menu's light r, g, b then dark r, g,
-    // b, and the same for the menu item in 255ths.
     // clang-format off
-    const std::tuple<QString, QVariant, std::array<double, 6>, std::array<int, 6>> cases[] = {
-        {KVAccentColorNameBlue, {}, {.16, .43, .95, .04, .29, .76}, {60, 139, 246, 12, 111, 225}},
-        {KVAccentColorNamePurple, 5, {.57, .26, .58, .44, .18, .45}, {169, 99, 170, 135, 59, 135}},
-        {KVAccentColorNamePink, 6, {.95, .31, .61, .73, .16, .43}, {248, 114, 176, 218, 74, 142}},
-        {KVAccentColorNameRed, 0, {.85, .25, .29, .76, .18, .22}, {229, 95, 100, 199, 54, 60}},
-        {KVAccentColorNameOrange, 1, {.95, .51, .22, .73, .34, .08}, {248, 154, 79, 218, 117, 31}},
-        {KVAccentColorNameYellow, 2, {.97, .71, .25, .76, .53, .11}, {252, 198, 90, 222, 164, 42}},
-        {KVAccentColorNameGreen, 3, {.42, .73, .32, .26, .54, .17}, {128, 198, 107, 90, 165, 66}},
-        {KVAccentColorNameGraphite, -1, {.59, .59, .59, .34, .34, .34},
-         {162, 162, 162, 124, 128, 131}}};
+    const std::tuple<QVariant, QColor, QColor, QColor, QColor> cases[] = {  // menu, item: light, dark
+        {QVariant(), QColor::fromRgbF(.16f, .43f, .95f), QColor::fromRgbF(.04f, .29f, .76f),
+         QColor(60, 139, 246), QColor(12, 111, 225)},
+        {-1, QColor::fromRgbF(.59f, .59f, .59f), QColor::fromRgbF(.34f, .34f, .34f),
+         QColor(162, 162, 162), QColor(124, 128, 131)}};
     // clang-format on
-    const auto expectRgb = [](const QColor &color, double r, double g, double b) {
-        EXPECT_NEAR(color.redF(), r, 1e-4);
-        EXPECT_NEAR(color.greenF(), g, 1e-4);
-        EXPECT_NEAR(color.blueF(), b, 1e-4);
-        EXPECT_EQ(color.alphaF(), 1.0f);
-    };
     KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
-    QSet<const KVDynamicColor *> seen;
-    for (const auto &[accent, stored, menuRgb, itemRgb] : cases) {
-        SCOPED_TRACE(accent.toStdString());
-        defaults.setObject(stored, QStringLiteral("AppleAccentColor"));
-        const LogCapture quiet;
+    for (const auto &[stored, menuLight, menuDark, itemLight, itemDark] : cases) {
+        defaults.setObject(stored, "AppleAccentColor");
         KVDynamicColor &menu = KVDynamicColor::menuHighlightColor();
         KVDynamicColor &item = KVDynamicColor::menuItemHighlightColor();
-        EXPECT_EQ(&menu, &KVDynamicColor::menuHighlightColor());
-        EXPECT_TRUE(menu.usesGlobalAppearance());
-        EXPECT_FALSE(item.usesGlobalAppearance());
-        seen << &menu << &item;
+        EXPECT_TRUE(menu.usesGlobalAppearance() && !item.usesGlobalAppearance());
         for (const bool dark : {false, true}) {
             const ApplicationPalette application(dark ? Palette::Dark : Palette::Light);
-            const int o = dark ? 3 : 0;
-            expectRgb(menu.effectiveColor(), menuRgb[o], menuRgb[o + 1], menuRgb[o + 2]);
-            expectRgb(item.effectiveColor(nullptr), itemRgb[o] / 255.0, itemRgb[o + 1] / 255.0,
-                      itemRgb[o + 2] / 255.0);
+            EXPECT_EQ(menu.effectiveColor().rgb(), (dark ? menuDark : menuLight).rgb()) << dark;
+            EXPECT_EQ(item.effectiveColor(nullptr).rgb(), (dark ? itemDark : itemLight).rgb()) << dark;
         }
     }
-    EXPECT_EQ(seen.size(), 16);
-    defaults.removeObjectForKey(QStringLiteral("AppleAccentColor"));
+    defaults.removeObjectForKey("AppleAccentColor");
 }
 
 QByteArray archive(const std::function<void(QDataStream &)> &write) {
@@ -280,10 +222,6 @@ QByteArray archive(const std::function<void(QDataStream &)> &write) {
     return bytes;
 }
 
-QByteArray encoded(const KVDynamicColor &color) {
-    return archive([&color](QDataStream &s) { color.encodeWithCoder(s); });
-}
-
 std::optional<KVDynamicColor> decoded(const QByteArray &bytes, QDataStream::Status *status) {
     QDataStream in(bytes);
     std::optional<KVDynamicColor> color = KVDynamicColor::initWithCoder(in);
@@ -291,54 +229,32 @@ std::optional<KVDynamicColor> decoded(const QByteArray &bytes, QDataStream::Stat
     return color;
 }
 
-// A key as it appears in an archive, without its length.
-QByteArray utf16Key(const char *key) {
-    return archive([key](QDataStream &s) { s << QString::fromLatin1(key); }).mid(4);
-}
-
-TEST(KVDynamicColorTest, ArchivedColoursComeBackFollowingWhatIsPainted) {
-    const std::pair<QColor, QColor> cases[] = {
-        {kLight, kDark}, {kLight, QColor()}, {QColor(), kDark}, {QColor(), QColor()}};
-    for (const auto &[light, dark] : cases) {
-        SCOPED_TRACE(light.name().toStdString() + " " + dark.name().toStdString());
-        const QByteArray bytes = encoded(KVDynamicColor::lightColor(light, dark, true));
-        EXPECT_TRUE(bytes.contains(utf16Key("aquaColor")));
-        EXPECT_EQ(bytes.contains(utf16Key("darkAquaColor")), dark.isValid());
-        QDataStream::Status status;
-        const std::optional<KVDynamicColor> back = decoded(bytes, &status);
+TEST(KVDynamicColorTest, ArchivedColoursComeBackAndAnythingElseIsRefused) {
+    const auto encoded = [](const KVDynamicColor &color) {
+        return archive([&color](QDataStream &s) { color.encodeWithCoder(s); });
+    };
+    QDataStream::Status status;
+    for (const QColor &dark : {kDark, QColor()}) {
+        const std::optional<KVDynamicColor> back =
+            decoded(encoded(KVDynamicColor::lightColor(kLight, dark, true)), &status);
         ASSERT_TRUE(back);
         EXPECT_EQ(status, QDataStream::Ok);
-        EXPECT_EQ(back->aquaColor(), light);
-        EXPECT_EQ(back->darkAquaColor(), dark);
+        EXPECT_TRUE(back->aquaColor() == kLight && back->darkAquaColor() == dark);
         EXPECT_FALSE(back->usesGlobalAppearance());
     }
-}
-
-TEST(KVDynamicColorTest, ArchivesWithAnythingButColoursAreRefused) {
-    const QString aqua = QStringLiteral("aquaColor");
-    const QString colorClass = QStringLiteral("QColor");
+    const QString aqua = "aquaColor";
     const QByteArray good = encoded(KVDynamicColor::lightColor(kLight, kDark));
-    const std::pair<const char *, QByteArray> cases[] = {
-        {"empty", {}},
-        {"cut inside the dark colour", good.left(good.size() - 3)},
-        {"a text where a colour belongs", archive([&](QDataStream &s) {
-             s << kLight << quint32(1) << aqua << QStringLiteral("QString") << aqua;
-         })},
-        {"a variant where a colour belongs", archive([&](QDataStream &s) {
-             s << kLight << quint32(1) << aqua << QStringLiteral("QVariant") << QVariant(kLight);
-         })},
-        {"more entries than keys", archive([&](QDataStream &s) {
-             s << kLight << quint32(0xFFFFFFFF) << aqua << colorClass << kLight;
-         })},
-        {"a key claiming 2 GB",
-         archive([&](QDataStream &s) { s << kLight << quint32(1) << quint32(0x7FFFFFFE); })},
-        {"a class name cut short", archive([&](QDataStream &s) {
-             s << kLight << quint32(1) << aqua << quint32(12) << quint16('Q');
-         })}};
-    for (const auto &[name, bytes] : cases) {
-        SCOPED_TRACE(name);
-        QDataStream::Status status;
-        EXPECT_FALSE(decoded(bytes, &status));
+    const QByteArray bad[] = {
+        {}, good.left(good.size() - 3),
+        archive([&](QDataStream &s) {
+            s << kLight << quint32(1) << aqua << QString("QString") << aqua;
+        }),
+        archive([&](QDataStream &s) {  // more entries than keys
+            s << kLight << quint32(0xFFFFFFFF) << aqua << QString("QColor") << kLight;
+        }),
+        archive([&](QDataStream &s) { s << kLight << quint32(1) << quint32(0x7FFFFFFE); })};
+    for (const QByteArray &bytes : bad) {
+        EXPECT_FALSE(decoded(bytes, &status)) << &bytes - bad;
         EXPECT_NE(status, QDataStream::Ok);
     }
 }

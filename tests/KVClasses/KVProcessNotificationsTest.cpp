@@ -35,39 +35,25 @@ protected:
         KVNotificationCenter::defaultCenter().removeObserver(m_token);
         for (std::unique_ptr<QProcess> *program : {&first, &second}) XSession::stop(*program);
     }
-
-    // Whether the change arrives while the process is in front.
-    bool arrivesInFront(const QString &change, pid_t pid) {
+    // Whether the change (any, when empty) arrives while the process is in front.
+    bool arrives(const QString &change, pid_t front = 0) {
         return QTest::qWaitFor(
             [&] {
                 for (qsizetype i = 0; i < changes.size(); ++i)
-                    if ((change.isEmpty() || changes[i] == change) && fronts[i] == pid) return true;
+                    if ((change.isEmpty() || changes[i] == change) && (!front || fronts[i] == front))
+                        return true;
                 return false;
             },
             kWaitMs);
-    }
-    bool arrives(const QString &change) {
-        return QTest::qWaitFor([&] { return changes.contains(change); }, kWaitMs);
     }
     static bool leavesTheCache(const ProcessSerialNumber &psn) {
         return QTest::qWaitFor(
             [&] { return KVProcess::indexOfCachedProcessWithSerialNumber(psn) == NSNotFound; },
             kWaitMs);
     }
-    static bool countReaches(int count) {
-        return QTest::qWaitFor([&] { return KVProcess::applicationLaunchEndCount() >= count; },
-                               kWaitMs);
-    }
-    static std::unique_ptr<QProcess> window(const QString &title) {
-        QString error;
-        auto program = XSession::startWindowProgram(KV_TEST_WINDOW, {"--title", title}, &error);
-        EXPECT_TRUE(program) << qPrintable(error);
-        return program;
-    }
 
     QStringList changes;
-    // The front process whenever one of the changes arrived.
-    QList<pid_t> fronts;
+    QList<pid_t> fronts;  // the front process whenever one of the changes arrived
     std::unique_ptr<QProcess> first, second;
 
 private:
@@ -79,15 +65,13 @@ TEST_F(KVProcessNotificationsTest, LaunchFrontSwitchAndQuitArriveAndAreCountedOn
     KVProcess::installNotifications();
     first = frontWindow({"--title", "First"});
     EXPECT_TRUE(arrives("started"));
-    // A launch and its window's activation in one turn post only the first:
-    // some change arrives while the new window is in front.
+    // A launch and its window's activation in one turn post only the first.
     second = frontWindow({"--title", "Second"});
-    EXPECT_TRUE(arrivesInFront("", pidOf(second)));
+    EXPECT_TRUE(arrives("", pidOf(second)));
     changes.clear();
     fronts.clear();
     ASSERT_TRUE(KVWindowServer::bringProcessToFront(pidOf(first), false));
-    EXPECT_TRUE(arrivesInFront("front", pidOf(first)));
-
+    EXPECT_TRUE(arrives("front", pidOf(first)));
     // Its window goes and its process exits: one end, counted once.
     const KVProcessRef quitter = KVProcess::processWithPID(pidOf(first));
     ASSERT_TRUE(quitter);
@@ -96,24 +80,26 @@ TEST_F(KVProcessNotificationsTest, LaunchFrontSwitchAndQuitArriveAndAreCountedOn
     XSession::stop(first);
     EXPECT_TRUE(arrives("ended"));
     EXPECT_TRUE(leavesTheCache(quitter->serialNumber()));
-    // Once the window manager lists no window of it (a process without
-    // windows cannot be brought forward), the news of that is waiting too;
-    // its exit was read before "ended" arrived.
+    // Once the window manager lists no window of it, the news of that is
+    // waiting too; its exit was read before "ended" arrived.
     EXPECT_TRUE(QTest::qWaitFor(
         [&] { return !KVWindowServer::bringProcessToFront(quitterPID, true); }, kWaitMs));
     QCoreApplication::processEvents();
     EXPECT_EQ(KVProcess::applicationLaunchEndCount(), count + 1);
 }
 
+// Starting a program waits without running the event loop: both windows are
+// there before the watcher reads a single event.
 TEST_F(KVProcessNotificationsTest, TwoLaunchesInOneTurnCountTwoAndPostOnce) {
     ASSERT_EQ(XSession::start(), "");
     KVProcess::installNotifications();
     const int count = KVProcess::applicationLaunchEndCount();
-    // Starting a program waits without running the event loop: both windows
-    // are there before the watcher reads a single event.
-    first = window("One");
-    second = window("Two");
-    EXPECT_TRUE(countReaches(count + 2));
+    QString error;
+    first = XSession::startWindowProgram(KV_TEST_WINDOW, {"--title", "One"}, &error);
+    second = XSession::startWindowProgram(KV_TEST_WINDOW, {"--title", "Two"}, &error);
+    ASSERT_TRUE(first && second) << qPrintable(error);
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return KVProcess::applicationLaunchEndCount() >= count + 2; }, kWaitMs));
     EXPECT_TRUE(arrives("started"));
     EXPECT_EQ(KVProcess::applicationLaunchEndCount(), count + 2);
     EXPECT_EQ(changes.count("started"), 1);
@@ -147,6 +133,8 @@ std::unique_ptr<QProcess> copyToClipboard(const QByteArray &text) {
     return owner;
 }
 
+// The writer stays the publisher once another process is in front, until the
+// clipboard changes again.
 TEST_F(KVProcessNotificationsTest, TheFrontProcessWhenTheClipboardChangesPublishedIt) {
     ASSERT_EQ(XSession::start(), "");
     first = frontWindow({"--title", "Writer"});
@@ -167,14 +155,10 @@ TEST_F(KVProcessNotificationsTest, TheFrontProcessWhenTheClipboardChangesPublish
     }
     std::unique_ptr<QProcess> copy = copyToClipboard("first");
     EXPECT_TRUE(publishedBy(writer));
-
-    // The writer stays the publisher once another process is in front, until
-    // the clipboard changes again.
     second = frontWindow({"--title", "Reader"});
-    const KVProcessRef reader = KVProcess::processWithPID(pidOf(second));
     EXPECT_TRUE(publishedBy(writer));
     std::unique_ptr<QProcess> again = copyToClipboard("second");
-    EXPECT_TRUE(publishedBy(reader));
+    EXPECT_TRUE(publishedBy(KVProcess::processWithPID(pidOf(second))));
     XSession::stop(copy);
     XSession::stop(again);
 }

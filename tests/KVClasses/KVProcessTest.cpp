@@ -6,13 +6,9 @@
 
 #include <QCoreApplication>
 #include <QDateTime>
-#include <QDeadlineTimer>
-#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-#include <algorithm>
 #include <csignal>
-#include <ctime>
 #include <functional>
 #include <thread>
 
@@ -29,17 +25,6 @@ QString canonical(const QString &path) { return QFileInfo(path).canonicalFilePat
 bool wasKilled(pid_t pid) {
     int status = 0;
     return waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-}
-
-// Whether the child ends within the time; leaves it unreaped.
-bool endsWithin(pid_t pid, int milliseconds) {
-    siginfo_t status{};
-    for (QDeadlineTimer until(milliseconds); !until.hasExpired();) {
-        if (waitid(P_PID, id_t(pid), &status, WEXITED | WNOHANG | WNOWAIT) == 0 && status.si_pid)
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
 }
 
 class KVProcessTest : public testing::Test {
@@ -63,8 +48,8 @@ protected:
     QList<pid_t> children;
 };
 
-// Every lookup gives the one shared record and moves it to the cache front. The code is
-// this program's own, so test programs side by side never find each other's children.
+// The code is this program's own, so test programs side by side never find
+// each other's children.
 TEST_F(KVProcessTest, LookupsShareOneRecordAndMoveItToTheCacheFront) {
     const QString code = QString::number(getpid() % 10000).rightJustified(4, '0');
     const QString identifier = "org.velmora.proctest." + code;
@@ -73,7 +58,6 @@ TEST_F(KVProcessTest, LookupsShareOneRecordAndMoveItToTheCacheFront) {
     ASSERT_TRUE(process);
     const std::function<KVProcessRef()> lookups[] = {
         [&] { return KVProcess::processWithSerialNumber(process->serialNumber()); },
-        [&] { return KVProcess::processWithPID(process->unixPID()); },
         [&] { return KVProcess::processWithSignatureString(code); }};
     for (const auto &lookup : lookups) {
         KVProcess::processWithPID(getpid());  // puts another record in front
@@ -84,16 +68,12 @@ TEST_F(KVProcessTest, LookupsShareOneRecordAndMoveItToTheCacheFront) {
     // A code of another length converts to 0, which no process has.
     EXPECT_FALSE(KVProcess::processWithIdentifier(identifier.chopped(1)) ||
                  KVProcess::processWithSignatureString(code.left(3)) ||
-                 KVProcess::processWithSignatureString(code + "X") ||
                  KVProcess::processWithPID(0) || KVProcess::processWithPID(-1));
-    const KVProcessRef current = KVProcess::currentProcess();
-    ASSERT_TRUE(current);
-    EXPECT_EQ(current, KVProcess::processWithPID(getpid()));
-    EXPECT_EQ(current->name(), QFileInfo(QCoreApplication::applicationFilePath()).fileName());
+    EXPECT_EQ(KVProcess::currentProcess(), KVProcess::processWithPID(getpid()));
 }
 
-// Guards pid reuse: a record names a pid and a start time, so an exited (even
-// unreaped) process has no pid, and a later process is never taken for it.
+// A record names a pid and a start time, so an exited (even unreaped) process
+// has no pid, and a later process is never taken for it.
 TEST_F(KVProcessTest, ARecordNeverStandsForAnotherProcess) {
     const KVProcessRef ended = launch(KV_TEST_CHILD);
     ASSERT_TRUE(ended);
@@ -102,8 +82,7 @@ TEST_F(KVProcessTest, ARecordNeverStandsForAnotherProcess) {
     siginfo_t status{};
     ASSERT_EQ(waitid(P_PID, id_t(pid), &status, WEXITED | WNOWAIT), 0);  // a zombie now
     EXPECT_EQ(KVProcess::processWithPID(pid), nullptr);
-    EXPECT_FALSE(ended->isStillRunning());
-    EXPECT_EQ(ended->unixPID(), 0);
+    EXPECT_FALSE(ended->isStillRunning() || ended->unixPID());
     const KVProcessRef later = launch(KV_TEST_CHILD);
     ASSERT_TRUE(later);
     EXPECT_FALSE(later == ended || ended->isEqual(later));
@@ -113,8 +92,6 @@ TEST_F(KVProcessTest, ARecordNeverStandsForAnotherProcess) {
     const KVProcessRef other = KVProcess::processWithSerialNumber(reused);
     ASSERT_TRUE(other);
     EXPECT_FALSE(other == self || self->isEqual(other) || other->isStillRunning());
-    EXPECT_EQ(other->signatureString(), "");
-
     // Two dead records side by side: removing one must not skip the next.
     const KVProcessRef dead = launch(KV_TEST_CHILD);
     ASSERT_TRUE(dead);
@@ -123,36 +100,26 @@ TEST_F(KVProcessTest, ARecordNeverStandsForAnotherProcess) {
     const QList<KVProcessRef> cached = KVProcess::cachedProcesses();
     EXPECT_FALSE(cached.contains(ended) || cached.contains(dead) || cached.contains(other));
     EXPECT_TRUE(cached.contains(later) && cached.contains(self));
-
-    // Outside a bundle the executable names the process; the list is in ascending pid order.
+    // Outside a bundle the executable names the process.
     EXPECT_EQ(later->name(), "kvtest_child");
     EXPECT_EQ(later->path(), canonical(KV_TEST_CHILD));
-    std::vector<pid_t> pids;
-    for (const KVProcessRef &listed : KVProcess::allProcesses())
-        pids.push_back(pid_t(listed->serialNumber().lowLongOfPSN));
-    EXPECT_EQ(std::adjacent_find(pids.begin(), pids.end(), std::greater_equal<>()), pids.end());
-    EXPECT_NE(std::find(pids.begin(), pids.end(), later->unixPID()), pids.end());
 }
 
 // Names and codes come from the Info.plist, else the executable names it, code unknown.
 TEST_F(KVProcessTest, NamesAndCodesComeFromTheInfoPlistElseFromTheExecutable) {
-    const KVProcessRef writer =
-        launchBundle("Writer", {{"CFBundleName", "Velmora Writer"},
-                                {"CFBundleDisplayName", "Writer Pro"},
-                                {"CFBundleSignature", "WrTr"},
-                                {"CFBundleIdentifier", "org.velmora.hashcheck"},
-                                {"CFBundleShortVersionString", "1.2"}});
+    const KVProcessRef writer = launchBundle(
+        "Writer", {{"CFBundleName", "Velmora Writer"}, {"CFBundleDisplayName", "Writer Pro"},
+                   {"CFBundleSignature", "WrTr"}, {"CFBundleIdentifier", "org.velmora.hashcheck"},
+                   {"CFBundleShortVersionString", "1.2"}});
     ASSERT_TRUE(writer);
     EXPECT_EQ(writer->displayName(), "Writer Pro");
     EXPECT_EQ(writer->appName(), "Writer.app");
     EXPECT_EQ(writer->hashString(), "4fc2a1c6fd0284bcf31d202eb0b99860");  // id:org.velmora...
     EXPECT_EQ(writer->description(), "Process \"Velmora Writer\" (WrTr) 1.2");
     EXPECT_EQ(writer->detailedDescription(), "Velmora Writer V1.2 (WrTr/org.velmora.hashcheck)");
-
     const KVProcessRef tool =
         launchBundle("Tool", {{"CFBundleExecutable", "tool-bin"}, {"CFBundleSignature", "TOOLS"}});
     ASSERT_TRUE(tool);
-    EXPECT_EQ(tool->displayName(), "tool-bin");
     EXPECT_EQ(tool->hashStringSource(), "name:tool-bin");
     EXPECT_EQ(tool->detailedDescription(), "tool-bin V1.0 (?\?\?\?/)");
     // Bytes from 0x80 up print sign-extended, as readers of the text expect.
@@ -160,15 +127,12 @@ TEST_F(KVProcessTest, NamesAndCodesComeFromTheInfoPlistElseFromTheExecutable) {
     ASSERT_TRUE(high);
     EXPECT_EQ(high->signatureHexString(), "4142FFFFFFE944");
     EXPECT_EQ(high->hashStringSource(), "sig:AB\u00e9D");
-
     const QString broken = TestBundle::make(TestEnvironment::makeTempDir("broken"), "Broken");
     ASSERT_TRUE(TestEnvironment::writeFile(broken + "/Contents/Info.plist", "\x89garbage<plist"));
     const KVProcessRef process = launch(broken + "/Contents/MacOS/Broken");
     ASSERT_TRUE(process);
-    EXPECT_EQ(process->name(), "Broken");
+    EXPECT_EQ(process->name() + process->signatureString(), "Broken????");
     EXPECT_EQ(process->path(), canonical(broken));
-    EXPECT_EQ(process->signatureString(), "????");
-    EXPECT_FALSE(process->isCocoa());
     // The system then shows the executable's path with " (deleted)".
     const KVProcessRef replaced = launchBundle("Replaced");
     ASSERT_TRUE(replaced && QFile::remove(TestBundle::executableOf(bundle)));
@@ -181,48 +145,34 @@ TEST_F(KVProcessTest, NamesAndCodesComeFromTheInfoPlistElseFromTheExecutable) {
 TEST_F(KVProcessTest, VersionPlatformAndBackgroundComeFromTheInfoPlist) {
     // clang-format off
     const std::tuple<QString, QString, bool, QVariantMap> rows[] = {
-        {"2.5.1", "Carbon", false, {{"CFBundleShortVersionString", "2.5.1"},
-                                    {"CFBundleVersion", "412"}}},
-        {"412",   "Carbon", false, {{"CFBundleShortVersionString", "2"},
-                                    {"CFBundleVersion", "412"}}},
-        {"1.0",   "Cocoa",  true,  {{"CFBundleShortVersionString", "2"},
-                                    {"NSPrincipalClass", "NSApplication"}, {"LSUIElement", "YES"}}},
-        {"1.0",   "Carbon", true,  {{"CFBundleVersion", 412}, {"NSPrincipalClass", 7},
-                                    {"LSBackgroundOnly", false}, {"LSUIElement", 1}}},
-        {"1.0",   "Java",   true,  {{"CFBundleIdentifier", "org.velmora.java.Run"},
-                                    {"LSBackgroundOnly", true}}},
-        {"1.0",   "Carbon", false, {{"LSBackgroundOnly", "0"}, {"LSUIElement", 0}}}};
+        {"412", "Carbon", false, {{"CFBundleShortVersionString", "2"}, {"CFBundleVersion", "412"}}},
+        {"1.0", "Cocoa", true, {{"NSPrincipalClass", "NSApplication"}, {"LSUIElement", "YES"}}},
+        {"1.0", "Carbon", true, {{"CFBundleVersion", 412}, {"NSPrincipalClass", 7}, {"LSUIElement", 1}}},
+        {"1.0", "Java", true, {{"CFBundleIdentifier", "org.velmora.java.Run"}, {"LSBackgroundOnly", true}}},
+        {"1.0", "Carbon", false, {{"LSBackgroundOnly", "0"}, {"LSUIElement", 0}}}};
     // clang-format on
     for (const auto &[version, platform, backgroundOnly, info] : rows) {
         const KVProcessRef process = launchBundle("Probe", info);
         ASSERT_TRUE(process);
-        EXPECT_EQ(process->version(), version);
-        EXPECT_EQ(process->platform(), platform);
+        EXPECT_EQ(process->version() + " " + process->platform(), version + " " + platform);
         EXPECT_EQ(process->isBackgroundOnly(), backgroundOnly) << qPrintable(platform);
     }
     // Components compare as integers; missing ones count as 0.
     const KVProcessRef process =
         launchBundle("Versioned", {{"CFBundleShortVersionString", "2.10.0"}});
     ASSERT_TRUE(process);
-    for (const char *older : {"2.9", "2.10", "2.10.0.0"})
-        EXPECT_TRUE(process->isAtLeastVersion(older)) << older;
-    for (const char *newer : {"2.10.1", "2.11", "10"})
-        EXPECT_FALSE(process->isAtLeastVersion(newer)) << newer;
-    EXPECT_EQ(process->majorVersionNumber(), 2);
-
-    // Read from the far end: revision, stage, minor and bug-fix, major. Final and
-    // unknown stages show no letter.
-    const std::pair<const char *, const char *> resources[] = {{"00801001", "1.1"},
-                                                               {"03602512", "12.2.5b3"},
-                                                               {"11200009", "9.0d17"},
-                                                               {"07801001", "1.17"},
-                                                               {"05411001", "1.15"}};
+    for (const char *older : {"2.9", "2.10.0.0"}) EXPECT_TRUE(process->isAtLeastVersion(older));
+    for (const char *newer : {"2.10.1", "10"}) EXPECT_FALSE(process->isAtLeastVersion(newer));
+    // Read from the far end: revision, stage, minor and bug-fix, major. Final
+    // and unknown stages show no letter.
+    const std::pair<const char *, const char *> resources[] = {
+        {"03602512", "12.2.5b3"}, {"11200009", "9.0d17"}, {"07801001", "1.17"}, {"05411001", "1.15"}};
     for (const auto &[hex, expected] : resources)
         EXPECT_EQ(KVProcess::versionFromVersResource(QByteArray::fromHex(hex) + '\xff'), expected);
     EXPECT_TRUE(KVProcess::versionFromVersResource("\x01\x02\x03").isNull());
 }
 
-// SIGTERM every millisecond until the time-out, then SIGKILL; exact log lines.
+// SIGTERM every millisecond until the time-out, then SIGKILL.
 TEST_F(KVProcessTest, QuitTerminatesFirstAndKillsAfterTheTimeout) {
     const KVProcessRef polite = launchBundle("Polite");
     const KVProcessRef stubborn = launchBundle("Stubborn", {}, {"--ignore-term"});
@@ -252,50 +202,33 @@ TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
     gone->quit();
     // An ended process's launch date is the time of the call.
     EXPECT_LE(qAbs(gone->launchDate().msecsTo(QDateTime::currentDateTime())), 2000);
-    EXPECT_EQ(gone->cpuTime(), 0.0);
     untouched->sendAppleEventClass(0x54455354, 0x45636866);
-    untouched->sendAppleEventClass(0x54455354, 0x45636866, 0.5f);
     untouched->sendAppleEventClass(0x54455354, 0x45636866, QString("text"));  // unreported
     EXPECT_EQ(log.messages(), (QStringList{"quitting Untouched failed", "cannot quit Gone: no pid",
                                            "cannot quit Gone: no pid",
                                            "quitting Gone failed (-600; could not send event)",
                                            "*** Cannot get launch date for Gone",
-                                           "*** event error: -600", "*** event error: -600"}));
+                                           "*** event error: -600"}));
     untouched->forceQuit();
     EXPECT_TRUE(wasKilled(children.takeLast()));
     gone->forceQuit();  // pid 0: nothing is run
 }
 
-// A record of an ended process whose pid a live program now has names nobody: quit and
-// every event answer "no such process" and the program runs on. A long time-out
-// waits as long as it says, here for a receiver that is stopped a while.
-TEST_F(KVProcessTest, StaleRecordsReachNobodyAndLongTimeOutsWait) {
-    qunsetenv("KV_TEST_DONE_PID");
-    const KVProcessRef live = launch(KV_TEST_PRODUCT);
+// A record of an ended process whose pid a live program now has names nobody:
+// quit and every event answer "no such process" and the program runs on.
+TEST_F(KVProcessTest, StaleRecordsReachNobody) {
+    const KVProcessRef live = launch(KV_TEST_CHILD);
     ASSERT_TRUE(live);
     ProcessSerialNumber ended = live->serialNumber();
     ended.highLongOfPSN -= 1;  // the same pid, started earlier
     const KVProcessRef stale = KVProcess::processWithSerialNumber(ended);
-    const OSType aevt = 0x61657674, quit = 0x71756974, test = 0x54455354, ping = 0x50696e67;
+    const OSType aevt = 0x61657674, quit = 0x71756974;
     LogCapture log;
-    const std::function<void()> requests[] = {
-        [&] { stale->quit(); }, [&] { stale->sendAppleEventClass(aevt, quit); },
-        [&] { stale->sendAppleEventClass(aevt, quit, 1.0f); },
-        [&] { stale->sendAppleEventClass(aevt, quit, QString("text")); }};
-    for (const auto &request : requests) request();
+    stale->quit();
+    stale->sendAppleEventClass(aevt, quit);
+    stale->sendAppleEventClass(aevt, quit, 1.0f);
     EXPECT_EQ(log.messages().filter("-600").size(), 3) << qPrintable(log.text());
-    const qsizetype lines = log.messages().size();
-    // Events of one sender arrive in order: this one comes after them all.
-    const pid_t pid = live->unixPID();
-    kill(pid, SIGSTOP);
-    std::thread resume([pid] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        kill(pid, SIGCONT);
-    });
-    live->sendAppleEventClass(test, ping, 40000.0f);
-    resume.join();
-    EXPECT_EQ(log.messages().size(), lines) << qPrintable(log.text());
-    EXPECT_FALSE(endsWithin(pid, 1000));
+    EXPECT_TRUE(live->isStillRunning());
 }
 
 TEST_F(KVProcessTest, TimesComeFromTheSystemAndTheDiagnosticsListIsSorted) {
@@ -304,20 +237,7 @@ TEST_F(KVProcessTest, TimesComeFromTheSystemAndTheDiagnosticsListIsSorted) {
     ASSERT_TRUE(late);
     EXPECT_GE(late->launchDate(), before);
     EXPECT_LE(late->launchDate(), QDateTime::currentDateTime().addSecs(1));
-    // Coarse ticks on a busy machine: work until the reading grows, or two CPU seconds.
-    const double cpu = proc_cpu_time(getpid());
-    const auto worked = [] {
-        timespec now{};
-        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-        return double(now.tv_sec) + double(now.tv_nsec) / 1e9;
-    };
-    const double start = worked();
-    volatile unsigned sink = 0;
-    while (proc_cpu_time(getpid()) <= cpu && worked() - start < 2.0)
-        for (unsigned i = 0; i < 1000000; ++i) sink = sink + i;
-    EXPECT_GT(proc_cpu_time(getpid()), cpu);
     EXPECT_EQ(proc_cpu_time(999999999) + proc_start_time(999999999), 0.0);
-
     // Foreground and background apart, each sorted without regard to case.
     launchBundle("zeta fore");
     launchBundle("Alpha fore");
