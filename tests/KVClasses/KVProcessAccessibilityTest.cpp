@@ -1,20 +1,12 @@
 // Accessibility notifications of one application: a real accessibility bus
 // on the test's X server and a real Qt program with accessibility on, whose
 // focus and slider change every 50 ms (kvtest_window --cycle-focus).
-#include <gtest/gtest.h>
-
 #include <QRegularExpression>
-#include <QTest>
-#include <thread>
 
 #include "AccessibilityBus.h"
-#include "FrontWindow.h"
 #include "KVAccessibility.h"
+#include "KVClassesTest.h"
 #include "KVNotificationCenter.h"
-#include "KVProcess.h"
-#include "LogCapture.h"
-#include "Relaunch.h"
-#include "TestEnvironment.h"
 
 namespace {
 constexpr int kWaitMs = 30000;
@@ -34,8 +26,8 @@ public:
     }
     ~UINotifications() { KVNotificationCenter::defaultCenter().removeObserver(m_token); }
     bool arrives(const QString &start, int count = 1) {
-        return QTest::qWaitFor([&] { return filter(QRegularExpression("^" + start)).size() >= count; },
-                               kWaitMs);
+        return QTest::qWaitFor(
+            [&] { return filter(QRegularExpression("^" + start)).size() >= count; }, kWaitMs);
     }
 
 private:
@@ -110,8 +102,9 @@ TEST_F(KVProcessAccessibilityTest, NamesAreMappedPassedThroughOrRefused) {
         record->addAXNotification(name);
     ASSERT_TRUE(received.arrives("object:state-changed:focused "));
     const QString refused = "AX Notifications: Could not add notification %1 for %2";
-    EXPECT_EQ(log.messages(), QStringList({refused.arg("AXNoSuchNotification", record->description()),
-                                           refused.arg("", record->description())}));
+    EXPECT_EQ(log.messages(),
+              QStringList({refused.arg("AXNoSuchNotification", record->description()),
+                           refused.arg("", record->description())}));
 }
 
 // The bus's traffic needs no GLib event loop.

@@ -2,20 +2,8 @@
 // on Xvfb with openbox start, come to the front and quit; ended processes
 // leave the cache, with or without a display; and the clipboard, set by
 // another program, is credited to the front process of that moment.
-#include <gtest/gtest.h>
-
-#include <QCoreApplication>
-#include <QProcess>
-#include <QTest>
-#include <thread>
-
-#include "FrontWindow.h"
+#include "KVClassesTest.h"
 #include "KVNotificationCenter.h"
-#include "KVProcess.h"
-#include "KVUtilities.h"
-#include "LogCapture.h"
-#include "TestBundle.h"
-#include "XSession.h"
 
 namespace {
 
@@ -40,7 +28,8 @@ protected:
         return QTest::qWaitFor(
             [&] {
                 for (qsizetype i = 0; i < changes.size(); ++i)
-                    if ((change.isEmpty() || changes[i] == change) && (!front || fronts[i] == front))
+                    if ((change.isEmpty() || changes[i] == change) &&
+                        (!front || fronts[i] == front))
                         return true;
                 return false;
             },
@@ -98,8 +87,8 @@ TEST_F(KVProcessNotificationsTest, TwoLaunchesInOneTurnCountTwoAndPostOnce) {
     first = XSession::startWindowProgram(KV_TEST_WINDOW, {"--title", "One"}, &error);
     second = XSession::startWindowProgram(KV_TEST_WINDOW, {"--title", "Two"}, &error);
     ASSERT_TRUE(first && second) << qPrintable(error);
-    EXPECT_TRUE(QTest::qWaitFor(
-        [&] { return KVProcess::applicationLaunchEndCount() >= count + 2; }, kWaitMs));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return KVProcess::applicationLaunchEndCount() >= count + 2; },
+                                kWaitMs));
     EXPECT_TRUE(arrives("started"));
     EXPECT_EQ(KVProcess::applicationLaunchEndCount(), count + 2);
     EXPECT_EQ(changes.count("started"), 1);

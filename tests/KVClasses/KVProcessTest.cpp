@@ -1,21 +1,12 @@
 // KVProcess against real child processes: copies of the child program, most
 // of them inside bundles with a chosen Info.plist.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <QCoreApplication>
 #include <QDateTime>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <csignal>
 #include <functional>
-#include <thread>
 
-#include "KVProcess.h"
-#include "LogCapture.h"
-#include "TestBundle.h"
-#include "TestEnvironment.h"
+#include "KVClassesTest.h"
 
 namespace {
 
@@ -107,10 +98,12 @@ TEST_F(KVProcessTest, ARecordNeverStandsForAnotherProcess) {
 
 // Names and codes come from the Info.plist, else the executable names it, code unknown.
 TEST_F(KVProcessTest, NamesAndCodesComeFromTheInfoPlistElseFromTheExecutable) {
-    const KVProcessRef writer = launchBundle(
-        "Writer", {{"CFBundleName", "Velmora Writer"}, {"CFBundleDisplayName", "Writer Pro"},
-                   {"CFBundleSignature", "WrTr"}, {"CFBundleIdentifier", "org.velmora.hashcheck"},
-                   {"CFBundleShortVersionString", "1.2"}});
+    const KVProcessRef writer =
+        launchBundle("Writer", {{"CFBundleName", "Velmora Writer"},
+                                {"CFBundleDisplayName", "Writer Pro"},
+                                {"CFBundleSignature", "WrTr"},
+                                {"CFBundleIdentifier", "org.velmora.hashcheck"},
+                                {"CFBundleShortVersionString", "1.2"}});
     ASSERT_TRUE(writer);
     EXPECT_EQ(writer->displayName(), "Writer Pro");
     EXPECT_EQ(writer->appName(), "Writer.app");
@@ -165,8 +158,10 @@ TEST_F(KVProcessTest, VersionPlatformAndBackgroundComeFromTheInfoPlist) {
     for (const char *newer : {"2.10.1", "10"}) EXPECT_FALSE(process->isAtLeastVersion(newer));
     // Read from the far end: revision, stage, minor and bug-fix, major. Final
     // and unknown stages show no letter.
-    const std::pair<const char *, const char *> resources[] = {
-        {"03602512", "12.2.5b3"}, {"11200009", "9.0d17"}, {"07801001", "1.17"}, {"05411001", "1.15"}};
+    const std::pair<const char *, const char *> resources[] = {{"03602512", "12.2.5b3"},
+                                                               {"11200009", "9.0d17"},
+                                                               {"07801001", "1.17"},
+                                                               {"05411001", "1.15"}};
     for (const auto &[hex, expected] : resources)
         EXPECT_EQ(KVProcess::versionFromVersResource(QByteArray::fromHex(hex) + '\xff'), expected);
     EXPECT_TRUE(KVProcess::versionFromVersResource("\x01\x02\x03").isNull());
@@ -204,31 +199,14 @@ TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
     EXPECT_LE(qAbs(gone->launchDate().msecsTo(QDateTime::currentDateTime())), 2000);
     untouched->sendAppleEventClass(0x54455354, 0x45636866);
     untouched->sendAppleEventClass(0x54455354, 0x45636866, QString("text"));  // unreported
-    EXPECT_EQ(log.messages(), (QStringList{"quitting Untouched failed", "cannot quit Gone: no pid",
-                                           "cannot quit Gone: no pid",
-                                           "quitting Gone failed (-600; could not send event)",
-                                           "*** Cannot get launch date for Gone",
-                                           "*** event error: -600"}));
+    EXPECT_EQ(log.messages(),
+              (QStringList{"quitting Untouched failed", "cannot quit Gone: no pid",
+                           "cannot quit Gone: no pid",
+                           "quitting Gone failed (-600; could not send event)",
+                           "*** Cannot get launch date for Gone", "*** event error: -600"}));
     untouched->forceQuit();
     EXPECT_TRUE(wasKilled(children.takeLast()));
     gone->forceQuit();  // pid 0: nothing is run
-}
-
-// A record of an ended process whose pid a live program now has names nobody:
-// quit and every event answer "no such process" and the program runs on.
-TEST_F(KVProcessTest, StaleRecordsReachNobody) {
-    const KVProcessRef live = launch(KV_TEST_CHILD);
-    ASSERT_TRUE(live);
-    ProcessSerialNumber ended = live->serialNumber();
-    ended.highLongOfPSN -= 1;  // the same pid, started earlier
-    const KVProcessRef stale = KVProcess::processWithSerialNumber(ended);
-    const OSType aevt = 0x61657674, quit = 0x71756974;
-    LogCapture log;
-    stale->quit();
-    stale->sendAppleEventClass(aevt, quit);
-    stale->sendAppleEventClass(aevt, quit, 1.0f);
-    EXPECT_EQ(log.messages().filter("-600").size(), 3) << qPrintable(log.text());
-    EXPECT_TRUE(live->isStillRunning());
 }
 
 TEST_F(KVProcessTest, TimesComeFromTheSystemAndTheDiagnosticsListIsSorted) {

@@ -1,27 +1,11 @@
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
-#include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QMap>
-#include <QProcess>
-#include <QTest>
 #include <cstring>
-#include <thread>
 
-#include "FrontWindow.h"
-#include "KVBundle.h"
-#include "KVPath.h"
-#include "KVProcess.h"
-#include "KVUserDefaults.h"
-#include "KVUtilities.h"
-#include "KVUtilities_p.h"
-#include "LogCapture.h"
-#include "Relaunch.h"
-#include "TestBundle.h"
+#include "KVClassesTest.h"
 #include "TestFiles.h"
-#include "XSession.h"
 
 using namespace KVUtilitiesPrivate;
 
@@ -46,7 +30,6 @@ TEST(KVUtilitiesTest, VersionsAndNumericTextsOrderByValue) {
             EXPECT_EQ(KVUtilities::compareVersion(ascending[i], ascending[j]), (i > j) - (i < j))
                 << qPrintable(ascending[i] + " " + ascending[j]);
     }
-    EXPECT_EQ(KVUtilities::compareVersion("1.0X1", "1.0p1"), NSOrderedSame);
     EXPECT_EQ(KVUtilities::compareVersion("1.0B1", "1.0p1"), NSOrderedSame);
     EXPECT_EQ(numericCompare(u"a007", u"a7"), NSOrderedSame);
     EXPECT_EQ(numericCompare(u"99999999999999999999", u"100000000000000000000"),
@@ -72,12 +55,9 @@ TEST(KVUtilitiesTest, SystemVersionFromSelectorsOrTheBCDWord) {
     EXPECT_EQ(cachedDecimalVersion(cache, answering({})), 0);
     EXPECT_EQ(cachedDecimalVersion(cache, answering({{kBCDSelector, 0x1049}})), 100409);
     EXPECT_EQ(cachedDecimalVersion(cache, answering({{kBCDSelector, 0x1130}})), 100409);
-    const std::tuple<const char *, OSType, int64_t> rows[] = {  // -1: no answer
-        {"5.15.153.1-generic", kBCDSelector, 0x0599}, {"6.1", kBugFixSelector, -1}};
-    for (const auto &[release, selector, expected] : rows) {
-        uint32_t value = 12345;
-        EXPECT_EQ(kernelReleaseLookup(release, selector, value) ? int64_t(value) : -1, expected);
-    }
+    uint32_t value = 0;
+    EXPECT_TRUE(kernelReleaseLookup("5.15.153.1-generic", kBCDSelector, value) && value == 0x0599);
+    EXPECT_FALSE(kernelReleaseLookup("6.1", kBugFixSelector, value));
 }
 
 // A configured threshold counts only from 100000 to 109999.
@@ -99,63 +79,41 @@ TEST(KVUtilitiesTest, SafeHTTPSDowngradesOnlyBelowTheThreshold) {
     defaults.removeObjectForKey("httpsMinSys");
 }
 
-// Midnight UTC, shown in the zone. The test program has no Info.plist (version
-// empty, not null) and counts its own-type resources.
-TEST(KVUtilitiesTest, LocalizedDatesAndTheMainBundlesOwnInformation) {
+// Midnight UTC, shown in the zone; strictly parsed.
+TEST(KVUtilitiesTest, LocalizedDates) {
     EXPECT_EQ(localizedDateString("2024-03-07", "de_DE", "UTC"), "07.03.24");
     EXPECT_EQ(localizedDateString("2024-03-07", "en_US", "America/New_York"), "3/6/24");
     EXPECT_TRUE(localizedDateString("7 March 2024", "en_US", "UTC").isNull());
     EXPECT_TRUE(localizedDateString("2024-02-30", "en_US", "UTC").isNull());
-    EXPECT_TRUE(KVUtilities::versionString() == "" && !KVUtilities::versionString().isNull());
-    const qsizetype before = KVUtilities::appType();
-    const QString path = KVBundle::mainBundle().resourcePath() + "/counted.kvapp";
-    ASSERT_TRUE(QFile(path).open(QIODevice::WriteOnly));
-    const qsizetype after = KVUtilities::appType();
-    QFile::remove(path);
-    EXPECT_EQ(after, before + 1);
 }
 
 namespace {
 
 constexpr int kTimeoutMs = 5000;
 
-bool writeScript(const QString &path, const QByteArray &body, mode_t mode = 0755) {
-    return TestFiles::makeFile(path, "#!/bin/sh\n" + body + "\n", mode);
+bool writeScript(const QString &path, const QByteArray &body) {
+    return TestFiles::makeFile(path, "#!/bin/sh\n" + body + "\n", 0755);
 }
 
-// Children of this process that ended and were never reaped.
-QList<pid_t> zombieChildren() {
-    QList<pid_t> zombies;
-    for (const QString &entry : QDir("/proc").entryList(QDir::Dirs)) {
-        QFile file("/proc/" + entry + "/stat");
-        if (entry.toInt() <= 0 || !file.open(QIODevice::ReadOnly)) continue;
-        const QByteArray stat = file.readAll();
-        // The name may hold spaces and parentheses.
-        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
-        if (fields.size() > 1 && fields[0] == "Z" && fields[1].toInt() == getpid())
-            zombies << entry.toInt();
-    }
-    return zombies;
-}
-
+// No child of this process ended without being reaped (looked at, not reaped).
 bool noZombiesRemain() {
-    return QTest::qWaitFor([] { return zombieChildren().isEmpty(); }, kTimeoutMs);
+    return QTest::qWaitFor(
+        [] {
+            siginfo_t child{};
+            return waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0 || !child.si_pid;
+        },
+        kTimeoutMs);
 }
 
 QStringList scriptFilesIn(const QString &folder) {
     return QDir(folder).entryList({"KVScript.*"}, QDir::Files | QDir::Hidden);
 }
 
-QString repeated(const QString &text, int times) {
-    QString all;
-    for (int i = 0; i < times; ++i) all += text;
-    return all;
-}
-
 }  // namespace
 
 // Scripts are executed themselves (no shell reads the path), from the home
 // folder, without input. Only one that cannot start leaves its file behind.
+// Standard input is closed: the output file gets its number, yet stays the output.
 TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     const QString folder = TestEnvironment::makeTempDir("scripts");
     const QString temporary = TestEnvironment::makeTempDir("script-output");
@@ -176,12 +134,11 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     const Row rows[] = {
         {"report.sh", "echo \"$# [$1] [$2]\"; echo to-errors >&2; pwd; cat", QStringList{"a b", "'\"$HOME;"},
          10, "2 [a b] ['\"$HOME;]\nto-errors\n" + home + "\n", {}},
-        {"silent.sh", "exit 3", std::nullopt, 10, "", {}},
         {"latin1.sh", "printf 'caf\\351\\n'", std::nullopt, 10, QString(),
          {"error getting result: The output is no UTF-8 text."}},
         // A character split between two pieces of the output read.
         {"split.sh", "printf xyz; yes 'é' | head -n 400000", std::nullopt, 10,
-         "xyz" + repeated("é\n", 400000), {}},
+         "xyz" + QString("é\n").repeated(400000), {}},
         {"slow.sh", "echo started; exec sleep 30", QStringList{"x y"}, 0.3, "started\n",
          {"script timeout: slow.sh (\n    \"x y\"\n)"}},
         {"stubborn.sh", "trap '' TERM; echo stubborn; sleep 1; echo late", std::nullopt, 0.3, "stubborn\n",
@@ -194,6 +151,8 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     ASSERT_TRUE(TestFiles::makeFile(folder + "/noline.sh", "echo no interpreter\n", 0755));
     const QString previous = QDir::currentPath();
     QDir::setCurrent(folder);
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
     for (const Row &row : rows) {
         const bool inHome = row.script.startsWith('~');
         const QString path = inHome ? home + row.script.mid(1) : folder + "/" + row.script;
@@ -209,22 +168,16 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
             << qPrintable(row.script);
         for (const QString &file : left) QFile::remove(temporary + "/" + file);
     }
-    QDir::setCurrent(previous);
-    // Without standard input the output file gets its number, yet stays the output.
-    ASSERT_TRUE(writeScript(folder + "/hello.sh", "echo hello"));
-    const int input = dup(STDIN_FILENO);
-    close(STDIN_FILENO);
-    const QString withoutInput = KVUtilities::runShellScript(folder + "/hello.sh", {}, 10);
     dup2(input, STDIN_FILENO);
     close(input);
-    EXPECT_EQ(withoutInput, "hello\n");
+    QDir::setCurrent(previous);
     // A child left running does not hold the result back.
     ASSERT_TRUE(writeScript(folder + "/parent.sh", "sleep 30 & echo $!"));
     const pid_t left = KVUtilities::runShellScript(folder + "/parent.sh", {}, 10).toInt();
     EXPECT_GT(left, 0);
     EXPECT_EQ(kill(left, SIGKILL), 0);
     // The stubborn script ends a second later, reaped in the background.
-    EXPECT_TRUE(noZombiesRemain()) << zombieChildren().size();
+    EXPECT_TRUE(noZombiesRemain());
     EXPECT_TRUE(scriptFilesIn(temporary).isEmpty());
 }
 
@@ -233,7 +186,7 @@ TEST(KVUtilitiesScriptTest, ShellCommandsGiveTheirStandardOutputAsUtf8) {
     // clang-format off
     const std::pair<QString, QString> rows[] = {
         {"echo out; echo to-errors >&2", "out\n"}, {"true", ""},
-        {"printf 'a\\000b'", QString::fromUtf8("a\0b", 3)}, {"yes é | head -n 500000", repeated("é\n", 500000)},
+        {"printf 'a\\000b'", QString::fromUtf8("a\0b", 3)}, {"yes é | head -n 500000", QString("é\n").repeated(500000)},
         {"printf 'caf\\351'", QString()}, {"printf '\\360\\237\\230'", QString()},
         // Closing its output ends the wait, though the command runs on.
         {"exec >&-; sleep 1", ""}};
@@ -246,35 +199,6 @@ TEST(KVUtilitiesScriptTest, ShellCommandsGiveTheirStandardOutputAsUtf8) {
     EXPECT_TRUE(noZombiesRemain());
 }
 
-// The desktop's opener (here a recorder of its arguments) gets the path as it is.
-TEST(KVUtilitiesScriptTest, OpensFilesWithTheDesktopsOpener) {
-    const QString folder = TestEnvironment::makeTempDir("open");
-    const QString record = folder + "/record.txt";
-    ASSERT_TRUE(
-        writeScript(folder + "/recorder", "printf '%s\\n' \"$@\" > new; mv new record.txt"));
-    ASSERT_TRUE(TestEnvironment::writeFile(
-        qEnvironmentVariable("XDG_DATA_HOME") + "/applications/kvtest-recorder.desktop",
-        "[Desktop Entry]\nType=Application\nName=Recorder\nMimeType=text/plain;\nExec=" +
-            QFile::encodeName(folder) + "/recorder %f\n"));
-    ASSERT_TRUE(
-        TestEnvironment::writeFile(qEnvironmentVariable("XDG_CONFIG_HOME") + "/mimeapps.list",
-                                   "[Default Applications]\ntext/plain=kvtest-recorder.desktop\n"));
-    // The opener asks the desktop only when there is a display to show on.
-    const ScopedEnv display(
-        "DISPLAY", qEnvironmentVariableIsSet("DISPLAY") ? qgetenv("DISPLAY") : QByteArray(":4095"));
-    const QString previous = QDir::currentPath();
-    QDir::setCurrent(folder);
-    const QString name = "-a b 'q\" $x;é.txt";
-    ASSERT_TRUE(TestEnvironment::writeFile(folder + "/" + name, "text\n"));
-    KVUtilities::openFile(name);  // relative, as a caller in the folder names it
-    QDir::setCurrent(previous);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(record); }, 10000));
-    QFile file(record);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(QString::fromUtf8(file.readAll()), folder + "/" + name + "\n");
-    EXPECT_TRUE(noZombiesRemain());
-}
-
 // No link, a dangling link and a loop answer the very same text.
 TEST(KVUtilitiesFileTest, AliasesResolveThroughChainsOfSymbolicLinks) {
     const QString folder = TestEnvironment::makeTempDir("aliases");
@@ -284,10 +208,9 @@ TEST(KVUtilitiesFileTest, AliasesResolveThroughChainsOfSymbolicLinks) {
     // clang-format off
     const std::pair<QString, QString> links[] = {  // link, its target text
         {"relative", "real folder/it's \"here\".txt"}, {"chain", "relative"}, {"chain2", folder + "/chain"},
-        {"to-folder", "real folder"}, {"loop-a", "loop-b"}, {"loop-b", "loop-a"}, {"dangling", "nowhere"}};
+        {"loop-a", "loop-b"}, {"loop-b", "loop-a"}, {"dangling", "nowhere"}};
     const std::pair<QString, QString> rows[] = {
         {folder + "/relative", real}, {folder + "/chain2", real},
-        {folder + "/to-folder", QFileInfo(folder + "/real folder").canonicalFilePath()},
         {folder + "/loop-a", ""}, {folder + "/dangling", ""}, {target, ""}, {QString(), ""}};
     // clang-format on
     for (const auto &[link, text] : links)
@@ -303,16 +226,15 @@ TEST(KVUtilitiesFileTest, AliasesResolveThroughChainsOfSymbolicLinks) {
 TEST(KVUtilitiesFileTest, FileSystemTypesComeFromTheMountHoldingThePath) {
     if (!Relaunch::isRoot()) GTEST_SKIP() << "mounting a tmpfs needs root";
     const QString mountPoint = TestEnvironment::makeTempDir("mount") + "/a volume";
-    const QString outside = QFileInfo(mountPoint).absolutePath();
+    const QString link = QFileInfo(mountPoint).absolutePath() + "/to-volume";
     QDir().mkpath(mountPoint);
     ASSERT_EQ(QProcess::execute("mount", {"-t", "tmpfs", "kvtest", mountPoint}), 0);
     // Unmounted again however the test ends.
     const std::unique_ptr<const QString, void (*)(const QString *)> mounted(
         &mountPoint, [](const QString *point) { QProcess::execute("umount", {*point}); });
     ASSERT_TRUE(TestEnvironment::writeFile(mountPoint + "/inside/file", "x"));
-    ASSERT_TRUE(TestFiles::makeLink(outside + "/to-volume", mountPoint + "/inside"));
-    const std::tuple<QString, QString, int> rows[] = {{mountPoint + "/inside/file", "tmpfs", 0},
-                                                      {outside + "/to-volume", "tmpfs", 0},
+    ASSERT_TRUE(TestFiles::makeLink(link, mountPoint + "/inside"));
+    const std::tuple<QString, QString, int> rows[] = {{link + "/file", "tmpfs", 0},
                                                       {mountPoint + "/missing", "", -1}};
     for (const auto &[path, type, status] : rows) {
         LogCapture log;
@@ -334,8 +256,6 @@ TEST(KVUtilitiesLaunchTest, DistributionDiskIsAMarkedRemovableVolume) {
         {app, disk + "/.launchlock", true, true}, {app, disk + "/launchlock", true, true},
         {runMedia + "/Disk/App.app", runMedia + "/Disk/.launchlock", true, true},
         {app, "", false, false}, {app, app + "/.launchlock", false, false},
-        {"/media/Disk/App.app", "", false, false},
-        {media + "/../" + user + "/Disk/App.app", disk + "/.launchlock", false, false},
         {"/var/tmp/x/App.app", "", false, true}, {"/private/AppTranslocation/1/App.app", "", false, true}};
     // clang-format on
     const bool hadRunMedia = QFileInfo::exists("/run/media");
@@ -363,57 +283,14 @@ TEST(KVUtilitiesLaunchTest, AutostartUnitsAreToldFromTheControlGroup) {
         EXPECT_EQ(isAutostartControlGroup(groups), autostarted) << groups.constData();
 }
 
-// Only in copies of this program started by the next test.
-TEST(KVUtilitiesLaunchCopy, ReportsHowItWasStarted) {
-    if (!Relaunch::isCopy()) GTEST_SKIP() << "runs in copies";
-    printf("launch: disk=%d mode=%d login=%d by=%d\n", KVUtilities::runningFromDistributionDisk(),
-           KVUtilities::installationMode(), KVUtilities::wasLaunchedAsLoginItem(),
-           KVUtilities::wasLaunchedByProcess(qEnvironmentVariable("KV_TEST_LAUNCHER_CODE")));
-}
-
-// From a bundle on a volume with and without the marker, from an autostart
-// entry's environment, and by a signed launcher (a bundle around the shell).
-TEST(KVUtilitiesLaunchTest, CopiesTellHowTheyWereStarted) {
-    if (Relaunch::isCopy()) GTEST_SKIP() << "starts the copies";
-    if (!Relaunch::isRoot()) GTEST_SKIP() << "/media is root's";
-    const QString filter = "KVUtilitiesLaunchCopy.*";
-    const QString volume = QString("/media/kvtest-%1/Disk").arg(getpid());
-    const QString copy = volume + "/App.app/Contents/MacOS/App";
-    const QString code = "KV_TEST_LAUNCHER_CODE=KVla";
-    const auto report = [](const QString &output) {
-        return output.section("launch: ", 1).section('\n', 0, 0);
-    };
-    QString output;  // the launcher code is asked of this program
-    ASSERT_TRUE(TestEnvironment::writeFile(volume + "/.launchlock", ""));
-    ASSERT_EQ(Relaunch::runCopy(copy, filter, {}, &output, {code}), 0) << qPrintable(output);
-    EXPECT_EQ(report(output), "disk=1 mode=1 login=0 by=0");
-    QFile::remove(volume + "/.launchlock");
-    ASSERT_EQ(Relaunch::runCopy(copy, filter, {}, &output, {code, "DESKTOP_AUTOSTART_ID=kv-1"}), 0);
-    EXPECT_EQ(report(output), "disk=0 mode=0 login=1 by=0");
-    QDir(volume).removeRecursively();
-    QDir(KVPath::stringByDeletingLastPathComponent(volume)).removeRecursively();
-
-    const QString launcher = TestBundle::make(TestEnvironment::makeTempDir("launcher"), "Launcher",
-                                              {{"CFBundleSignature", "KVla"}}, false);
-    const QString shell = TestBundle::executableOf(launcher);
-    ASSERT_TRUE(QFile::copy("/bin/sh", shell));
-    QFile::setPermissions(shell, QFile::ReadOwner | QFile::ExeOwner);
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(shell, {"-c", "KV_TEST_COPY=1 " + code + " \"$0\" \"$@\"",
-                          QCoreApplication::applicationFilePath(), "--gtest_filter=" + filter});
-    ASSERT_TRUE(process.waitForFinished(60000));
-    EXPECT_EQ(report(QString::fromLocal8Bit(process.readAll())), "disk=0 mode=0 login=0 by=1");
-}
-
 // Under a real window manager the helper comes to the front for a moment,
 // then the front goes back and the helper quits; full-screen does nothing.
 TEST(KVUtilitiesMicroTest, TheFrontGoesToMicroAndBack) {
     ASSERT_EQ(XSession::start(), "");  // or why not
     const QString micro = KV_INSTALLER_APP "/Contents/Resources/Micro.app";
-    const auto launchMicro = [&](const QString &helper, QStringList *fronts) {
-        // The helper is a program of the desktop, not of this offscreen test.
-        const ScopedEnv platform("QT_QPA_PLATFORM", "xcb");
+    QStringList fronts;  // the programs in front while the helper ran
+    const auto launchMicro = [&](const QString &helper) {
+        const ScopedEnv platform("QT_QPA_PLATFORM", "xcb");  // the helper is a desktop program
         LogCapture log;
         std::atomic<bool> done = false;
         std::thread caller([&] {
@@ -424,25 +301,24 @@ TEST(KVUtilitiesMicroTest, TheFrontGoesToMicroAndBack) {
         for (QDeadlineTimer deadline(kTimeoutMs);
              !done || (KVProcess::processWithSignatureString("VlMc") && !deadline.hasExpired());
              QTest::qWait(5))
-            *fronts << QFile::symLinkTarget(
+            fronts << QFile::symLinkTarget(
                 QString("/proc/%1/exe").arg(KVWindowServer::frontProcessID()));
         caller.join();
         return log.messages();
     };
-    QStringList fronts;
     std::unique_ptr<QProcess> window = frontWindow({});
     const pid_t pid = pidOf(window);
-    EXPECT_EQ(launchMicro(micro, &fronts), QStringList("wait count (Micro) = 500"));
+    EXPECT_EQ(launchMicro(micro), QStringList("wait count (Micro) = 500"));
     EXPECT_TRUE(fronts.contains(micro + "/Contents/MacOS/Micro"));
     EXPECT_TRUE(QTest::qWaitFor([&] { return KVWindowServer::frontProcessID() == pid; }, 5000));
     EXPECT_TRUE(noZombiesRemain());
-    EXPECT_EQ(launchMicro(QString(), &fronts),
+    EXPECT_EQ(launchMicro(QString()),
               QStringList("** Error while running Micro: the helper application Micro is missing"));
     EXPECT_EQ(KVWindowServer::frontProcessID(), pid);
     XSession::stop(window);
     window = frontWindow({"--fullscreen"});
     EXPECT_TRUE(QTest::qWaitFor([] { return KVWindowServer::isFrontWindowFullScreen(); }, 5000));
-    EXPECT_EQ(launchMicro(micro, &fronts), QStringList());
+    EXPECT_EQ(launchMicro(micro), QStringList());
     EXPECT_EQ(KVWindowServer::frontProcessID(), pidOf(window));
     XSession::stop(window);
     XSession::stop();
