@@ -25,8 +25,7 @@ void applyPalette(QWidget *widget, Palette palette) {
         widget->setPalette(testPalette(palette == Palette::Dark));
 }
 
-// The application's own palette for the life of the object; an inherited one
-// leaves the application with none of its own.
+// An inherited palette leaves the application with none of its own.
 struct ApplicationPalette {
     explicit ApplicationPalette(Palette palette) {
         QApplication::setPalette(
@@ -35,7 +34,6 @@ struct ApplicationPalette {
     ~ApplicationPalette() { QApplication::setPalette(QPalette()); }
 };
 
-// A widget that asks a colour for its value while it is being painted.
 class PaintProbe : public QWidget {
 public:
     PaintProbe(QWidget *parent, const KVDynamicColor &color) : QWidget(parent), m_color(color) {}
@@ -50,7 +48,6 @@ private:
 
 using Rgb = std::array<double, 3>;
 
-// The desktop portal's appearance settings; anything else is an empty text.
 class FakePortalSettings : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.portal.Settings")
@@ -118,7 +115,6 @@ TEST(KVDynamicColorTest, PaintedWidgetThenApplicationDecideTheAppearance) {
     applyPalette(&light, Palette::Light);
     EXPECT_EQ(color.effectiveColor(&light), kDark);
     EXPECT_EQ(color.useGlobalAppearance(false).effectiveColor(&light), kLight);
-    // Without a palette of the application's own the desktop decides.
     QApplication::setPalette(QPalette());
     EXPECT_EQ(desktopPrefersDark(), std::nullopt);
     for (const uint scheme : {0u, 1u, 2u}) {
@@ -128,8 +124,7 @@ TEST(KVDynamicColorTest, PaintedWidgetThenApplicationDecideTheAppearance) {
     }
 }
 
-// An unknown index is logged unless it was the last one logged. Without a
-// stored choice the desktop's accent counts; out of range, none is set.
+// An unknown index is logged unless it was the last one logged.
 TEST(KVDynamicColorTest, AccentColourNamesFromTheStoredIndexOrTheDesktop) {
     const BusNamesTurn turn;
     const QString line = "*** unknown accent color index: %1";

@@ -1,6 +1,3 @@
-// Accessibility notifications of one application: a real accessibility bus
-// on the test's X server and a real Qt program with accessibility on, whose
-// focus and slider change every 50 ms (kvtest_window --cycle-focus).
 #include <QRegularExpression>
 
 #include "AccessibilityBus.h"
@@ -11,8 +8,7 @@
 namespace {
 constexpr int kWaitMs = 30000;
 
-// The record's notifications as "event role name", read as they are delivered
-// (on the main thread, where the element may be asked about itself).
+// As "event role name", read on delivery (on the main thread, where the element may be asked).
 class UINotifications : public QStringList {
 public:
     explicit UINotifications(const void *sender) {
@@ -41,16 +37,9 @@ testing::AssertionResult copyPasses(const QString &filter, const QString &enviro
 
 class KVProcessAccessibilityTest : public testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        s_error = XSession::start();
-        if (s_error.isEmpty()) s_error = AccessibilityBus::start();
-    }
-    static void TearDownTestSuite() {
-        AccessibilityBus::stop();
-        XSession::stop();
-    }
     void SetUp() override {
-        if (!s_error.isEmpty()) GTEST_FAIL() << qPrintable(s_error);
+        ASSERT_EQ(XSession::start(), "");
+        ASSERT_EQ(AccessibilityBus::start(), "");
         {
             const ScopedEnv session("DBUS_SESSION_BUS_ADDRESS",
                                     AccessibilityBus::sessionBusAddress());
@@ -63,14 +52,16 @@ protected:
             [this] { return !KVAccessibility::applicationElement(pidOf(window)).isNull(); },
             kWaitMs));
     }
-    void TearDown() override { XSession::stop(window); }
+    void TearDown() override {
+        XSession::stop(window);
+        AccessibilityBus::stop();
+        XSession::stop();
+    }
 
-    static QString s_error;
     const ScopedEnv accessibilityOn{"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1"};
     std::unique_ptr<QProcess> window;
     KVProcessRef record;
 };
-QString KVProcessAccessibilityTest::s_error;
 
 TEST_F(KVProcessAccessibilityTest, FocusChangesArriveWithTheirElementUntilRemoved) {
     UINotifications received(record.get());
@@ -85,16 +76,14 @@ TEST_F(KVProcessAccessibilityTest, FocusChangesArriveWithTheirElementUntilRemove
     received.clear();
     ASSERT_TRUE(received.arrives("AXValueChanged slider ", 3)) << qPrintable(received.join('\n'));
     EXPECT_EQ(received.filter("AXValueChanged slider ").size(), received.size());
-    // The last owner of a record may be another thread: its observer is let
-    // go on the main thread (which ThreadSanitizer checks).
+    // The last owner may be another thread: the observer goes on the main thread.
     XSession::stop(window);
     record.reset();
     std::thread([] { KVProcess::cleanupCache(); }).join();
     QCoreApplication::processEvents();
 }
 
-// Names of the library's callers map to AT-SPI events; other AT-SPI event
-// types pass through; anything else cannot be observed.
+// AT-SPI event types pass through.
 TEST_F(KVProcessAccessibilityTest, NamesAreMappedPassedThroughOrRefused) {
     UINotifications received(record.get());
     const LogCapture log;
@@ -119,7 +108,6 @@ TEST(KVProcessAccessibilityWithoutBusTest, LogsOnceAndPostsNothing) {
                                "AT_SPI_BUS_ADDRESS=unix:path=/nonexistent/at-spi"));
         return;
     }
-    // This program itself, and a process that has ended (pid 0).
     for (const KVProcessRef &record :
          {KVProcess::currentProcess(), std::make_shared<KVProcess>(ProcessSerialNumber{0, 0})}) {
         UINotifications received(record.get());

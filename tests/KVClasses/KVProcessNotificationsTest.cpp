@@ -1,7 +1,3 @@
-// Process notifications from a real desktop: windows of real child programs
-// on Xvfb with openbox start, come to the front and quit; ended processes
-// leave the cache, with or without a display; and the clipboard, set by
-// another program, is credited to the front process of that moment.
 #include "KVClassesTest.h"
 #include "KVNotificationCenter.h"
 
@@ -61,7 +57,6 @@ TEST_F(KVProcessNotificationsTest, LaunchFrontSwitchAndQuitArriveAndAreCountedOn
     fronts.clear();
     ASSERT_TRUE(KVWindowServer::bringProcessToFront(pidOf(first), false));
     EXPECT_TRUE(arrives("front", pidOf(first)));
-    // Its window goes and its process exits: one end, counted once.
     const KVProcessRef quitter = KVProcess::processWithPID(pidOf(first));
     ASSERT_TRUE(quitter);
     const int count = KVProcess::applicationLaunchEndCount();
@@ -69,8 +64,7 @@ TEST_F(KVProcessNotificationsTest, LaunchFrontSwitchAndQuitArriveAndAreCountedOn
     XSession::stop(first);
     EXPECT_TRUE(arrives("ended"));
     EXPECT_TRUE(leavesTheCache(quitter->serialNumber()));
-    // Once the window manager lists no window of it, the news of that is
-    // waiting too; its exit was read before "ended" arrived.
+    // Its exit was read before "ended" arrived: no second end is counted.
     EXPECT_TRUE(QTest::qWaitFor(
         [&] { return !KVWindowServer::bringProcessToFront(quitterPID, true); }, kWaitMs));
     QCoreApplication::processEvents();
@@ -94,8 +88,7 @@ TEST_F(KVProcessNotificationsTest, TwoLaunchesInOneTurnCountTwoAndPostOnce) {
     EXPECT_EQ(changes.count("started"), 1);
 }
 
-// A process without windows, on a machine without a display, looked up on
-// another thread: its pidfd still tells the main thread that it ended.
+// Looked up on another thread, without a display: its pidfd tells the main thread.
 TEST_F(KVProcessNotificationsTest, AnEndedProcessLeavesTheCacheWithoutADisplay) {
     const ScopedEnv noDisplay("DISPLAY", std::nullopt);
     KVProcess::installNotifications();
@@ -122,8 +115,6 @@ std::unique_ptr<QProcess> copyToClipboard(const QByteArray &text) {
     return owner;
 }
 
-// The writer stays the publisher once another process is in front, until the
-// clipboard changes again.
 TEST_F(KVProcessNotificationsTest, TheFrontProcessWhenTheClipboardChangesPublishedIt) {
     ASSERT_EQ(XSession::start(), "");
     first = frontWindow({"--title", "Writer"});

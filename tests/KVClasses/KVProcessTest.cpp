@@ -1,10 +1,7 @@
-// KVProcess against real child processes: copies of the child program, most
-// of them inside bundles with a chosen Info.plist.
 #include <QDateTime>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <csignal>
-#include <functional>
 
 #include "KVClassesTest.h"
 
@@ -12,7 +9,6 @@ namespace {
 
 QString canonical(const QString &path) { return QFileInfo(path).canonicalFilePath(); }
 
-// Whether the child was ended by SIGKILL; reaps it.
 bool wasKilled(pid_t pid) {
     int status = 0;
     return waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
@@ -28,7 +24,6 @@ protected:
         if (pid > 0) children << pid;
         return pid > 0 ? KVProcess::processWithPID(pid) : nullptr;
     }
-    // The child program running as Name.app with the info dictionary.
     KVProcessRef launchBundle(const QString &name, const QVariantMap &info = {},
                               const QStringList &arguments = {}) {
         bundle = TestBundle::make(TestEnvironment::makeTempDir(name), name, info);
@@ -47,14 +42,9 @@ TEST_F(KVProcessTest, LookupsShareOneRecordAndMoveItToTheCacheFront) {
     const KVProcessRef process =
         launchBundle("Twice", {{"CFBundleSignature", code}, {"CFBundleIdentifier", identifier}});
     ASSERT_TRUE(process);
-    const std::function<KVProcessRef()> lookups[] = {
-        [&] { return KVProcess::processWithSerialNumber(process->serialNumber()); },
-        [&] { return KVProcess::processWithSignatureString(code); }};
-    for (const auto &lookup : lookups) {
-        KVProcess::processWithPID(getpid());  // puts another record in front
-        EXPECT_EQ(lookup(), process) << &lookup - lookups;
-        EXPECT_EQ(KVProcess::cachedProcesses().value(0), process);
-    }
+    KVProcess::processWithPID(getpid());  // puts another record in front
+    EXPECT_EQ(KVProcess::processWithSignatureString(code), process);
+    EXPECT_EQ(KVProcess::cachedProcesses().value(0), process);
     EXPECT_EQ(KVProcess::processWithIdentifier(identifier), process);
     // A code of another length converts to 0, which no process has.
     EXPECT_FALSE(KVProcess::processWithIdentifier(identifier.chopped(1)) ||
@@ -63,8 +53,7 @@ TEST_F(KVProcessTest, LookupsShareOneRecordAndMoveItToTheCacheFront) {
     EXPECT_EQ(KVProcess::currentProcess(), KVProcess::processWithPID(getpid()));
 }
 
-// A record names a pid and a start time, so an exited (even unreaped) process
-// has no pid, and a later process is never taken for it.
+// A record names a pid and a start time, against pid reuse.
 TEST_F(KVProcessTest, ARecordNeverStandsForAnotherProcess) {
     const KVProcessRef ended = launch(KV_TEST_CHILD);
     ASSERT_TRUE(ended);
@@ -91,12 +80,8 @@ TEST_F(KVProcessTest, ARecordNeverStandsForAnotherProcess) {
     const QList<KVProcessRef> cached = KVProcess::cachedProcesses();
     EXPECT_FALSE(cached.contains(ended) || cached.contains(dead) || cached.contains(other));
     EXPECT_TRUE(cached.contains(later) && cached.contains(self));
-    // Outside a bundle the executable names the process.
-    EXPECT_EQ(later->name(), "kvtest_child");
-    EXPECT_EQ(later->path(), canonical(KV_TEST_CHILD));
 }
 
-// Names and codes come from the Info.plist, else the executable names it, code unknown.
 TEST_F(KVProcessTest, NamesAndCodesComeFromTheInfoPlistElseFromTheExecutable) {
     const KVProcessRef writer =
         launchBundle("Writer", {{"CFBundleName", "Velmora Writer"},
@@ -106,7 +91,6 @@ TEST_F(KVProcessTest, NamesAndCodesComeFromTheInfoPlistElseFromTheExecutable) {
                                 {"CFBundleShortVersionString", "1.2"}});
     ASSERT_TRUE(writer);
     EXPECT_EQ(writer->displayName(), "Writer Pro");
-    EXPECT_EQ(writer->appName(), "Writer.app");
     EXPECT_EQ(writer->hashString(), "4fc2a1c6fd0284bcf31d202eb0b99860");  // id:org.velmora...
     EXPECT_EQ(writer->description(), "Process \"Velmora Writer\" (WrTr) 1.2");
     EXPECT_EQ(writer->detailedDescription(), "Velmora Writer V1.2 (WrTr/org.velmora.hashcheck)");
@@ -133,8 +117,7 @@ TEST_F(KVProcessTest, NamesAndCodesComeFromTheInfoPlistElseFromTheExecutable) {
     EXPECT_EQ(replaced->path(), canonical(bundle));
 }
 
-// A short version without a dot is taken for a build number. Cocoa needs a
-// principal class that is a string; booleans may be booleans, numbers or texts.
+// A short version without a dot is taken for a build number.
 TEST_F(KVProcessTest, VersionPlatformAndBackgroundComeFromTheInfoPlist) {
     // clang-format off
     const std::tuple<QString, QString, bool, QVariantMap> rows[] = {
@@ -150,24 +133,21 @@ TEST_F(KVProcessTest, VersionPlatformAndBackgroundComeFromTheInfoPlist) {
         EXPECT_EQ(process->version() + " " + process->platform(), version + " " + platform);
         EXPECT_EQ(process->isBackgroundOnly(), backgroundOnly) << qPrintable(platform);
     }
-    // Components compare as integers; missing ones count as 0.
     const KVProcessRef process =
         launchBundle("Versioned", {{"CFBundleShortVersionString", "2.10.0"}});
     ASSERT_TRUE(process);
     for (const char *older : {"2.9", "2.10.0.0"}) EXPECT_TRUE(process->isAtLeastVersion(older));
     for (const char *newer : {"2.10.1", "10"}) EXPECT_FALSE(process->isAtLeastVersion(newer));
-    // Read from the far end: revision, stage, minor and bug-fix, major. Final
-    // and unknown stages show no letter.
-    const std::pair<const char *, const char *> resources[] = {{"03602512", "12.2.5b3"},
-                                                               {"11200009", "9.0d17"},
-                                                               {"07801001", "1.17"},
-                                                               {"05411001", "1.15"}};
+    // Final and unknown stages show no letter.
+    // clang-format off
+    const std::pair<const char *, const char *> resources[] = {
+        {"03602512", "12.2.5b3"}, {"11200009", "9.0d17"}, {"07801001", "1.17"}, {"05411001", "1.15"}};
+    // clang-format on
     for (const auto &[hex, expected] : resources)
         EXPECT_EQ(KVProcess::versionFromVersResource(QByteArray::fromHex(hex) + '\xff'), expected);
     EXPECT_TRUE(KVProcess::versionFromVersResource("\x01\x02\x03").isNull());
 }
 
-// SIGTERM every millisecond until the time-out, then SIGKILL.
 TEST_F(KVProcessTest, QuitTerminatesFirstAndKillsAfterTheTimeout) {
     const KVProcessRef polite = launchBundle("Polite");
     const KVProcessRef stubborn = launchBundle("Stubborn", {}, {"--ignore-term"});
@@ -183,8 +163,6 @@ TEST_F(KVProcessTest, QuitTerminatesFirstAndKillsAfterTheTimeout) {
     EXPECT_TRUE(wasKilled(children.takeLast()));
 }
 
-// A zero time-out sends nothing; an ended process has no pid and the fallback event to
-// it fails with a logged code, as do events to one without receiver. forceQuit kills.
 TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
     const KVProcessRef untouched = launchBundle("Untouched", {}, {"--ignore-term"});
     const KVProcessRef gone = launchBundle("Gone");
@@ -195,7 +173,6 @@ TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
     EXPECT_TRUE(untouched->isStillRunning());
     EXPECT_FALSE(gone->quitRunningApplicationWithTimeout(1.0f));
     gone->quit();
-    // An ended process's launch date is the time of the call.
     EXPECT_LE(qAbs(gone->launchDate().msecsTo(QDateTime::currentDateTime())), 2000);
     untouched->sendAppleEventClass(0x54455354, 0x45636866);
     untouched->sendAppleEventClass(0x54455354, 0x45636866, QString("text"));  // unreported
@@ -211,13 +188,10 @@ TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
 
 TEST_F(KVProcessTest, TimesComeFromTheSystemAndTheDiagnosticsListIsSorted) {
     const QDateTime before = QDateTime::currentDateTime().addSecs(-2);
-    const KVProcessRef late = launchBundle("Late");
-    ASSERT_TRUE(late);
-    EXPECT_GE(late->launchDate(), before);
-    EXPECT_LE(late->launchDate(), QDateTime::currentDateTime().addSecs(1));
+    const KVProcessRef zetaFore = launchBundle("zeta fore");
+    ASSERT_TRUE(zetaFore);
+    EXPECT_GE(zetaFore->launchDate(), before);
     EXPECT_EQ(proc_cpu_time(999999999) + proc_start_time(999999999), 0.0);
-    // Foreground and background apart, each sorted without regard to case.
-    launchBundle("zeta fore");
     launchBundle("Alpha fore");
     launchBundle("Agent", {{"LSUIElement", true}});
     const QString report = KVProcess::processListForDiagnosticsReport();

@@ -3,6 +3,7 @@
 
 #include <QApplication>
 #include <QTime>
+#include <functional>
 
 #include "BusPeer.h"
 #include "KVClassesTest.h"
@@ -84,8 +85,7 @@ TEST(KVUtilitiesEnvironmentTest, DoNotDisturbFromTheServerOrTheQuietHours) {
     notificationDefaults.removeObjectForKey("dnd_prefs");
 }
 
-// Without a palette of the application's own and without a desktop portal
-// the appearance is light. Only the graphite accent changes the tint.
+// Only the graphite accent changes the tint.
 TEST(KVUtilitiesEnvironmentTest, AppearanceAndTintFollowTheApplication) {
     const BusNamesTurn noPortal;
     KVUserDefaults &defaults = KVUserDefaults::standardUserDefaults();
@@ -104,7 +104,6 @@ TEST(KVUtilitiesEnvironmentTest, AppearanceAndTintFollowTheApplication) {
     }
     QApplication::setPalette(QPalette());
     defaults.removeObjectForKey("AppleAccentColor");
-    // Each name its own drawing; near misses none.
     QList<QImage> drawn;
     for (const char *name : {"tintYosDarkBlue", "tintYosDarkGraphite", "tintYosBlue",
                              "tintYosGraphite", "tintMavBlue", "tintMavGraphite"}) {
@@ -118,8 +117,7 @@ TEST(KVUtilitiesEnvironmentTest, AppearanceAndTintFollowTheApplication) {
 
 constexpr int kWindowTimeoutMs = 20000;
 
-// In a Wayland session (whose headless compositor offers none of these):
-// full-screen mode cannot be watched, which is logged once.
+// The headless compositor of the Wayland session offers none of these.
 TEST(KVUtilitiesNoDisplayCopy, NoAnswersAndFullScreenModeLoggedOnce) {
     if (!Relaunch::isCopy()) GTEST_SKIP() << "runs in copies";
     EXPECT_EQ(KVUtilities::idleTime(), -1.0);
@@ -138,57 +136,43 @@ TEST(KVUtilitiesDesktopTest, WithoutAnX11Display) {
     const QString error = wayland.start(WaylandSession::Clients::Native);
     ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
     const auto client = wayland.clientScope();
-    // The library's own connections answer, not Qt's (whose Wayland plugin
-    // leaves objects behind at exit).
+    // Offscreen: Qt's Wayland plugin would leave objects behind at exit.
     EXPECT_TRUE(Relaunch::copyPasses(TestEnvironment::makeTempDir("nodisplay") + "/copy",
                                      "KVUtilitiesNoDisplayCopy.*", {},
                                      {"QT_QPA_PLATFORM=offscreen"}));
 }
 
-TEST(KVUtilitiesDesktopTest, IdleTimeAndAKeyboardGrabOfAnotherProgram) {
+// Full-screen mode is NO at first even in front of a full-screen window: only
+// what happens from then on counts.
+TEST(KVUtilitiesDesktopTest, KeyboardGrabsAndFullScreenModeOfOtherPrograms) {
     ASSERT_EQ(XSession::start(), "");  // or why not
     EXPECT_GE(KVUtilities::idleTime(), 0.0);
     std::unique_ptr<QProcess> plain = frontWindow({});
     EXPECT_TRUE(KVUtilities::secureInputProcesses().isEmpty());
     std::unique_ptr<QProcess> grabbing = frontWindow({"--grab-keyboard"});
-    // Twice: asking gives nothing away, the grab stays with its owner.
     for (int i = 0; i < 2; ++i) {
         const QList<KVProcessRef> grabbers = KVUtilities::secureInputProcesses();
         EXPECT_TRUE(grabbers.size() == 1 && grabbers[0]->unixPID() == pidOf(grabbing));
     }
     XSession::stop(grabbing);
-    EXPECT_TRUE(QTest::qWaitFor([] { return KVUtilities::secureInputProcesses().isEmpty(); },
-                                kWindowTimeoutMs));
-    XSession::stop(plain);
-    XSession::stop();
-}
-
-// The first answer is NO even in front of a full-screen window: only what
-// happens from then on counts.
-TEST(KVUtilitiesDesktopTest, FullScreenModeFollowsTheActiveWindow) {
-    ASSERT_EQ(XSession::start(), "");  // or why not
-    std::unique_ptr<QProcess> plain = frontWindow({});
-    std::unique_ptr<QProcess> fullScreen = frontWindow({"--fullscreen"});
-    const auto becomes = [](bool fullScreen) {
-        return QTest::qWaitFor([&] { return KVUtilities::fullScreenMode() == fullScreen; },
-                               kWindowTimeoutMs);
+    const auto becomes = [](const std::function<bool()> &condition) {
+        return QTest::qWaitFor(condition, kWindowTimeoutMs);
     };
-    ASSERT_TRUE(QTest::qWaitFor([] { return KVWindowServer::isFrontWindowFullScreen(); },
-                                kWindowTimeoutMs));
+    EXPECT_TRUE(becomes([] { return KVUtilities::secureInputProcesses().isEmpty(); }));
+    std::unique_ptr<QProcess> fullScreen = frontWindow({"--fullscreen"});
+    ASSERT_TRUE(becomes([] { return KVWindowServer::isFrontWindowFullScreen(); }));
     // Asked first from another thread, it still watches on the main thread.
     bool first = true;
     std::thread([&first] { first = KVUtilities::fullScreenMode(); }).join();
     EXPECT_FALSE(first);
-    // The watch starts with the main thread's next turn.
-    QCoreApplication::processEvents();
+    QCoreApplication::processEvents();  // the watch starts with the main thread's next turn
     KVWindowServer::bringProcessToFront(pidOf(plain), false);
-    EXPECT_TRUE(QTest::qWaitFor([&] { return KVWindowServer::frontProcessID() == pidOf(plain); },
-                                kWindowTimeoutMs));
+    EXPECT_TRUE(becomes([&] { return KVWindowServer::frontProcessID() == pidOf(plain); }));
     EXPECT_FALSE(KVUtilities::fullScreenMode());
     KVWindowServer::bringProcessToFront(pidOf(fullScreen), false);
-    EXPECT_TRUE(becomes(true));
+    EXPECT_TRUE(becomes([] { return KVUtilities::fullScreenMode(); }));
     XSession::stop(fullScreen);
-    EXPECT_TRUE(becomes(false));
+    EXPECT_TRUE(becomes([] { return !KVUtilities::fullScreenMode(); }));
     XSession::stop(plain);
     XSession::stop();
 }
@@ -211,7 +195,6 @@ TEST(KVUtilitiesEnvironmentTest, IdentityFilesGiveTheirFirstReadableText) {
         const QString text = firstReadableText(paths);
         EXPECT_TRUE(text == expected && text.isNull() == expected.isNull()) << qPrintable(text);
     }
-    // Once found it is kept.
     const QString id = KVUtilities::uniqueComputerID();
     EXPECT_FALSE(id.isEmpty());
     EXPECT_EQ(KVUtilities::uniqueComputerID().constData(), id.constData());

@@ -10,7 +10,6 @@
 using namespace KVUtilitiesPrivate;
 
 namespace {
-// A system that answers only the selectors it is given.
 VersionLookup answering(QMap<OSType, uint32_t> answers) {
     return [answers](OSType selector, uint32_t &value) {
         if (!answers.contains(selector)) return false;
@@ -20,8 +19,7 @@ VersionLookup answering(QMap<OSType, uint32_t> answers) {
 }
 }  // namespace
 
-// Numbers compare by value (no overflow); stages p < d < a < b < f < release,
-// unknown and upper-case letters like p.
+// Unknown and upper-case stage letters rank like p.
 TEST(KVUtilitiesTest, VersionsAndNumericTextsOrderByValue) {
     const QStringList ascending{"1.0p1", "1.0d1", "1.0a1", "1.0a9", "1.0b1", "1.0b10", "1.0f1",
                                 "1.0",   "1.0.0", "1.0.1", "1.9",   "1.10",  "10.0"};
@@ -79,7 +77,6 @@ TEST(KVUtilitiesTest, SafeHTTPSDowngradesOnlyBelowTheThreshold) {
     defaults.removeObjectForKey("httpsMinSys");
 }
 
-// Midnight UTC, shown in the zone; strictly parsed.
 TEST(KVUtilitiesTest, LocalizedDates) {
     EXPECT_EQ(localizedDateString("2024-03-07", "de_DE", "UTC"), "07.03.24");
     EXPECT_EQ(localizedDateString("2024-03-07", "en_US", "America/New_York"), "3/6/24");
@@ -95,7 +92,6 @@ bool writeScript(const QString &path, const QByteArray &body) {
     return TestFiles::makeFile(path, "#!/bin/sh\n" + body + "\n", 0755);
 }
 
-// No child of this process ended without being reaped (looked at, not reaped).
 bool noZombiesRemain() {
     return QTest::qWaitFor(
         [] {
@@ -111,8 +107,6 @@ QStringList scriptFilesIn(const QString &folder) {
 
 }  // namespace
 
-// Scripts are executed themselves (no shell reads the path), from the home
-// folder, without input. Only one that cannot start leaves its file behind.
 // Standard input is closed: the output file gets its number, yet stays the output.
 TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     const QString folder = TestEnvironment::makeTempDir("scripts");
@@ -122,16 +116,10 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     const auto failed = [](const char *name, int error) {
         return QString("script %1 failed: %2").arg(name, QString::fromLocal8Bit(strerror(error)));
     };
-    struct Row {
-        QString script;   // in the folder, or "~/..."
-        QByteArray body;  // nothing: no such file
-        std::optional<QStringList> parameters;
-        double timeout;
-        QString expected;
-        QStringList log;
-    };
+    // The script (in the folder, or "~/..."), its body (none: no such file),
+    // parameters, time-out, result and log.
     // clang-format off
-    const Row rows[] = {
+    const std::tuple<QString, QByteArray, std::optional<QStringList>, double, QString, QStringList> rows[] = {
         {"report.sh", "echo \"$# [$1] [$2]\"; echo to-errors >&2; pwd; cat", QStringList{"a b", "'\"$HOME;"},
          10, "2 [a b] ['\"$HOME;]\nto-errors\n" + home + "\n", {}},
         {"latin1.sh", "printf 'caf\\351\\n'", std::nullopt, 10, QString(),
@@ -153,25 +141,23 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     QDir::setCurrent(folder);
     const int input = dup(STDIN_FILENO);
     close(STDIN_FILENO);
-    for (const Row &row : rows) {
-        const bool inHome = row.script.startsWith('~');
-        const QString path = inHome ? home + row.script.mid(1) : folder + "/" + row.script;
-        if (!row.body.isEmpty()) ASSERT_TRUE(writeScript(path, row.body));
+    for (const auto &[script, body, parameters, timeout, expected, logged] : rows) {
+        const bool inHome = script.startsWith('~');
+        const QString path = inHome ? home + script.mid(1) : folder + "/" + script;
+        if (!body.isEmpty()) ASSERT_TRUE(writeScript(path, body));
         LogCapture log;
-        const QString result = KVUtilities::runShellScript(
-            inHome || row.script == odd ? row.script : path, row.parameters, row.timeout);
-        EXPECT_EQ(result.isNull(), row.expected.isNull()) << qPrintable(row.script);
-        EXPECT_EQ(result, row.expected) << qPrintable(row.script);
-        EXPECT_EQ(log.messages(), row.log) << qPrintable(row.script);
+        const QString result = KVUtilities::runShellScript(inHome || script == odd ? script : path,
+                                                           parameters, timeout);
+        EXPECT_TRUE(result == expected && result.isNull() == expected.isNull())
+            << qPrintable(script + ": " + result.left(100));
+        EXPECT_EQ(log.messages(), logged) << qPrintable(script);
         const QStringList left = scriptFilesIn(temporary);
-        EXPECT_EQ(left.size(), row.expected.contains(" failed: ") ? 1 : 0)
-            << qPrintable(row.script);
+        EXPECT_EQ(left.size(), expected.contains(" failed: ") ? 1 : 0) << qPrintable(script);
         for (const QString &file : left) QFile::remove(temporary + "/" + file);
     }
     dup2(input, STDIN_FILENO);
     close(input);
     QDir::setCurrent(previous);
-    // A child left running does not hold the result back.
     ASSERT_TRUE(writeScript(folder + "/parent.sh", "sleep 30 & echo $!"));
     const pid_t left = KVUtilities::runShellScript(folder + "/parent.sh", {}, 10).toInt();
     EXPECT_GT(left, 0);
@@ -181,7 +167,6 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     EXPECT_TRUE(scriptFilesIn(temporary).isEmpty());
 }
 
-// Standard output only, as UTF-8, else no text (a character cut short too).
 TEST(KVUtilitiesScriptTest, ShellCommandsGiveTheirStandardOutputAsUtf8) {
     // clang-format off
     const std::pair<QString, QString> rows[] = {
@@ -199,7 +184,6 @@ TEST(KVUtilitiesScriptTest, ShellCommandsGiveTheirStandardOutputAsUtf8) {
     EXPECT_TRUE(noZombiesRemain());
 }
 
-// No link, a dangling link and a loop answer the very same text.
 TEST(KVUtilitiesFileTest, AliasesResolveThroughChainsOfSymbolicLinks) {
     const QString folder = TestEnvironment::makeTempDir("aliases");
     const QString target = folder + "/real folder/it's \"here\".txt";
@@ -229,7 +213,6 @@ TEST(KVUtilitiesFileTest, FileSystemTypesComeFromTheMountHoldingThePath) {
     const QString link = QFileInfo(mountPoint).absolutePath() + "/to-volume";
     QDir().mkpath(mountPoint);
     ASSERT_EQ(QProcess::execute("mount", {"-t", "tmpfs", "kvtest", mountPoint}), 0);
-    // Unmounted again however the test ends.
     const std::unique_ptr<const QString, void (*)(const QString *)> mounted(
         &mountPoint, [](const QString *point) { QProcess::execute("umount", {*point}); });
     ASSERT_TRUE(TestEnvironment::writeFile(mountPoint + "/inside/file", "x"));
@@ -244,8 +227,7 @@ TEST(KVUtilitiesFileTest, FileSystemTypesComeFromTheMountHoldingThePath) {
     }
 }
 
-// A removable volume (/media/<user>/<volume>, /run/media/<user>/<volume>)
-// whose top holds a marker; a temporary copy installs too.
+// A temporary copy installs too.
 TEST(KVUtilitiesLaunchTest, DistributionDiskIsAMarkedRemovableVolume) {
     if (!Relaunch::isRoot()) GTEST_SKIP() << "/media is root's";
     const QString user = QString("kvtest-%1").arg(getpid());
@@ -283,8 +265,6 @@ TEST(KVUtilitiesLaunchTest, AutostartUnitsAreToldFromTheControlGroup) {
         EXPECT_EQ(isAutostartControlGroup(groups), autostarted) << groups.constData();
 }
 
-// Under a real window manager the helper comes to the front for a moment,
-// then the front goes back and the helper quits; full-screen does nothing.
 TEST(KVUtilitiesMicroTest, TheFrontGoesToMicroAndBack) {
     ASSERT_EQ(XSession::start(), "");  // or why not
     const QString micro = KV_INSTALLER_APP "/Contents/Resources/Micro.app";
