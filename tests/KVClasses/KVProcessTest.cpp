@@ -98,23 +98,16 @@ TEST_F(KVProcessTest, NamesAndCodesComeFromTheInfoPlistElseFromTheExecutable) {
         launchBundle("Tool", {{"CFBundleExecutable", "tool-bin"}, {"CFBundleSignature", "TOOLS"}});
     ASSERT_TRUE(tool);
     EXPECT_EQ(tool->hashStringSource(), "name:tool-bin");
-    EXPECT_EQ(tool->detailedDescription(), "tool-bin V1.0 (?\?\?\?/)");
-    // Bytes from 0x80 up print sign-extended, as readers of the text expect.
-    const KVProcessRef high = launchBundle("High", {{"CFBundleSignature", "AB\u00e9D"}});
-    ASSERT_TRUE(high);
-    EXPECT_EQ(high->signatureHexString(), "4142FFFFFFE944");
-    EXPECT_EQ(high->hashStringSource(), "sig:AB\u00e9D");
     const QString broken = TestBundle::make(TestEnvironment::makeTempDir("broken"), "Broken");
     ASSERT_TRUE(TestEnvironment::writeFile(broken + "/Contents/Info.plist", "\x89garbage<plist"));
     const KVProcessRef process = launch(broken + "/Contents/MacOS/Broken");
     ASSERT_TRUE(process);
-    EXPECT_EQ(process->name() + process->signatureString(), "Broken????");
-    EXPECT_EQ(process->path(), canonical(broken));
+    EXPECT_EQ(process->name() + process->signatureString() + process->path(),
+              "Broken????" + canonical(broken));
     // The system then shows the executable's path with " (deleted)".
     const KVProcessRef replaced = launchBundle("Replaced");
     ASSERT_TRUE(replaced && QFile::remove(TestBundle::executableOf(bundle)));
-    EXPECT_EQ(replaced->name(), "Replaced");
-    EXPECT_EQ(replaced->path(), canonical(bundle));
+    EXPECT_EQ(replaced->name() + replaced->path(), "Replaced" + canonical(bundle));
 }
 
 // A short version without a dot is taken for a build number.
@@ -138,14 +131,6 @@ TEST_F(KVProcessTest, VersionPlatformAndBackgroundComeFromTheInfoPlist) {
     ASSERT_TRUE(process);
     for (const char *older : {"2.9", "2.10.0.0"}) EXPECT_TRUE(process->isAtLeastVersion(older));
     for (const char *newer : {"2.10.1", "10"}) EXPECT_FALSE(process->isAtLeastVersion(newer));
-    // Final and unknown stages show no letter.
-    // clang-format off
-    const std::pair<const char *, const char *> resources[] = {
-        {"03602512", "12.2.5b3"}, {"11200009", "9.0d17"}, {"07801001", "1.17"}, {"05411001", "1.15"}};
-    // clang-format on
-    for (const auto &[hex, expected] : resources)
-        EXPECT_EQ(KVProcess::versionFromVersResource(QByteArray::fromHex(hex) + '\xff'), expected);
-    EXPECT_TRUE(KVProcess::versionFromVersResource("\x01\x02\x03").isNull());
 }
 
 TEST_F(KVProcessTest, QuitTerminatesFirstAndKillsAfterTheTimeout) {
@@ -169,8 +154,8 @@ TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
     ASSERT_TRUE(untouched && gone && !gone->name().isEmpty());  // fetched while it runs
     TestBundle::stop(children.takeLast());
     LogCapture log;
-    EXPECT_FALSE(untouched->quitRunningApplicationWithTimeout(0.0f));
-    EXPECT_TRUE(untouched->isStillRunning());
+    EXPECT_FALSE(untouched->quitRunningApplicationWithTimeout(0.0f) ||
+                 !untouched->isStillRunning());
     EXPECT_FALSE(gone->quitRunningApplicationWithTimeout(1.0f));
     gone->quit();
     EXPECT_LE(qAbs(gone->launchDate().msecsTo(QDateTime::currentDateTime())), 2000);
