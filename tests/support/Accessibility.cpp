@@ -1,14 +1,12 @@
 #include "Accessibility.h"
 
 #include <QDBusArgument>
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
 
 namespace {
-
 const QString kAccessible = QStringLiteral("org.a11y.atspi.Accessible");
 constexpr uint kRolePushButton = 43;
 
@@ -20,53 +18,43 @@ QDBusConnection accessibilityBus() {
     return QDBusConnection::connectToBus(address, "kv-accessibility-" + address);
 }
 
-QList<QVariant> call(const QDBusConnection &bus, const QString &service, const QString &path,
-                     const QString &interface, const QString &method,
-                     const QList<QVariant> &arguments = {}) {
-    QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, method);
-    message.setArguments(arguments);
-    const QDBusMessage reply = bus.call(message, QDBus::Block, 5000);
-    return reply.type() == QDBusMessage::ReplyMessage ? reply.arguments() : QList<QVariant>();
-}
+struct Object {
+    const QDBusConnection &bus;
+    const QString &service;
 
-QStringList childrenOf(const QDBusConnection &bus, const QString &service, const QString &path) {
-    QStringList children;
-    const QList<QVariant> reply = call(bus, service, path, kAccessible, "GetChildren");
-    if (reply.isEmpty()) return children;
-    // An array of (bus name, object path) pairs.
-    const QDBusArgument list = reply.first().value<QDBusArgument>();
-    list.beginArray();
-    while (!list.atEnd()) {
-        QString name;
-        QDBusObjectPath child;
-        list.beginStructure();
-        list >> name >> child;
-        list.endStructure();
-        children << child.path();
+    QVariant call(const QString &path, const QString &interface, const QString &method,
+                  const QList<QVariant> &arguments = {}) const {
+        QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, method);
+        message.setArguments(arguments);
+        const QDBusMessage reply = bus.call(message, QDBus::Block, 5000);
+        return reply.type() == QDBusMessage::ReplyMessage ? reply.arguments().value(0) : QVariant();
     }
-    list.endArray();
-    return children;
-}
 
-bool isButtonWithText(const QDBusConnection &bus, const QString &service, const QString &path,
-                      const QString &text) {
-    const QList<QVariant> role = call(bus, service, path, kAccessible, "GetRole");
-    if (role.isEmpty() || role.first().toUInt() != kRolePushButton) return false;
-    const QList<QVariant> name = call(bus, service, path, "org.freedesktop.DBus.Properties", "Get",
-                                      {kAccessible, QStringLiteral("Name")});
-    return !name.isEmpty() && name.first().value<QDBusVariant>().variant().toString() == text;
-}
-
-QString findButton(const QDBusConnection &bus, const QString &service, const QString &path,
-                   const QString &text) {
-    if (isButtonWithText(bus, service, path, text)) return path;
-    for (const QString &child : childrenOf(bus, service, path)) {
-        const QString found = findButton(bus, service, child, text);
-        if (!found.isNull()) return found;
+    QString findButton(const QString &path, const QString &text) const {
+        if (call(path, kAccessible, "GetRole").toUInt() == kRolePushButton &&
+            call(path, "org.freedesktop.DBus.Properties", "Get", {kAccessible, QString("Name")})
+                    .value<QDBusVariant>()
+                    .variant()
+                    .toString() == text)
+            return path;
+        // An array of (bus name, object path) pairs.
+        const QDBusArgument children =
+            call(path, kAccessible, "GetChildren").value<QDBusArgument>();
+        if (children.currentType() != QDBusArgument::ArrayType) return {};
+        children.beginArray();
+        QString found;
+        while (!children.atEnd()) {
+            QString name;
+            QDBusObjectPath child;
+            children.beginStructure();
+            children >> name >> child;
+            children.endStructure();
+            if (found.isNull()) found = findButton(child.path(), text);
+        }
+        children.endArray();
+        return found;
     }
-    return {};
-}
-
+};
 }  // namespace
 
 bool Accessibility::pressButton(pid_t pid, const QString &text) {
@@ -75,13 +63,11 @@ bool Accessibility::pressButton(pid_t pid, const QString &text) {
     for (const QString &service : bus.interface()->registeredServiceNames().value()) {
         if (!service.startsWith(':') || bus.interface()->servicePid(service).value() != uint(pid))
             continue;
-        const QString button =
-            findButton(bus, service, QStringLiteral("/org/a11y/atspi/accessible/root"), text);
+        const Object object{bus, service};
+        const QString button = object.findButton("/org/a11y/atspi/accessible/root", text);
         // A button's first action is pressing it.
         if (!button.isNull())
-            return call(bus, service, button, "org.a11y.atspi.Action", "DoAction", {0})
-                .value(0)
-                .toBool();
+            return object.call(button, "org.a11y.atspi.Action", "DoAction", {0}).toBool();
     }
     return false;
 }

@@ -1,5 +1,5 @@
 // Another program's widgets driven the way assistive technology drives them:
-// over the accessibility bus (AT-SPI), where Qt programs started with
+// over the accessibility bus, where Qt programs started with
 // QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 publish their widgets. It works alike on
 // X11 and on Wayland, where no test can type or click into a window.
 #pragma once

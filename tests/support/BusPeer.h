@@ -3,14 +3,11 @@
 // thread may block on a call to it.
 #pragma once
 
-#include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 #include <QCryptographicHash>
 #include <QDBusConnection>
 #include <QFile>
-#include <QObject>
 #include <QThread>
 #include <memory>
 
@@ -19,23 +16,15 @@
 class BusNamesTurn {
 public:
     BusNamesTurn() {
-        const QByteArray bus =
-            QCryptographicHash::hash(qgetenv("DBUS_SESSION_BUS_ADDRESS"), QCryptographicHash::Md5)
-                .toHex();
-        m_lock = ::open(QFile::encodeName(
-                            QStringLiteral("/tmp/kvtest-bus-%1.lock").arg(QString::fromLatin1(bus)))
-                            .constData(),
-                        O_CREAT | O_RDWR | O_CLOEXEC, 0600);
-        if (m_lock >= 0) ::flock(m_lock, LOCK_EX);
+        if (m_lock.open(QIODevice::ReadWrite)) flock(m_lock.handle(), LOCK_EX);
     }
-    ~BusNamesTurn() {
-        if (m_lock >= 0) ::close(m_lock);
-    }
-    BusNamesTurn(const BusNamesTurn &) = delete;
-    BusNamesTurn &operator=(const BusNamesTurn &) = delete;
 
 private:
-    int m_lock = -1;
+    QFile m_lock{
+        "/tmp/kvtest-bus-" +
+        QCryptographicHash::hash(qgetenv("DBUS_SESSION_BUS_ADDRESS"), QCryptographicHash::Md5)
+            .toHex() +
+        ".lock"};
 };
 
 class BusPeer {
@@ -65,16 +54,12 @@ public:
         m_thread.quit();
         m_thread.wait();
     }
-    BusPeer(const BusPeer &) = delete;
-    BusPeer &operator=(const BusPeer &) = delete;
 
     bool registered() const { return m_registered; }
 
 private:
     QThread m_thread;
     std::unique_ptr<QObject> m_object;
-    QString m_service;
-    QString m_path;
-    QString m_connectionName;
+    const QString m_service, m_path, m_connectionName;
     bool m_registered = false;
 };

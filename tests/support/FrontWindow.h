@@ -16,8 +16,7 @@ inline pid_t pidOf(const std::unique_ptr<QProcess> &process) {
 // Waits for the window to come to the front; a busy machine may be slow.
 inline std::unique_ptr<QProcess> frontWindow(const QStringList &arguments) {
     QString error;
-    std::unique_ptr<QProcess> window =
-        XSession::startWindowProgram(KV_TEST_WINDOW, arguments, &error);
+    auto window = XSession::startWindowProgram(KV_TEST_WINDOW, arguments, &error);
     EXPECT_TRUE(window) << qPrintable(error);
     const pid_t pid = pidOf(window);
     KVWindowServer::bringProcessToFront(pid, false);

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <QRegularExpression>
-#include <QStringList>
 
 LogCapture::LogCapture() {
     m_file.open();
@@ -32,11 +31,10 @@ QStringList LogCapture::messages() const {
     QStringList result;
     for (const QString &line : text().split('\n')) {
         const QRegularExpressionMatch match = prefix.match(line);
-        if (match.hasMatch()) {
+        if (match.hasMatch())
             result << line.mid(match.capturedLength());
-        } else if (!result.isEmpty()) {
+        else if (!result.isEmpty())
             result.last() += '\n' + line;
-        }
     }
     if (!result.isEmpty() && result.last().endsWith('\n')) result.last().chop(1);
     return result;

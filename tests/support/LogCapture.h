@@ -2,7 +2,6 @@
 // while the object lives.
 #pragma once
 
-#include <QString>
 #include <QTemporaryFile>
 
 #include "QtPrinters.h"
@@ -11,8 +10,6 @@ class LogCapture {
 public:
     LogCapture();
     ~LogCapture();
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
 
     // Everything written so far.
     QString text() const;

@@ -20,12 +20,11 @@ public:
     QString error() const { return m_error; }
 
 private:
-    bool fail(const QString &why);
+    // Why it failed; empty when it worked.
+    QString start(bool consent);
 
-    QString m_rule;
-    pid_t m_bus = 0;
-    pid_t m_polkitd = 0;
+    QString m_rule, m_error;
+    pid_t m_bus = 0, m_polkitd = 0;
     int m_lock = -1;
     bool m_ok = false;
-    QString m_error;
 };

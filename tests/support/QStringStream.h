@@ -1,9 +1,6 @@
 // Lets failure messages name the Qt strings they were about: EXPECT_... << text.
 #pragma once
 
-#include <QString>
-#include <ostream>
-
 #include "QtPrinters.h"
 
 inline std::ostream &operator<<(std::ostream &os, const QString &s) {

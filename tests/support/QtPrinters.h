@@ -1,7 +1,6 @@
 // Lets GoogleTest print Qt strings readably in failure messages.
 #pragma once
 
-#include <QString>
 #include <QStringList>
 #include <ostream>
 
@@ -9,9 +8,7 @@ inline void PrintTo(const QString &s, std::ostream *os) { *os << '"' << s.toStdS
 
 inline void PrintTo(const QStringList &list, std::ostream *os) {
     *os << "{ ";
-    for (qsizetype i = 0; i < list.size(); ++i) {
-        if (i > 0) *os << ", ";
-        PrintTo(list.at(i), os);
-    }
+    for (qsizetype i = 0; i < list.size(); ++i)
+        *os << (i > 0 ? ", \"" : "\"") << list[i].toStdString() << '"';
     *os << " }";
 }

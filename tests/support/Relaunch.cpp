@@ -3,10 +3,7 @@
 #include <unistd.h>
 
 #include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QProcess>
-#include <QProcessEnvironment>
 
 #include "TestEnvironment.h"
 
@@ -48,20 +45,18 @@ int Relaunch::runCopy(const QString &executablePath, const QString &filter, cons
     if (!QFile::copy(QStringLiteral("/proc/self/exe"), executablePath)) return -1;
     QFile::setPermissions(executablePath,
                           QFile::ReadOwner | QFile::ExeOwner | QFile::ReadOther | QFile::ExeOther);
-
-    QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("KV_TEST_COPY", "1");
     if (!user.isEmpty()) env.insert("LD_LIBRARY_PATH", libraryFolder());
     for (const QString &entry : environment)
         env.insert(entry.section('=', 0, 0), entry.section('=', 1));
+    QProcess process;
     process.setProcessEnvironment(env);
     process.setProcessChannelMode(QProcess::MergedChannels);
-    const QString gtestFilter = "--gtest_filter=" + filter;
-    if (user.isEmpty())
-        process.start(executablePath, {gtestFilter});
-    else
-        process.start(QStringLiteral("runuser"), {"-u", user, "--", executablePath, gtestFilter});
+    QStringList command{executablePath, "--gtest_filter=" + filter};
+    if (!user.isEmpty()) command = QStringList{"runuser", "-u", user, "--"} + command;
+    const QString program = command.takeFirst();
+    process.start(program, command);
     if (!process.waitForFinished(120000)) return -1;
     *output = QString::fromLocal8Bit(process.readAll());
     return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;

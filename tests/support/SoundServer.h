@@ -5,7 +5,7 @@
 // Qt Multimedia connects to a sound server once per process and keeps that
 // connection, so there is one server per test program: started on first use
 // (before anything asks Qt for audio devices), never restarted, and stopped
-// at exit. Everything it starts it stops by process id.
+// at exit.
 #pragma once
 
 #include <sys/types.h>
@@ -19,14 +19,9 @@ class SoundServer {
 public:
     static constexpr const char *kSinkName = "kvtest_sink";
 
-    // The server, started on the first call; nullptr when it cannot run, with
-    // the reason in *error.
+    // Started on the first call; nullptr when it cannot run, with the reason in *error.
     static SoundServer *shared(QString *error = nullptr);
 
-    QString socketPath() const { return m_folder + QStringLiteral("/native"); }
-
-    // Runs pactl against the server; false when it fails.
-    bool pactl(const QStringList &arguments, QString *output = nullptr) const;
     // Loads one more null sink; its module index, or -1.
     int addNullSink(const QString &name);
     bool unloadModule(int index);
@@ -45,25 +40,20 @@ public:
     QVector<float> stopCapture(const QString &sink = kSinkName, int settleMilliseconds = 500);
 
     static double peak(const QVector<float> &samples);
-    // Separate sounds: stretches louder than the threshold, apart by at least
-    // minimumGapSeconds of quieter samples.
+    // Stretches louder than the threshold, apart by at least minimumGapSeconds
+    // of quieter samples.
     static int countSounds(const QVector<float> &samples, double threshold = 0.01,
                            double minimumGapSeconds = 0.15);
 
 private:
-    struct Capture {
-        pid_t pid = -1;
-        QString file;
-    };
-
     SoundServer() = default;
     bool start(QString *error);
     bool startKeeper();
+    bool pactl(const QStringList &arguments, QString *output = nullptr) const;
     static void stopShared();
 
     QString m_folder;
-    pid_t m_daemon = -1;
-    pid_t m_keeper = -1;
-    std::map<QString, Capture> m_captures;
+    pid_t m_daemon = -1, m_keeper = -1;
+    std::map<QString, std::pair<pid_t, QString>> m_captures;  // sink: recorder, file
     int m_captureCount = 0;
 };

@@ -1,22 +1,20 @@
 #include "TestBundle.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
-#include <csignal>
-#include <vector>
 
 #include "KVProcess.h"
-#include "ReadySpawn.h"
+#include "Spawn.h"
 
 namespace {
 void copyProgram(const QString &program, const QString &path) {
     QFile::remove(path);
     QFile::copy(program, path);
     QFile::setPermissions(path, QFile::permissions(program));
+}
+
+QVariantMap infoOf(const QString &bundlePath) {
+    return KVPropertyList::fromFile(bundlePath + "/Contents/Info.plist").toMap();
 }
 }  // namespace
 
@@ -41,8 +39,8 @@ QString TestBundle::makeProduct(const QString &folder, const QString &name,
 }
 
 QString TestBundle::executableOf(const QString &bundlePath) {
-    const QVariantMap info = KVPropertyList::fromFile(bundlePath + "/Contents/Info.plist").toMap();
-    return bundlePath + "/Contents/MacOS/" + info.value("CFBundleExecutable").toString();
+    return bundlePath + "/Contents/MacOS/" +
+           infoOf(bundlePath).value("CFBundleExecutable").toString();
 }
 
 QString TestBundle::productCode() {
@@ -61,10 +59,7 @@ QString TestBundle::makeRoadProduct(const QString &where, const QString &version
 }
 
 QString TestBundle::versionOf(const QString &bundlePath) {
-    return KVPropertyList::fromFile(bundlePath + "/Contents/Info.plist")
-        .toMap()
-        .value("CFBundleShortVersionString")
-        .toString();
+    return infoOf(bundlePath).value("CFBundleShortVersionString").toString();
 }
 
 pid_t TestBundle::start(const QString &program, const QStringList &arguments) {
@@ -87,8 +82,4 @@ pid_t TestBundle::runningFrom(const QString &path) {
     return 0;
 }
 
-void TestBundle::stop(pid_t pid) {
-    if (pid <= 0) return;
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-}
+void TestBundle::stop(pid_t pid) { stopProcess(pid, SIGKILL); }

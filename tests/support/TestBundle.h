@@ -28,13 +28,13 @@ QString productCode();
 QString makeRoadProduct(const QString &where, const QString &version);
 QString versionOf(const QString &bundlePath);
 
-// Starts the program as a child process (in its own process group) with the
-// arguments and waits until it says it is ready; returns its pid or -1.
+// Starts the program in its own process group and waits until it says it is
+// ready; its pid or -1.
 pid_t start(const QString &program, const QStringList &arguments = {});
 // Sends SIGKILL and reaps the child.
 void stop(pid_t pid);
-// Ends every process of the user whose bundle (or executable) lies at or
-// below the path: launched copies run in sessions of their own, found by path.
+// Kills every process whose bundle (or executable) lies at or below the
+// path: launched copies run in sessions of their own.
 void stopProcessesAt(const QString &path);
 // The pid of a process running the bundle (or executable); 0 when none does.
 pid_t runningFrom(const QString &path);

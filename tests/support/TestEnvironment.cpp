@@ -1,38 +1,36 @@
 #include "TestEnvironment.h"
 
 #include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QTemporaryDir>
-#include <cstdlib>
 #include <memory>
 
 namespace {
-std::unique_ptr<QTemporaryDir> s_root;
-std::unique_ptr<QTemporaryDir> s_installedRoot;
+std::unique_ptr<QTemporaryDir> s_root, s_installedRoot;
 int s_counter = 0;
 
-void pointAt(const char *variable, const QString &folder) {
-    QDir().mkpath(folder);
-    qputenv(variable, QFile::encodeName(folder));
+QString makeBelow(const QString &root, const QString &hint) {
+    const QString path = QString("%1/%2-%3").arg(root, hint).arg(++s_counter);
+    return QDir().mkpath(path) ? path : QString();
 }
 }  // namespace
 
 void TestEnvironment::setUp() {
     s_root = std::make_unique<QTemporaryDir>(QDir::tempPath() + "/kvtest-XXXXXX");
     const QString base = s_root->path();
-    pointAt("HOME", base + "/home");
-    pointAt("XDG_CONFIG_HOME", base + "/home/.config");
-    pointAt("XDG_DATA_HOME", base + "/home/.local/share");
-    pointAt("XDG_STATE_HOME", base + "/home/.local/state");
-    pointAt("XDG_CACHE_HOME", base + "/home/.cache");
-    // Qt wants a private runtime folder; keep one the caller chose (a sound
-    // server may live there).
-    if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR")) {
-        pointAt("XDG_RUNTIME_DIR", base + "/run");
-        QFile::setPermissions(base + "/run",
-                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const std::pair<const char *, QString> folders[] = {
+        {"HOME", "/home"},
+        {"XDG_CONFIG_HOME", "/home/.config"},
+        {"XDG_DATA_HOME", "/home/.local/share"},
+        {"XDG_STATE_HOME", "/home/.local/state"},
+        {"XDG_CACHE_HOME", "/home/.cache"},
+        // Qt wants a private runtime folder; one the caller chose stays.
+        {"XDG_RUNTIME_DIR", qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR") ? "/run" : ""}};
+    for (const auto &[variable, folder] : folders) {
+        if (folder.isEmpty()) continue;
+        QDir().mkpath(base + folder);
+        qputenv(variable, QFile::encodeName(base + folder));
     }
+    QFile::setPermissions(base + "/run", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 }
 
 void TestEnvironment::tearDown() {
@@ -43,18 +41,13 @@ void TestEnvironment::tearDown() {
 QString TestEnvironment::root() { return s_root ? s_root->path() : QString(); }
 
 QString TestEnvironment::makeTempDir(const QString &hint) {
-    const QString path = QString("%1/tmp/%2-%3").arg(root(), hint).arg(++s_counter);
-    QDir().mkpath(path);
-    return path;
+    return makeBelow(root() + "/tmp", hint);
 }
 
 QString TestEnvironment::makeInstalledDir(const QString &hint) {
     if (!s_installedRoot)
         s_installedRoot = std::make_unique<QTemporaryDir>(QStringLiteral("/var/lib/kvtest-XXXXXX"));
-    if (!s_installedRoot->isValid()) return QString();
-    const QString path = QString("%1/%2-%3").arg(s_installedRoot->path(), hint).arg(++s_counter);
-    QDir().mkpath(path);
-    return path;
+    return s_installedRoot->isValid() ? makeBelow(s_installedRoot->path(), hint) : QString();
 }
 
 bool TestEnvironment::writeFile(const QString &path, const QByteArray &bytes) {

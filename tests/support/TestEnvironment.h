@@ -2,22 +2,18 @@
 // temporary root, so no test reads or writes the real home folder.
 #pragma once
 
-#include <QString>
-
 #include "QtPrinters.h"
 
 namespace TestEnvironment {
-// Creates the root and points HOME, XDG_CONFIG_HOME, XDG_DATA_HOME,
-// XDG_STATE_HOME and XDG_CACHE_HOME into it. Called once by the test main.
+// Called once by the test main.
 void setUp();
 void tearDown();
 QString root();
 // A new empty folder below the root, named after the hint.
 QString makeTempDir(const QString &hint);
 // A new empty folder outside the temporary folders, for copies the installer
-// is to take as installed (it passes over any under /tmp): below a root of
-// its own in /var/lib, removed at tearDown. Null when it cannot be made
-// (only root may write there).
+// is to take as installed (it passes over any under /tmp): in /var/lib,
+// removed at tearDown. Null when it cannot be made (only root may).
 QString makeInstalledDir(const QString &hint);
 // Writes the bytes to the path, creating its folders.
 bool writeFile(const QString &path, const QByteArray &bytes);

@@ -1,6 +1,4 @@
-// Real file trees for the copy, install and trash tests: a bundle holding
-// everything a copy must keep, a snapshot that shows what a copy kept, and
-// immutable items (chattr +i) that not even root can move or delete.
+// Real file trees for the copy, install and trash tests.
 #pragma once
 
 #include <dirent.h>
@@ -10,13 +8,8 @@
 #include <unistd.h>
 
 #include <QCryptographicHash>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QProcess>
-#include <QStringList>
 #include <algorithm>
-#include <cerrno>
 
 #include "TestEnvironment.h"
 
@@ -151,18 +144,11 @@ inline QStringList snapshot(const QString &root) {
 // ends, passed or not, so that the test folders can be removed.
 class ImmutableItems {
 public:
-    ImmutableItems() = default;
-    ImmutableItems(const ImmutableItems &) = delete;
-    ImmutableItems &operator=(const ImmutableItems &) = delete;
     ~ImmutableItems() {
         for (const QString &path : m_paths) chattr("-i", path);
     }
     // False when chattr cannot (it needs root and a file system with the flag).
-    bool lock(const QString &path) {
-        if (!chattr("+i", path)) return false;
-        m_paths << path;
-        return true;
-    }
+    bool lock(const QString &path) { return chattr("+i", path) && (m_paths << path, true); }
 
 private:
     static bool chattr(const QString &flag, const QString &path) {

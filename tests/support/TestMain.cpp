@@ -1,5 +1,5 @@
-// Test main: a private home, an offscreen GUI application (widgets and
-// translators need one), then GoogleTest.
+// A private home, an offscreen GUI application (widgets and translators need
+// one), then GoogleTest.
 #include <gtest/gtest.h>
 
 #include <QApplication>
@@ -11,8 +11,8 @@ int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
     // Under ThreadSanitizer the helper programs this test starts are
     // instrumented too; what they report must not make them die halfway
-    // through the behaviour a test waits for. The test program itself keeps
-    // the options it was started with (they were read at its start).
+    // through the behaviour a test waits for. This program keeps the options
+    // it was started with.
     if (qEnvironmentVariableIsSet("TSAN_OPTIONS"))
         qputenv("TSAN_OPTIONS", qgetenv("TSAN_OPTIONS") + " halt_on_error=0 exitcode=0");
     TestEnvironment::setUp();

@@ -1,7 +1,8 @@
 // A product as the installer installs it: it answers the quit event like any
-// application of the platform, and once started it tells the installer named
-// by KV_TEST_DONE_PID (or the one that launched it) that it runs, with the "Done" event carrying
-// its name and version. It runs until it is asked to quit.
+// application of the platform, and once started tells the installer named by
+// KV_TEST_DONE_PID ("launcher": the one that launched it, as the demo product
+// finds it) that it runs, with the "Done" event carrying its name and
+// version. It runs until it is asked to quit.
 #include <unistd.h>
 
 #include <QCoreApplication>
@@ -19,27 +20,24 @@ int main(int argc, char **argv) {
     KVAppleEventManager::sharedManager().setEventHandler(KVFourCharCode::fromString("TEST"),
                                                          KVFourCharCode::fromString("Ping"),
                                                          [](const QString &) {});
-    // Started by a test: say when it is ready (TestBundle::start waits for it).
-    const int readyAt = QCoreApplication::arguments().indexOf("--ready-fd");
+    // Started by TestBundle::start, which waits for the word.
+    const qsizetype readyAt = app.arguments().indexOf("--ready-fd");
     if (readyAt > 0 && readyAt + 1 < argc) {
-        const int fd = QCoreApplication::arguments().at(readyAt + 1).toInt();
-        (void)!write(fd, "1", 1);
-        close(fd);
+        const int fd = app.arguments().at(readyAt + 1).toInt();
+        if (write(fd, "1", 1) == 1) close(fd);
     }
-    // "launcher": the installer that started it, as the demo product finds it.
     const bool toLauncher = qgetenv("KV_TEST_DONE_PID") == "launcher";
     const pid_t installer = pid_t(qEnvironmentVariableIntValue("KV_TEST_DONE_PID"));
-    if (installer > 0 || toLauncher) {
-        const QVariantMap info = KVBundle::mainBundle().infoDictionary();
-        const QString label = info.value("CFBundleName").toString() + ' ' +
-                              info.value("CFBundleShortVersionString").toString();
-        QTimer::singleShot(0, [installer, toLauncher, label] {
-            const KVProcessRef launcher =
-                toLauncher ? KVInstallerInterface::launchingInstaller() : nullptr;
-            KVAppleEvent::send(launcher ? launcher->unixPID() : installer,
-                               KVFourCharCode::fromString("SinS"),
-                               KVFourCharCode::fromString("Done"), label, 0);
-        });
-    }
+    if (installer <= 0 && !toLauncher) return app.exec();
+    const QVariantMap info = KVBundle::mainBundle().infoDictionary();
+    const QString label = info.value("CFBundleName").toString() + ' ' +
+                          info.value("CFBundleShortVersionString").toString();
+    QTimer::singleShot(0, [installer, toLauncher, label] {
+        const KVProcessRef launcher =
+            toLauncher ? KVInstallerInterface::launchingInstaller() : nullptr;
+        KVAppleEvent::send(launcher ? launcher->unixPID() : installer,
+                           KVFourCharCode::fromString("SinS"), KVFourCharCode::fromString("Done"),
+                           label, 0);
+    });
     return app.exec();
 }

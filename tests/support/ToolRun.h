@@ -1,12 +1,11 @@
-// A command-line program run to its end, for the tests of tools: its exit
-// status and what it wrote to standard error.
+// A command-line program run to its end: its exit status (-1 when it did not
+// end normally within a minute) and what it wrote to standard error.
 #pragma once
 
 #include <QProcess>
-#include <QStringList>
 
 struct ToolRun {
-    int status = -1;  // -1: it did not end normally within a minute
+    int status = -1;
     QString errors;
 };
 
@@ -15,9 +14,7 @@ inline ToolRun runTool(const QString &program, const QStringList &arguments,
     QProcess process;
     process.setWorkingDirectory(workingDirectory);
     process.start(program, arguments);
-    ToolRun run;
-    if (process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit)
-        run.status = process.exitCode();
-    run.errors = QString::fromUtf8(process.readAllStandardError());
-    return run;
+    const bool ended =
+        process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit;
+    return {ended ? process.exitCode() : -1, QString::fromUtf8(process.readAllStandardError())};
 }

@@ -1,11 +1,7 @@
-// A real Wayland compositor for the tests of a Wayland session: weston with
-// its headless back end, in a runtime folder of its own, optionally with
-// XWayland for X11 clients. Started and stopped by its process id.
+// A real Wayland compositor: weston with its headless back end, in a runtime
+// folder of its own, optionally with XWayland for X11 clients.
 #pragma once
 
-#include <QProcess>
-#include <QString>
-#include <memory>
 #include <vector>
 
 #include "XSession.h"

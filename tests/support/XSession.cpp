@@ -2,7 +2,6 @@
 
 #include <QDeadlineTimer>
 #include <QFile>
-#include <QProcessEnvironment>
 #include <QStandardPaths>
 #include <QTest>
 #include <vector>
@@ -10,21 +9,15 @@
 #include "TestEnvironment.h"
 
 namespace {
-constexpr int kTimeoutMs = 5000;
-
 std::unique_ptr<QProcess> s_xServer, s_windowManager;
-QString s_display;
-QString s_error;
+QString s_display, s_error;
 bool s_started = false;
 std::vector<std::unique_ptr<ScopedEnv>> s_environment;
 
 QString startServers() {
     for (const char *tool : {"Xvfb", "openbox", "xprop", "xdotool"})
         if (QStandardPaths::findExecutable(tool).isEmpty())
-            return QString(
-                       "%1 is not installed; scripts/install-deps installs xvfb, openbox, "
-                       "xdotool and x11-utils")
-                .arg(tool);
+            return QString("%1 is missing; scripts/install-deps installs it").arg(tool);
     const QString logs = TestEnvironment::makeTempDir("xserver");
     // -displayfd: Xvfb picks a free display and names it once it accepts
     // connections. -noreset: else it starts afresh whenever its last client
@@ -62,10 +55,8 @@ ScopedEnv::ScopedEnv(const char *name, std::optional<QByteArray> value) : m_name
 ScopedEnv::~ScopedEnv() { m_saved ? qputenv(m_name, *m_saved) : qunsetenv(m_name); }
 
 QString XSession::start() {
-    if (!s_started) {
-        s_started = true;
-        s_error = startServers();
-    }
+    if (!s_started) s_error = startServers();
+    s_started = true;
     return s_error;
 }
 
@@ -90,23 +81,27 @@ QByteArray XSession::outputUntil(QProcess &process, const QByteArray &text) {
 void XSession::stop(std::unique_ptr<QProcess> &process) {
     if (!process) return;
     process->terminate();
-    if (!process->waitForFinished(kTimeoutMs)) process->kill();
-    process->waitForFinished(kTimeoutMs);
+    if (!process->waitForFinished(5000)) process->kill();
+    process->waitForFinished(5000);
     process.reset();
+}
+
+std::unique_ptr<QProcess> XSession::startUntil(const QString &program, const QStringList &arguments,
+                                               const QByteArray &text, QString *output,
+                                               QProcessEnvironment environment) {
+    auto child = std::make_unique<QProcess>();
+    child->setProcessEnvironment(environment);
+    child->setProcessChannelMode(QProcess::MergedChannels);
+    child->start(program, arguments);
+    *output = QString::fromLocal8Bit(outputUntil(*child, text));
+    if (!output->contains(text)) stop(child);
+    return child;
 }
 
 std::unique_ptr<QProcess> XSession::startWindowProgram(const QString &program,
                                                        const QStringList &arguments,
                                                        QString *error) {
-    auto child = std::make_unique<QProcess>();
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("QT_QPA_PLATFORM", "xcb");
-    child->setProcessEnvironment(environment);
-    child->setProcessChannelMode(QProcess::MergedChannels);
-    child->start(program, arguments);
-    const QByteArray output = outputUntil(*child, "ready\n");
-    if (output.contains("ready\n")) return child;
-    *error = QString::fromLocal8Bit(output);
-    stop(child);
-    return nullptr;
+    return startUntil(program, arguments, "ready\n", error, environment);
 }

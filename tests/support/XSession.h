@@ -1,12 +1,8 @@
-// A real X server (Xvfb) with a real window manager (openbox) for the tests
-// that need windows to be activated, started once per test program, and real
-// window processes on it. Everything started here is stopped by process id.
+// A real X server (Xvfb) with a real window manager (openbox), started once
+// per test program, and real window processes on it.
 #pragma once
 
-#include <QByteArray>
 #include <QProcess>
-#include <QString>
-#include <QStringList>
 #include <memory>
 #include <optional>
 
@@ -30,16 +26,19 @@ namespace XSession {
 QString start();
 // Stops them and gives the environment back.
 void stop();
-// ":N"; empty before start().
 QString display();
 
 // What the process prints until the text, or in ten seconds.
 QByteArray outputUntil(QProcess &process, const QByteArray &text);
-// Ends a process the test started: SIGTERM, then SIGKILL if it lingers.
+// SIGTERM, then SIGKILL if it lingers.
 void stop(std::unique_ptr<QProcess> &process);
-// Starts the window program (kvtest_window) on the X server with the
-// arguments and waits until it has shown its windows ("ready"); nullptr, with
-// its output in *error, when it did not get there.
+// Starts the program, its output merged, and waits for the text; nullptr when
+// it did not come. *output gets what it printed until then.
+std::unique_ptr<QProcess> startUntil(
+    const QString &program, const QStringList &arguments, const QByteArray &text, QString *output,
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment());
+// The window program (kvtest_window) on the X server, once it has shown its
+// windows.
 std::unique_ptr<QProcess> startWindowProgram(const QString &program, const QStringList &arguments,
                                              QString *error);
 }  // namespace XSession

@@ -1,0 +1,95 @@
+// Children are started with posix_spawn: the test process has threads by
+// then, and ThreadSanitizer refuses a fork in a threaded process. Plain POSIX,
+// so that the small test programs can use it as well as the tests.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <string>
+#include <vector>
+
+extern char **environ;
+
+// The child starts with no signals blocked; its pid, or -1. Standard output
+// and error go to the files when named (standard input is then /dev/null).
+// endWithParent runs it through setpriv, so that it ends with a crashed test.
+inline pid_t spawn(std::vector<std::string> words, const std::string &output = {},
+                   const std::string &errors = {}, bool endWithParent = false,
+                   bool ownGroup = false) {
+    if (endWithParent) words.insert(words.begin(), {"setpriv", "--pdeathsig", "TERM", "--"});
+    std::vector<char *> argv;
+    for (std::string &word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+    if (!output.empty()) {
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), flags, 0600);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(), flags, 0600);
+    }
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setflags(&attr,
+                             POSIX_SPAWN_SETSIGMASK | (ownGroup ? POSIX_SPAWN_SETPGROUP : 0));
+    pid_t pid = -1;
+    const int failed = posix_spawnp(&pid, argv[0], &actions, &attr, argv.data(), environ);
+    posix_spawnattr_destroy(&attr);
+    posix_spawn_file_actions_destroy(&actions);
+    return failed ? -1 : pid;
+}
+
+// Whether the child has ended (and is reaped) within the milliseconds.
+inline bool waitForExit(pid_t pid, int milliseconds, int *status = nullptr) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    for (;;) {
+        const pid_t done = waitpid(pid, status, WNOHANG);
+        if (done == pid || (done < 0 && errno == ECHILD)) return true;
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        usleep(5000);
+    }
+}
+
+// The signal, then SIGKILL if the child lingers; reaps it.
+inline void stopProcess(pid_t &pid, int signal = SIGTERM) {
+    if (pid <= 0) return;
+    kill(pid, signal);
+    if (!waitForExit(pid, 5000)) {
+        kill(pid, SIGKILL);
+        waitForExit(pid, 5000);
+    }
+    pid = -1;
+}
+
+struct ReadySpawn {
+    pid_t pid = -1;      // -1 when it could not be started
+    bool ready = false;  // whether it said so in time
+};
+
+// Starts a test program with "--ready-fd N" added to its arguments and waits
+// up to ten seconds for the byte it writes there once ready.
+inline ReadySpawn spawnReady(std::vector<std::string> words, bool ownGroup) {
+    ReadySpawn result;
+    int ready[2];
+    if (pipe(ready) != 0) return result;
+    fcntl(ready[0], F_SETFD, FD_CLOEXEC);
+    words.insert(words.end(), {"--ready-fd", std::to_string(ready[1])});
+    result.pid = spawn(std::move(words), {}, {}, false, ownGroup);
+    close(ready[1]);
+    pollfd watch{ready[0], POLLIN, 0};
+    char byte = 0;
+    result.ready = result.pid > 0 && poll(&watch, 1, 10000) == 1 && read(ready[0], &byte, 1) == 1;
+    close(ready[0]);
+    return result;
+}
