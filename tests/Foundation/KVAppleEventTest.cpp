@@ -1,4 +1,4 @@
-// Events between real processes over a real session bus, and to this process's handlers.
+// Events between real processes over a real session bus.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
