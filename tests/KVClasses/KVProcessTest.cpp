@@ -173,17 +173,17 @@ TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
 
 TEST_F(KVProcessTest, TimesComeFromTheSystemAndTheDiagnosticsListIsSorted) {
     const QDateTime before = QDateTime::currentDateTime().addSecs(-2);
-    const KVProcessRef zetaFore = launchBundle("zeta fore");
+    const KVProcessRef zetaFore = launchBundle("Zeta fore");
     ASSERT_TRUE(zetaFore);
     EXPECT_GE(zetaFore->launchDate(), before);
     EXPECT_EQ(proc_cpu_time(999999999) + proc_start_time(999999999), 0.0);
-    launchBundle("Alpha fore");
+    launchBundle("alpha fore");
     launchBundle("Agent", {{"LSUIElement", true}});
     const QString report = KVProcess::processListForDiagnosticsReport();
     const qsizetype background = report.indexOf("\n\nBackground processes:\n");
     EXPECT_TRUE(report.startsWith("Foreground processes:\n") && report.endsWith('\n'));
-    const qsizetype alpha = report.indexOf("Alpha fore V1.0");
-    const qsizetype zeta = report.indexOf("zeta fore V1.0");
+    const qsizetype alpha = report.indexOf("alpha fore V1.0");
+    const qsizetype zeta = report.indexOf("Zeta fore V1.0");
     EXPECT_TRUE(alpha > 0 && alpha < zeta && zeta < background) << qPrintable(report);
     EXPECT_GT(report.indexOf("Agent V1.0"), background);
 }
