@@ -1,5 +1,4 @@
-// Choosing the destination, deciding whether it is writable and asking the
-// running copies to quit, with real login items, processes and folders.
+// Choosing the destination and asking running copies to quit, with real processes.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -12,17 +11,16 @@
 #include <atomic>
 #include <thread>
 
-#include "InstallerWinController.h"
+#include "InstallerRun.h"
 #include "KVPath.h"
 #include "KVProcess.h"
-#include "LogCapture.h"
 #include "Relaunch.h"
 #include "TestBundle.h"
 #include "TestEnvironment.h"
 
 namespace {
 
-class DestinationTest : public testing::Test {
+class DestinationTest : public testing::Test, protected InstallerRun::SetUpController {
 protected:
     void SetUp() override {
         folder = TestEnvironment::makeTempDir("dest");
@@ -33,18 +31,14 @@ protected:
         QDir(autostart()).removeRecursively();
     }
 
-    // A controller set up for a product signed "Srce", with the extra words.
     InstallerWinController &controllerWith(const QStringList &words) {
         const QString product = TestBundle::make(folder, "Source", {{"CFBundleSignature", "Srce"}});
-        controller = std::make_unique<InstallerWinController>(
+        setUpController(
             QStringList{"/x/Installer", "-sourcePath", product, "-destinationPath", "/opt/S.app"} +
                 words,
             "/opt/Installer.app");
-        LogCapture quiet;
-        controller->setUp();
         return *controller;
     }
-    // Starts a copy signed with the code; returns its bundle.
     QString runCopy(const QString &where, const QString &name, const QString &code) {
         const QString bundle = TestBundle::make(where, name, {{"CFBundleSignature", code}});
         children << TestBundle::start(TestBundle::executableOf(bundle));
@@ -52,24 +46,21 @@ protected:
         return bundle;
     }
     static QString autostart() { return qEnvironmentVariable("XDG_CONFIG_HOME") + "/autostart"; }
-    static void addLoginItem(const QString &file, const QString &exec, bool hidden = false) {
+    static void addLoginItem(const QString &file, const QString &exec) {
         TestEnvironment::writeFile(autostart() + "/" + file,
-                                   "[Desktop Entry]\nType=Application\nExec=" + exec.toUtf8() +
-                                       (hidden ? "\nHidden=true\n" : "\n"));
+                                   "[Desktop Entry]\nType=Application\nExec=" + exec.toUtf8());
     }
 
     QString folder;
     QString installed;  // outside the temporary folders: copies there count
     QList<pid_t> children;
-    std::unique_ptr<InstallerWinController> controller;
 };
 using QuitProcessesTest = DestinationTest;
 
-// The copy to replace: one with the main code wins over one with an
-// alternative code (which counts only with more than one code), and a copy
-// in the trash or the build's test area is never chosen.
+// The main code wins over an earlier alternative one, which counts only with two codes.
 TEST_F(DestinationTest, RunningCopyToReplace) {
     ASSERT_FALSE(installed.isNull());
+    runCopy(installed + "/home/.Trash", "Trashed", "Kv2a");
     const QString alternative = runCopy(installed + "/a", "Alt", "Kv2b");
     const QString main = runCopy(installed + "/b", "Main", "Kv2a");
     auto &c = controllerWith({"-productCode", "Kv2a", "Kv2b"});
@@ -77,49 +68,33 @@ TEST_F(DestinationTest, RunningCopyToReplace) {
     TestBundle::stop(children.takeLast());
     EXPECT_EQ(c.pathToProcessToReplace(), alternative);
     EXPECT_TRUE(controllerWith({"-productCode", "Kv2a"}).pathToProcessToReplace().isNull());
-
-    // In the trash, in the build's test area, in a temporary folder.
-    for (const QString &where : {installed + "/home/.Trash", installed + "/build/tov", folder}) {
-        runCopy(where, "Name", "Kv3a");
-        EXPECT_TRUE(controllerWith({"-productCode", "Kv3a"}).pathToProcessToReplace().isNull())
-            << qPrintable(where);
-    }
-    const QString good = runCopy(installed + "/build/ok", "Name", "Kv3a");
-    EXPECT_EQ(controllerWith({"-productCode", "Kv3a"}).pathToProcessToReplace(), good);
 }
 
-// Each rule to the letter: a prefix is not a substring, a name needs its
-// neighbour ("/build" with "/tov/", "/Volumes/" with "-Install").
+// Each rule to the letter: a prefix is not a substring, a name needs its neighbour.
 TEST_F(DestinationTest, UnsupportedFoldersFollowTheirExactRules) {
     InstallerWinController c({"/x"}, "/opt/I.app");
-    // Removable media, temporary folders and a volume's trash too.
     const QString unsupported =
-        "/Users/x/build/tov/Name.app /Users/x/builds/a/tov/Name.app /Volumes/Name-Install/Name.app "
-        "/Users/x/.Trash/Name.app /home/u/.local/share/Trash/files/Name.app /mnt/usb/Name.app "
-        "/private/var/folders/Name.app /media/u/Product-Install/Name.app /tmp/Name.app "
-        "/run/media/u/Product/Name.app /tmp/.mount_Name1x2/Name.app /var/tmp/a/Name.app "
-        "/srv/disk/.Trash-1000/files/Name.app";
+        "/Users/x/build/tov/N.app /Users/x/builds/a/tov/N.app /Volumes/N-Install/N.app "
+        "/Users/x/.Trash/N.app /home/u/.local/share/Trash/files/N.app /mnt/usb/N.app "
+        "/private/var/folders/N.app /media/u/P-Install/N.app /tmp/N.app /run/media/u/P/N.app "
+        "/var/tmp/a/N.app /dev/shm/N.app /srv/disk/.Trash-1000/files/N.app";
     const QString supported =
-        "/Users/x/build/Name.app /Volumes/Name/Name.app /x/private/var/Name.app "
-        "/Applications/Name.app /srv/disk/.Trash-x/Name.app /home/u/media/a/Name.app "
-        "/home/u/tmp/Name.app /opt/mnt/Name.app";
+        "/Users/x/build/N.app /Volumes/N/N.app /x/private/var/N.app "
+        "/srv/disk/.Trash-x/N.app /home/u/media/a/N.app";
     for (const QString &path : unsupported.split(' '))
         EXPECT_TRUE(c.isInUnsupportedFolder(path)) << qPrintable(path);
     for (const QString &path : supported.split(' '))
         EXPECT_FALSE(c.isInUnsupportedFolder(path)) << qPrintable(path);
     EXPECT_FALSE(c.isInUnsupportedFolder(QString()));
 
-    // A link at the destination is replaced, not written through: its
-    // folder decides, also for one that leads nowhere.
+    // A link is replaced, not written through: its folder decides, even when dangling.
     QFile::link(folder + "/gone", folder + "/Dangling.app");
     LogCapture capture;
     EXPECT_TRUE(c.canWriteToPath(folder + "/Dangling.app"));
     EXPECT_EQ(capture.text(), "");
 }
 
-// A copy running from a medium, wherever the desktop mounted it (a tmpfs
-// at .../media/<user>/<volume> here) or through a link to it, is never the
-// one to replace: the product would be installed onto itself.
+// The product would be installed onto itself: wherever the medium is, through links too.
 TEST_F(DestinationTest, CopyRunningFromAMediumIsNeverReplaced) {
     if (!Relaunch::isRoot()) GTEST_SKIP() << "mounts a file system";
     ASSERT_FALSE(installed.isNull());
@@ -138,9 +113,7 @@ TEST_F(DestinationTest, CopyRunningFromAMediumIsNeverReplaced) {
     EXPECT_FALSE(c.isInUnsupportedFolder(installed + "/Name.app"));
 }
 
-// A login item whose name starts with the product's (case counts) is where
-// the user keeps it; a hidden one, or one on an install image, is passed
-// over for the running copy.
+// Case counts; an item on an install image is passed over for the running copy.
 TEST_F(DestinationTest, LoginItemIsPreferredOverTheRunningCopy) {
     ASSERT_FALSE(installed.isNull());
     const QString product = TestBundle::make(installed, "Product Pro", {});
@@ -152,7 +125,6 @@ TEST_F(DestinationTest, LoginItemIsPreferredOverTheRunningCopy) {
     QDir(autostart()).removeRecursively();
 
     const QString image = TestBundle::make(folder + "/Volumes/Name-Install", "Name", {});
-    addLoginItem("1.desktop", TestBundle::executableOf(TestBundle::make(folder, "Name", {})), true);
     addLoginItem("2.desktop", TestBundle::executableOf(image));
     const QString running = runCopy(installed + "/run", "Name", "Kv5a");
     auto &d = controllerWith({"-productCode", "Kv5a"});
@@ -171,7 +143,6 @@ TEST_F(DestinationTest, UnwritablePlacesAreReportedForAnUnprivilegedUser) {
                                      Relaunch::unprivilegedUser()));
 }
 
-// Run only as the unprivileged user, through the test above.
 class AsUserDestination : public DestinationTest {
 protected:
     void SetUp() override {
@@ -180,9 +151,7 @@ protected:
     }
 };
 
-// The local folder when neither is writable (the run then asks for rights),
-// the user's own when it is. An existing item is judged itself, a new one by
-// its nearest existing folder.
+// The run asks for rights when neither Applications folder is writable.
 TEST_F(AsUserDestination, ApplicationsFolderAndWritability) {
     InstallerWinController c({"/x"}, "/opt/I.app");
     const QString own = KVPath::homeDirectory() + "/Applications";
@@ -203,9 +172,7 @@ TEST_F(AsUserDestination, ApplicationsFolderAndWritability) {
     QDir(own).removeRecursively();
 }
 
-// Every copy with a quit code is asked, in process-list order; the first
-// still running is named. Codes match whole: the bystander's is only a
-// prefix of one and begins with another.
+// Codes match whole: the bystander's is a prefix of one and begins with another.
 TEST_F(QuitProcessesTest, EveryMatchingCopyIsAskedInListOrder) {
     runCopy(folder + "/1", "First", "Kq2a");
     runCopy(folder + "/2", "Second", "Kq2b");
@@ -221,9 +188,7 @@ TEST_F(QuitProcessesTest, EveryMatchingCopyIsAskedInListOrder) {
     EXPECT_TRUE(KVProcess::processWithPID(children.last())->isStillRunning());
 }
 
-// A code that is no four characters matches no process, not even one that
-// ends while the list is walked (and so has no signature left): processes
-// come and go all the time here.
+// A process that ends during the walk has no signature left (0), as such a code.
 TEST_F(QuitProcessesTest, CodesOfOtherLengthsMatchNoProcessEvenOneThatEnds) {
     std::atomic<bool> done{false};
     std::thread churn([&] {
@@ -240,13 +205,9 @@ TEST_F(QuitProcessesTest, CodesOfOtherLengthsMatchNoProcessEvenOneThatEnds) {
     EXPECT_EQ(capture.text(), "");
 }
 
-// The installer may carry the product's code itself: it must ask the other
-// copies to quit and replace them, never itself. Seen from a copy of this
-// test inside such a bundle.
+// The code is this run's own, as another suite on the machine may run the test.
 TEST_F(QuitProcessesTest, InstallerIsNeverAskedToQuitNorReported) {
     if (Relaunch::isCopy()) GTEST_SKIP() << "runs in the normal test run only";
-    // The code is this run's own, as another suite on the machine may run the
-    // same test; the copy learns it through the environment.
     const QString code = "Q" + TestBundle::productCode().mid(1);
     qputenv("KV_SELF_TEST_CODE", code.toLatin1());
     const QString bundle =
@@ -272,10 +233,9 @@ TEST_F(InBundleQuitProcesses, OtherCopiesQuitWhileTheInstallerItselfStays) {
     EXPECT_EQ(c.pathToProcessToReplace(), other);
     LogCapture capture;
     c.quitProcesses();
-    EXPECT_TRUE(c.processToQuitStillRunning().isNull());
-    EXPECT_TRUE(c.pathToProcessToReplace().isNull());
+    EXPECT_TRUE(c.processToQuitStillRunning().isNull() && c.pathToProcessToReplace().isNull());
     EXPECT_EQ(capture.messages().filter(code), QStringList{"Quitting '" + code + "': Other"});
-    EXPECT_FALSE(capture.messages().join('\n').contains("SelfTest"));
+    EXPECT_FALSE(capture.messages().join(QChar(10)).contains("SelfTest"));
 }
 
 }  // namespace

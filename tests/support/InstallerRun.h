@@ -1,0 +1,117 @@
+// What the installer's tests share: a controller set up in the test process,
+// the installer as a child process, the road's product and destination, the
+// trash, the log file, and a running copy that will not quit.
+#pragma once
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QString>
+#include <csignal>
+#include <memory>
+
+#include "InstallerWinController.h"
+#include "LogCapture.h"
+#include "TestBundle.h"
+#include "TestEnvironment.h"
+
+namespace InstallerRun {
+
+// A controller made and set up here: the set-up's lines in log, every request
+// to end the program in quits.
+class SetUpController {
+public:
+    bool setUpController(const QStringList &argv, const QString &bundle, bool events = false) {
+        controller = std::make_unique<InstallerWinController>(argv, bundle);
+        quits = std::make_unique<QSignalSpy>(controller.get(),
+                                             &InstallerWinController::terminationRequested);
+        LogCapture capture;
+        if (events) controller->installAppleEvents();
+        const bool ok = controller->setUp();
+        log = capture.messages();
+        return ok;
+    }
+    const Ui::InstallerWindow &ui() const { return controller->outlets(); }
+
+    std::unique_ptr<InstallerWinController> controller;
+    std::unique_ptr<QSignalSpy> quits;
+    QStringList log;
+};
+
+inline QProcessEnvironment withoutDisplay() {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) env.remove(name);
+    return env;
+}
+
+// Runs the program with the words to its end: the exit code, -1 when it did
+// not end by itself in time. Its standard error goes to errors, or to the
+// descriptor given.
+inline int runToEnd(QStringList words, const QProcessEnvironment &env, QString *errors,
+                    int errorsTo = -1) {
+    QProcess process;
+    process.setProcessEnvironment(env);
+    if (errorsTo >= 0)
+        process.setChildProcessModifier([errorsTo] { dup2(errorsTo, STDERR_FILENO); });
+    process.start(words.takeFirst(), words);
+    const bool ended = process.waitForFinished(100000);
+    if (!ended) process.kill();
+    process.waitForFinished();
+    *errors = QString::fromLocal8Bit(process.readAllStandardError());
+    return ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+inline QString trash() { return qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files"; }
+
+// The road's product, version 2.0 in folder/media, and its destination in
+// folder/Applications; the tear-down ends what runs there and unlocks it all.
+struct Road {
+    void makeRoad(const QString &hint) {
+        folder = TestEnvironment::makeTempDir(hint);
+        source = TestBundle::makeRoadProduct(folder + "/media", "2.0");
+        applications = folder + "/Applications";
+        QDir().mkpath(applications);
+        destination = applications + "/Product.app";
+    }
+    void tearDownRoad() const {
+        TestBundle::stopProcessesAt(folder);
+        QProcess::execute("chattr", {"-R", "-i", folder, trash()});
+    }
+
+    QString folder, source, applications, destination;
+};
+
+// The file's whole text; null when it cannot be read.
+inline QString readText(const QString &path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+inline QString logText(const QString &stateHome = qEnvironmentVariable("XDG_STATE_HOME")) {
+    return readText(stateHome + "/VelmoraInstaller.log");
+}
+
+// A copy of the bundle's program that comes back when asked to quit, as often
+// as allowed: each copy starts the next before it ends, so the look for running
+// copies right after the quit finds one. All copies share one process group.
+class ComingBack {
+public:
+    ComingBack(const QString &bundle, int returns)
+        : m_pid(TestBundle::start(TestBundle::executableOf(bundle),
+                                  {"--respawn", QString::number(returns)})) {}
+    ~ComingBack() {
+        kill(-m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    ComingBack(const ComingBack &) = delete;
+    ComingBack &operator=(const ComingBack &) = delete;
+
+private:
+    pid_t m_pid;
+};
+
+}  // namespace InstallerRun
