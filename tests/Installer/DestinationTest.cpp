@@ -6,7 +6,6 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
-#include <QRegularExpression>
 #include <QScopeGuard>
 #include <atomic>
 #include <thread>
@@ -25,6 +24,7 @@ protected:
     void SetUp() override {
         folder = TestEnvironment::makeTempDir("dest");
         installed = TestEnvironment::makeInstalledDir("dest");
+        ASSERT_FALSE(installed.isNull());
     }
     void TearDown() override {
         for (pid_t pid : children) TestBundle::stop(pid);
@@ -59,7 +59,6 @@ using QuitProcessesTest = DestinationTest;
 
 // The main code wins over an earlier alternative one, which counts only with two codes.
 TEST_F(DestinationTest, RunningCopyToReplace) {
-    ASSERT_FALSE(installed.isNull());
     runCopy(installed + "/home/.Trash", "Trashed", "Kv2a");
     const QString alternative = runCopy(installed + "/a", "Alt", "Kv2b");
     const QString main = runCopy(installed + "/b", "Main", "Kv2a");
@@ -97,7 +96,6 @@ TEST_F(DestinationTest, UnsupportedFoldersFollowTheirExactRules) {
 // The product would be installed onto itself: wherever the medium is, through links too.
 TEST_F(DestinationTest, CopyRunningFromAMediumIsNeverReplaced) {
     if (!Relaunch::isRoot()) GTEST_SKIP() << "mounts a file system";
-    ASSERT_FALSE(installed.isNull());
     const QString volume = installed + "/media/kvtest/Product-Install";
     QDir().mkpath(volume);
     ASSERT_EQ(QProcess::execute("mount", {"-t", "tmpfs", "tmpfs", volume}), 0);
@@ -115,7 +113,6 @@ TEST_F(DestinationTest, CopyRunningFromAMediumIsNeverReplaced) {
 
 // Case counts; an item on an install image is passed over for the running copy.
 TEST_F(DestinationTest, LoginItemIsPreferredOverTheRunningCopy) {
-    ASSERT_FALSE(installed.isNull());
     const QString product = TestBundle::make(installed, "Product Pro", {});
     addLoginItem("a.desktop", TestBundle::executableOf(TestBundle::make(folder, "Other", {})));
     addLoginItem("b.desktop", "\"" + TestBundle::executableOf(product) + "\" --hidden");
@@ -143,16 +140,10 @@ TEST_F(DestinationTest, UnwritablePlacesAreReportedForAnUnprivilegedUser) {
                                      Relaunch::unprivilegedUser()));
 }
 
-class AsUserDestination : public DestinationTest {
-protected:
-    void SetUp() override {
-        if (!Relaunch::isCopy() || Relaunch::isRoot()) GTEST_SKIP() << "runs in a user's copy";
-        DestinationTest::SetUp();
-    }
-};
-
 // The run asks for rights when neither Applications folder is writable.
-TEST_F(AsUserDestination, ApplicationsFolderAndWritability) {
+TEST(AsUserDestination, ApplicationsFolderAndWritability) {
+    if (!Relaunch::isCopy() || Relaunch::isRoot()) GTEST_SKIP() << "runs in a user's copy";
+    const QString folder = TestEnvironment::makeTempDir("dest");
     InstallerWinController c({"/x"}, "/opt/I.app");
     const QString own = KVPath::homeDirectory() + "/Applications";
     const QString locked = folder + "/Locked.app";
@@ -170,22 +161,6 @@ TEST_F(AsUserDestination, ApplicationsFolderAndWritability) {
     QDir().mkpath(own);
     EXPECT_EQ(c.applicationsDirectory(), own);
     QDir(own).removeRecursively();
-}
-
-// Codes match whole: the bystander's is a prefix of one and begins with another.
-TEST_F(QuitProcessesTest, EveryMatchingCopyIsAskedInListOrder) {
-    runCopy(folder + "/1", "First", "Kq2a");
-    runCopy(folder + "/2", "Second", "Kq2b");
-    runCopy(folder + "/3", "Bystander", "Kq2c");
-    auto &c = controllerWith({"-productCode", "Srce", "-quitCode", "Kq2a", "Kq2", "Kq2cX", "Kq2b"});
-    LogCapture capture;
-    EXPECT_EQ(c.processToQuitStillRunning(), "First");
-    c.quitProcesses();
-    EXPECT_TRUE(c.processToQuitStillRunning().isNull());
-    EXPECT_EQ(capture.messages().filter(QRegularExpression("^(Still running|Quitting) ")),
-              (QStringList{"Still running 'Kq2a': First", "Quitting 'Kq2a': First",
-                           "Quitting 'Kq2b': Second"}));
-    EXPECT_TRUE(KVProcess::processWithPID(children.last())->isStillRunning());
 }
 
 // A process that ends during the walk has no signature left (0), as such a code.
@@ -224,17 +199,20 @@ protected:
     }
 };
 
-TEST_F(InBundleQuitProcesses, OtherCopiesQuitWhileTheInstallerItselfStays) {
+TEST_F(InBundleQuitProcesses, OtherCopiesQuitInListOrderWhileTheInstallerItselfStays) {
     const QString code = qEnvironmentVariable("KV_SELF_TEST_CODE");
     ASSERT_EQ(KVProcess::currentProcess()->signatureString(), code);
-    ASSERT_FALSE(installed.isNull());
     const QString other = runCopy(installed, "Other", code);
+    runCopy(installed + "/2", "Another", code);
     auto &c = controllerWith({"-productCode", code});
     EXPECT_EQ(c.pathToProcessToReplace(), other);
     LogCapture capture;
+    EXPECT_EQ(c.processToQuitStillRunning(), "Other");
     c.quitProcesses();
     EXPECT_TRUE(c.processToQuitStillRunning().isNull() && c.pathToProcessToReplace().isNull());
-    EXPECT_EQ(capture.messages().filter(code), QStringList{"Quitting '" + code + "': Other"});
+    EXPECT_EQ(capture.messages().filter(code),
+              (QStringList{"Still running '" + code + "': Other", "Quitting '" + code + "': Other",
+                           "Quitting '" + code + "': Another"}));
     EXPECT_FALSE(capture.messages().join(QChar(10)).contains("SelfTest"));
 }
 

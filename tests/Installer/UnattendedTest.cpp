@@ -25,10 +25,7 @@ const QString kManualCopy =
 
 class UnattendedTest : public testing::Test, public InstallerRun::Road {
 public:
-    void SetUp() override {
-        makeRoad("unattended");
-        QDir().mkpath(trash());
-    }
+    void SetUp() override { makeRoad("unattended"); }
     void TearDown() override {
         refusing.reset();
         polkit.reset();
@@ -105,6 +102,7 @@ Arrange roadWith(const QStringList &before, const QStringList &after = {}) {
 const Failure kFailures[] = {
     {"OldCopyThatCannotBeTrashed", [](UnattendedTest &t) {
          TestBundle::makeRoadProduct(t.applications, "1.0");
+         QDir().mkpath(trash());
          QProcess::execute("chattr", {"+i", trash()});
          return t.road();
      }, Status::CouldNotDeleteExistingCopy, "Could not delete existing copy." + kManualCopy},

@@ -13,7 +13,6 @@
 #include "FifoWatch.h"
 #include "InstallerRun.h"
 #include "InstallerWindow.h"
-#include "KVPropertyList.h"
 #include "TestEnvironment.h"
 #include "WindowShot.h"
 
@@ -37,7 +36,8 @@ protected:
         product = TestBundle::make(folder, "Product",
                                    {{"CFBundleSignature", "KvW1"},
                                     {"CFBundleShortVersionString", "2.1"},
-                                    {"LSMinimumSystemVersion", "1.0"}});
+                                    {"LSMinimumSystemVersion", "1.0"},
+                                    {"CFBundleIconFile", "Product"}});
         for (const char *scheme : kSchemes)
             QDesktopServices::setUrlHandler(scheme, &opened, "open");
     }
@@ -62,12 +62,13 @@ protected:
             .arg(title(ui().installButton), title(ui().cancelButton))
             .arg(quits->count());
     }
-    QStringList hidden() const {
-        QStringList names;
-        for (const QWidget *w : std::initializer_list<const QWidget *>{
-                 ui().pathField, ui().explanationField, ui().messageField, ui().helpButton})
-            if (w->isHidden()) names << w->objectName();
-        return names;
+    // Whether the path, explanation, message and "?" are hidden (1) or shown.
+    QString hidden() const {
+        return QString("%1%2%3%4")
+            .arg(ui().pathField->isHidden())
+            .arg(ui().explanationField->isHidden())
+            .arg(ui().messageField->isHidden())
+            .arg(ui().helpButton->isHidden());
     }
     QVariant arg(const QString &key) const { return controller->arguments().value(key); }
     bool has(const QString &key) const { return controller->arguments().contains(key); }
@@ -108,7 +109,13 @@ TEST_F(ArgumentsTest, WordsPairIntoKeysAndCodesCollect) {
     controller->extractArguments();
     EXPECT_EQ(arg("productCode").toStringList(), (QStringList{"ABCD", "EFGH"}));
 
-    ASSERT_TRUE(setUp(productWords()));
+    EXPECT_FALSE(
+        InstallerWinController::isLaunchedWithArguments({"/x/Installer", "-x"}) ||
+        InstallerWinController::isLaunchedWithArguments({"/x/I", "-AppleLanguages", "de"}));
+    ASSERT_TRUE(setUp({}, product + "/Contents/Resources/Installer.app"));
+    EXPECT_EQ(
+        log.filter("shortened path = "),
+        (QStringList{"shortened path = " + product + "/Contents", "shortened path = " + product}));
     EXPECT_EQ(arg("productCode").toStringList() + arg("quitCode").toStringList(),
               (QStringList{"KvW1", "KvW1"}));
     EXPECT_EQ(controller->minimumSystemVersion(), "1.0");
@@ -144,12 +151,10 @@ TEST_F(WindowTest, SetupErrorsShowTheirMessageAndOKQuits) {
         ASSERT_FALSE(
             setUp(source.isNull() ? QStringList() : QStringList{"-sourcePath", source}, installer));
         EXPECT_EQ(log.last(), message);
-        EXPECT_TRUE(log.filter("Updated arguments").isEmpty());
         EXPECT_TRUE(controller->isFinished() && controller->window()->isVisible());
         EXPECT_FALSE(controller->window()->windowTitle().contains('%'));
         EXPECT_EQ(ui().introField->text(), message);
-        EXPECT_EQ(hidden(),
-                  (QStringList{"pathField", "explanationField", "messageField", "helpButton"}));
+        EXPECT_EQ(hidden(), "1111");
         expectInstallPageLaidOut();
         if (installer != opt) screenshot("setup-error");
         EXPECT_EQ(seen(), "1 OK/- q0");
@@ -166,11 +171,6 @@ TEST_F(WindowTest, ReadMeComesFirstAndTheButtonsAndKeysWalkBetweenThePages) {
     click(ui().installButton);
     EXPECT_EQ(seen(), "1 Install/Go Back q0");
     expectInstallPageLaidOut();
-    click(ui().cancelButton);
-    EXPECT_EQ(seen(), "0 Continue/Cancel q0");
-    ui().installButton->setFocus();
-    QTest::keyClick(controller->window(), Qt::Key_Return);
-    EXPECT_EQ(seen(), "1 Install/Go Back q0");
     QTest::keyClick(controller->window(), Qt::Key_Escape);
     EXPECT_EQ(seen(), "0 Continue/Cancel q0");
     QTest::keyClick(controller->window(), Qt::Key_Escape);
@@ -186,7 +186,7 @@ TEST_F(WindowTest, ReadMeComesFirstAndTheButtonsAndKeysWalkBetweenThePages) {
 TEST_F(WindowTest, HelpButtonOpensTheDocumentationOrLogsAndInstallPageWithoutIt) {
     const QString doc = file("Manual.pdf", "%PDF-1.4");
     ASSERT_TRUE(setUp(productWords({"-documentationPath", doc})));
-    EXPECT_EQ(hidden(), QStringList{"messageField"});
+    EXPECT_EQ(hidden(), "0010");
     EXPECT_TRUE(ui().explanationField->text().startsWith(
         "If you wish to read the documentation first, click the \"?\" button. Product goes"));
     click(ui().helpButton);
@@ -195,11 +195,10 @@ TEST_F(WindowTest, HelpButtonOpensTheDocumentationOrLogsAndInstallPageWithoutIt)
 
     ASSERT_TRUE(setUp(productWords({"-documentationPath", folder + "/none.pdf"})));
     EXPECT_FALSE(has("documentationPath"));
-    EXPECT_EQ(hidden(), (QStringList{"messageField", "helpButton"}));
+    EXPECT_EQ(hidden(), "0011");
     LogCapture capture;
     controller->openDocumentation();
     EXPECT_EQ(capture.messages(), QStringList{"documentation path missing"});
-    EXPECT_EQ(opened.urls.size(), 1);
     EXPECT_EQ(seen(), "1 Install/Cancel q0");
     EXPECT_EQ(controller->window()->windowTitle() + "|" + ui().nameField->text() + "|" +
                   ui().introField->text() + "|" + ui().pathField->text(),
@@ -212,8 +211,8 @@ TEST_F(WindowTest, HelpButtonOpensTheDocumentationOrLogsAndInstallPageWithoutIt)
     EXPECT_EQ(quits->count(), 1);
 }
 
-// A name that lies about the format is read by its content.
-TEST_F(WindowTest, IconComesFromTheIconPathThenTheBundleIconFile) {
+// The bundle's icon file is read by its content, as its name lies about it.
+TEST_F(WindowTest, IconsAndReadMeImagesComeOnlyFromRegularFilesTheIconPathFirst) {
     const auto colour = [&] { return ui().iconField->pixmap().toImage().pixelColor(5, 5); };
     QImage image(32, 32, QImage::Format_ARGB32);
     image.fill(Qt::red);
@@ -221,22 +220,9 @@ TEST_F(WindowTest, IconComesFromTheIconPathThenTheBundleIconFile) {
     ASSERT_TRUE(image.save(png));
     image.fill(Qt::blue);
     ASSERT_TRUE(image.save(product + "/Contents/Resources/Product.icns", "png"));
-    KVPropertyList::writeFile(QVariantMap{{"CFBundleSignature", "KvW1"},
-                                          {"CFBundleExecutable", "Product"},
-                                          {"CFBundleIconFile", "Product"}},
-                              product + "/Contents/Info.plist", KVPropertyList::Format::Xml);
     ASSERT_TRUE(setUp(productWords({"-iconPath", png})));
     EXPECT_EQ(colour(), QColor(Qt::red));
-    ASSERT_TRUE(setUp(productWords()));
-    EXPECT_EQ(colour(), QColor(Qt::blue));
-    EXPECT_FALSE(QApplication::windowIcon().isNull());
-    ASSERT_FALSE(
-        setUp({"-sourcePath", TestBundle::make(folder, "Unsigned", {}), "-iconPath", png}));
-    EXPECT_EQ(colour(), QColor(Qt::red));
-}
 
-// A read-me image or an icon that is a FIFO or a device never holds up the window.
-TEST_F(WindowTest, HostileReadMeImagesAndIconsNeverHoldUpTheWindow) {
     FifoWatch fifo(folder + "/pipe.png");
     ASSERT_TRUE(fifo.made());
     QFile::link("/dev/zero", folder + "/zero.png");
@@ -244,6 +230,8 @@ TEST_F(WindowTest, HostileReadMeImagesAndIconsNeverHoldUpTheWindow) {
                                 "<html><body><p>Read me</p><img src=\"pipe.png\">"
                                 "<img src=\"zero.png\"><img src=\"/dev/zero\"></body></html>");
     ASSERT_TRUE(setUp(productWords({"-readMePath", readMe, "-iconPath", folder + "/pipe.png"})));
+    EXPECT_EQ(colour(), QColor(Qt::blue));
+    EXPECT_FALSE(QApplication::windowIcon().isNull());
     QTextDocument *document = ui().readMeTextView->document();
     document->adjustSize();  // lays the images out, which loads them
     ui().readMeTextView->grab();
@@ -288,8 +276,7 @@ TEST_F(WindowTest, TooOldSystemShowsTheSheetWhoseButtonsQuit) {
     screenshot("too-old-sheet");
     clickAlert("Visit Archive");
     EXPECT_EQ(quits->count(), 1);
-    ASSERT_EQ(opened.urls.size(), 1);
-    EXPECT_EQ(opened.urls.first().scheme(), "https");
+    EXPECT_EQ(opened.urls.size(), 1);
 
     const QString bare = TestBundle::make(folder, "Bare", {{"CFBundleSignature", "KvW2"}});
     ASSERT_TRUE(setUp({"-sourcePath", bare, "-minSystemVersion", "99"}));
