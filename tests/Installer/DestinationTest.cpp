@@ -84,7 +84,6 @@ TEST_F(DestinationTest, UnsupportedFoldersFollowTheirExactRules) {
         EXPECT_TRUE(c.isInUnsupportedFolder(path)) << qPrintable(path);
     for (const QString &path : supported.split(' '))
         EXPECT_FALSE(c.isInUnsupportedFolder(path)) << qPrintable(path);
-    EXPECT_FALSE(c.isInUnsupportedFolder(QString()));
 
     // A link is replaced, not written through: its folder decides, even when dangling.
     QFile::link(folder + "/gone", folder + "/Dangling.app");

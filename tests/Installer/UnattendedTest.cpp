@@ -130,6 +130,8 @@ const Failure kFailures[] = {
     {"NameLeftUnquoted", roadWith({}, {"-productName", "My", "Product"}), Status::BadArguments,
      "more than one value for -productName"},
     {"WordBeforeAnyKey", roadWith({"now"}), Status::BadArguments, "now follows no key"},
+    {"SystemTooOld", roadWith({}, {"-minSystemVersion", "99"}), Status::SystemTooOld,
+     "Product 2.0 cannot be installed on this computer because it requires Mac OS X 99 or newer."},
     {"NoSourceOutsideAnyProduct", [](UnattendedTest &t) { return t.road().mid(2); },
      Status::BadArguments, "missing source path"},
 };
