@@ -14,21 +14,17 @@ QString unprivilegedUser();
 bool isRoot();
 // Whether this process is such a copy (suites meant for copies run only there).
 bool isCopy();
-// Copies the item (cp -a) into the folder, made and opened to everyone: what
-// another user runs must not stay in the build tree, which may lie under a
-// private folder. The copy's path; null when the copy failed.
+// Copies the item (cp -a) into the folder, made and opened to everyone, for
+// another user to run; the copy's path, null on failure.
 QString stage(const QString &path, const QString &folder);
-// Such a folder holding a copy of the shared library, for LD_LIBRARY_PATH of
-// what another user runs. Null when the copy failed.
+// Such a folder holding the shared library, for another user's LD_LIBRARY_PATH.
 QString libraryFolder();
-// Copies this test binary to executablePath and runs it with the GoogleTest
+// Runs a copy of this test binary at executablePath with the GoogleTest
 // filter, as the user when one is named, with extra "NAME=value" entries in
-// its environment. Its exit status (-1 when it could not run); output gets
-// all it printed.
+// its environment; its exit status, -1 when it could not run.
 int runCopy(const QString &executablePath, const QString &filter, const QString &user,
             QString *output, const QStringList &environment = {});
-// Success when such a copy passed the one test the filter names, else a
-// failure that carries everything the copy printed.
+// Whether such a copy passed the one test the filter names.
 testing::AssertionResult copyPasses(const QString &executablePath, const QString &filter,
                                     const QString &user = {}, const QStringList &environment = {});
 }  // namespace Relaunch

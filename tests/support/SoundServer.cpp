@@ -1,14 +1,11 @@
 #include "SoundServer.h"
 
 #include <QAudioDevice>
-#include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QMediaDevices>
 #include <QRegularExpression>
-#include <QThread>
+#include <QTest>
 #include <QtEndian>
 #include <cmath>
 #include <cstdlib>
@@ -21,16 +18,12 @@ constexpr int kSampleRate = 44100;
 SoundServer *s_shared = nullptr;
 QString s_startError;
 
+// Long-running children end with a crashed test.
 pid_t spawnQt(const QStringList &arguments, const QString &output, const QString &errors,
-              bool endWithParent) {
+              bool endWithParent = true) {
     std::vector<std::string> words;
     for (const QString &argument : arguments) words.push_back(argument.toStdString());
     return spawn(words, output.toStdString(), errors.toStdString(), endWithParent);
-}
-
-// Long-running children end with a crashed test.
-pid_t spawnLasting(const QStringList &arguments, const QString &output, const QString &errors) {
-    return spawnQt(arguments, output, errors, true);
 }
 
 QByteArray readAll(const QString &path) {
@@ -47,7 +40,8 @@ SoundServer *SoundServer::shared(QString *error) {
         // Qt's audio side has closed its connection at exit.
         std::atexit(stopShared);
         s_shared = new SoundServer;
-        if (!s_shared->start(&s_startError)) stopShared();
+        s_startError = s_shared->start();
+        if (!s_startError.isEmpty()) stopShared();
     }
     if (!s_shared && error) *error = s_startError;
     return s_shared;
@@ -63,12 +57,9 @@ void SoundServer::stopShared() {
     s_shared = nullptr;
 }
 
-bool SoundServer::start(QString *error) {
+QString SoundServer::start() {
     QByteArray folder = "/tmp/kv-pulse-XXXXXX";
-    if (!mkdtemp(folder.data())) {
-        *error = "cannot make a folder for the sound server";
-        return false;
-    }
+    if (!mkdtemp(folder.data())) return "cannot make a folder for the sound server";
     m_folder = QString::fromLocal8Bit(folder);
     const QString socket = m_folder + "/native", script = m_folder + "/server.pa";
     QDir().mkpath(m_folder + "/run");
@@ -85,40 +76,32 @@ bool SoundServer::start(QString *error) {
     // Off the session bus: on it every server claims one name, and test
     // programs running side by side each have their own server.
     const QString log = m_folder + "/pulseaudio.log";
-    m_daemon = spawnLasting(
-        {"env", "-u", "PULSE_SERVER", "-u", "DBUS_SESSION_BUS_ADDRESS", "-u", "DISPLAY",
-         "HOME=" + m_folder, "XDG_CONFIG_HOME=" + m_folder, "XDG_RUNTIME_DIR=" + m_folder + "/run",
-         "pulseaudio", "-n", "-F", script, "--daemonize=no", "--exit-idle-time=-1", "--disable-shm",
-         "--use-pid-file=no"},
-        "/dev/null", log);
+    m_daemon =
+        spawnQt({"env", "-u", "PULSE_SERVER", "-u", "DBUS_SESSION_BUS_ADDRESS", "-u", "DISPLAY",
+                 "HOME=" + m_folder, "XDG_CONFIG_HOME=" + m_folder,
+                 "XDG_RUNTIME_DIR=" + m_folder + "/run", "pulseaudio", "-n", "-F", script,
+                 "--daemonize=no", "--exit-idle-time=-1", "--disable-shm", "--use-pid-file=no"},
+                "/dev/null", log);
     // Every later client of this process, Qt's included, finds the server here.
     qputenv("PULSE_SERVER", "unix:" + QFile::encodeName(socket));
     const QDeadlineTimer deadline(10000);
     while (m_daemon > 0 && !pactl({"info"})) {
-        if (waitForExit(m_daemon, 50) || deadline.hasExpired()) {
-            *error = "pulseaudio did not answer; its log ends:\n" +
-                     QString::fromUtf8(readAll(log).right(800));
-            return false;
-        }
+        if (waitForExit(m_daemon, 50) || deadline.hasExpired())
+            return "pulseaudio did not answer; its log ends:\n" + readAll(log).right(800);
     }
-    if (m_daemon <= 0 || !startKeeper()) {
-        *error = "cannot start pulseaudio or parec (scripts/install-deps installs them)";
-        return false;
-    }
-    if (!waitForQtOutput(kSinkName)) {
-        *error =
-            "Qt Multimedia does not see the test sink: was it asked for audio devices before the "
-            "sound server started?";
-        return false;
-    }
-    return true;
+    if (m_daemon <= 0 || !startKeeper())
+        return "cannot start pulseaudio or parec (scripts/install-deps installs them)";
+    if (!waitForQtOutput(kSinkName))
+        return "Qt Multimedia does not see the test sink: was it asked for audio devices before "
+               "the sound server started?";
+    return {};
 }
 
 // A recording that never ends keeps the test sink in short blocks, so each
 // capture starts at once.
 bool SoundServer::startKeeper() {
     stopProcess(m_keeper, SIGINT);
-    m_keeper = spawnLasting(
+    m_keeper = spawnQt(
         {"parec", QStringLiteral("--device=%1.monitor").arg(kSinkName), "--latency-msec=20"},
         "/dev/null", "/dev/null");
     return m_keeper > 0;
@@ -166,24 +149,20 @@ bool SoundServer::restoreTestSink() {
 }
 
 bool SoundServer::waitForQtOutput(const QString &identifier, bool present) {
-    const QDeadlineTimer deadline(5000);
-    for (;;) {
-        bool listed = false;
+    const auto listed = [&] {
         for (const QAudioDevice &device : QMediaDevices::audioOutputs())
-            listed = listed || device.id() == identifier.toUtf8();
-        if (listed == present) return true;
-        if (deadline.hasExpired()) return false;
-        QCoreApplication::processEvents();
-        QThread::msleep(20);
-    }
+            if (device.id() == identifier.toUtf8()) return true;
+        return false;
+    };
+    return QTest::qWaitFor([&] { return listed() == present; }, 5000);
 }
 
 bool SoundServer::startCapture(const QString &sink) {
     if (m_captures.count(sink)) return false;
     const QString file = QStringLiteral("%1/capture-%2.raw").arg(m_folder).arg(++m_captureCount);
-    pid_t pid = spawnLasting({"parec", "--device=" + sink + ".monitor", "--format=s16le",
-                              "--rate=44100", "--channels=1", "--latency-msec=20"},
-                             file, file + ".log");
+    pid_t pid = spawnQt({"parec", "--device=" + sink + ".monitor", "--format=s16le", "--rate=44100",
+                         "--channels=1", "--latency-msec=20"},
+                        file, file + ".log");
     // A null sink without low-latency clients renders in blocks of seconds;
     // data in the file means the recording runs.
     const QDeadlineTimer deadline(10000);
@@ -201,11 +180,8 @@ QVector<float> SoundServer::stopCapture(const QString &sink, int settleMilliseco
     m_captures.erase(it);
     const qint64 wanted =
         QFileInfo(file).size() + qint64(kSampleRate) * 2 * settleMilliseconds / 1000;
-    const QDeadlineTimer deadline(settleMilliseconds * 4 + 2000);
-    while (QFileInfo(file).size() < wanted && !deadline.hasExpired()) {
-        QCoreApplication::processEvents();
-        QThread::msleep(10);
-    }
+    (void)QTest::qWaitFor([&] { return QFileInfo(file).size() >= wanted; },
+                          settleMilliseconds * 4 + 2000);
     stopProcess(pid, SIGINT);
     const QByteArray bytes = readAll(file);
     QVector<float> samples(bytes.size() / 2);

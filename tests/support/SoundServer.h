@@ -32,11 +32,10 @@ public:
     // Waits until Qt Multimedia lists (or no longer lists) the output.
     static bool waitForQtOutput(const QString &identifier, bool present = true);
 
-    // Records the sink's monitor (mono, 44.1 kHz, 16-bit) until stopCapture;
-    // returns once the recording runs.
+    // Records the sink's monitor (mono, 44.1 kHz) from when it returns.
     bool startCapture(const QString &sink = kSinkName);
-    // Records settleMilliseconds more (sound reaches the monitor a little
-    // late), stops and returns the samples, -1.0 to 1.0.
+    // The samples, -1.0 to 1.0, after settleMilliseconds more: sound reaches
+    // the monitor a little late.
     QVector<float> stopCapture(const QString &sink = kSinkName, int settleMilliseconds = 500);
 
     static double peak(const QVector<float> &samples);
@@ -47,7 +46,7 @@ public:
 
 private:
     SoundServer() = default;
-    bool start(QString *error);
+    QString start();
     bool startKeeper();
     bool pactl(const QStringList &arguments, QString *output = nullptr) const;
     static void stopShared();

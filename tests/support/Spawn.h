@@ -29,12 +29,10 @@ inline pid_t spawn(std::vector<std::string> words, const std::string &output = {
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-    if (!output.empty()) {
-        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), flags, 0600);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errors.c_str(), flags, 0600);
-    }
+    const std::string files[] = {"/dev/null", output, errors};
+    for (int fd = 0; fd < 3 && !output.empty(); ++fd)
+        posix_spawn_file_actions_addopen(&actions, fd, files[fd].c_str(),
+                                         fd ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY, 0600);
     posix_spawnattr_t attr;
     posix_spawnattr_init(&attr);
     sigset_t none;
@@ -73,8 +71,8 @@ inline void stopProcess(pid_t &pid, int signal = SIGTERM) {
 }
 
 struct ReadySpawn {
-    pid_t pid = -1;      // -1 when it could not be started
-    bool ready = false;  // whether it said so in time
+    pid_t pid = -1;  // -1 when it could not be started
+    bool ready = false;
 };
 
 // Starts a test program with "--ready-fd N" added to its arguments and waits

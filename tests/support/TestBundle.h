@@ -10,28 +10,24 @@
 #include "KVPropertyList.h"
 
 namespace TestBundle {
-// Creates folder/name.app with the info dictionary (CFBundleExecutable
-// defaults to the name) and the child program inside; returns the bundle's
-// path. Without an executable only the folders and the plist are made.
+// folder/name.app with the info dictionary (CFBundleExecutable defaults to
+// the name) and, withExecutable, the child program inside.
 QString make(const QString &folder, const QString &name, QVariantMap info = {},
              bool withExecutable = true,
              KVPropertyList::Format format = KVPropertyList::Format::Xml);
-// The same with kvtest_product, which answers events and reports "Done", as
-// its executable.
+// The same with kvtest_product, which answers events and reports "Done".
 QString makeProduct(const QString &folder, const QString &name, const QVariantMap &info);
 QString executableOf(const QString &bundlePath);
 // The product code of this test process's own products: a run quits every
 // running copy with the code, and other test processes run theirs beside.
 QString productCode();
-// The product of the road of one installation, where/Product.app, with the
-// code above and the version.
+// where/Product.app with the code above and the version.
 QString makeRoadProduct(const QString &where, const QString &version);
 QString versionOf(const QString &bundlePath);
 
 // Starts the program in its own process group and waits until it says it is
 // ready; its pid or -1.
 pid_t start(const QString &program, const QStringList &arguments = {});
-// Sends SIGKILL and reaps the child.
 void stop(pid_t pid);
 // Kills every process whose bundle (or executable) lies at or below the
 // path: launched copies run in sessions of their own.

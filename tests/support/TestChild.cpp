@@ -1,7 +1,6 @@
 // A small real program that tests start inside bundles: it reports that it
 // is ready on the descriptor given by --ready-fd, then waits for signals.
 //   --ignore-term   keeps running on SIGTERM (only SIGKILL ends it)
-//   --exit-after S  ends by itself after S seconds
 //   --respawn N     on SIGTERM, first starts a copy of itself with N-1 and
 //                   waits until it is ready, then ends: a copy that comes
 //                   back, with no moment in which none runs
@@ -12,12 +11,10 @@
 
 int main(int argc, char **argv) {
     int readyFd = -1, respawns = -1;
-    unsigned exitAfter = 0;
     for (int i = 1; i < argc; ++i) {
         const bool valued = i + 1 < argc;
         if (std::strcmp(argv[i], "--ignore-term") == 0) std::signal(SIGTERM, SIG_IGN);
         if (std::strcmp(argv[i], "--ready-fd") == 0 && valued) readyFd = std::atoi(argv[++i]);
-        if (std::strcmp(argv[i], "--exit-after") == 0 && valued) exitAfter = std::atoi(argv[++i]);
         if (std::strcmp(argv[i], "--respawn") == 0 && valued) respawns = std::atoi(argv[++i]);
     }
     sigset_t term;
@@ -31,10 +28,6 @@ int main(int argc, char **argv) {
         sigwait(&term, &signal);
         // The successor joins this process group.
         spawnReady({argv[0], "--respawn", std::to_string(respawns - 1)}, false);
-        return 0;
-    }
-    if (exitAfter > 0) {
-        sleep(exitAfter);
         return 0;
     }
     for (;;) pause();

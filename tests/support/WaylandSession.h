@@ -20,8 +20,7 @@ public:
     // a client of XSession's X server instead and passes on its keyboard.
     QString start(Clients clients, bool withKeyboard = false);
     // This process, and what it starts, as a client of the session for the
-    // length of the scope: the compositor's socket, no X11 display (XWayland's,
-    // when clients use it) and Qt's platform for either.
+    // length of the scope.
     std::vector<std::unique_ptr<ScopedEnv>> clientScope() const;
     // weston's scene graph: one line per view with its role, the pid of its
     // client and its title.

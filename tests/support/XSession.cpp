@@ -47,13 +47,6 @@ QString startServers() {
 }
 }  // namespace
 
-ScopedEnv::ScopedEnv(const char *name, std::optional<QByteArray> value) : m_name(name) {
-    if (qEnvironmentVariableIsSet(name)) m_saved = qgetenv(name);
-    value ? qputenv(name, *value) : qunsetenv(name);
-}
-
-ScopedEnv::~ScopedEnv() { m_saved ? qputenv(m_name, *m_saved) : qunsetenv(m_name); }
-
 QString XSession::start() {
     if (!s_started) s_error = startServers();
     s_started = true;

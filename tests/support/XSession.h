@@ -9,8 +9,12 @@
 // An environment variable set or unset for the length of a scope.
 class ScopedEnv {
 public:
-    ScopedEnv(const char *name, std::optional<QByteArray> value);
-    ~ScopedEnv();
+    ScopedEnv(const char *name, std::optional<QByteArray> value)
+        : m_name(name),
+          m_saved(qEnvironmentVariableIsSet(name) ? std::optional(qgetenv(name)) : std::nullopt) {
+        value ? qputenv(name, *value) : qunsetenv(name);
+    }
+    ~ScopedEnv() { m_saved ? qputenv(m_name, *m_saved) : qunsetenv(m_name); }
     ScopedEnv(const ScopedEnv &) = delete;
     ScopedEnv &operator=(const ScopedEnv &) = delete;
 
@@ -24,7 +28,6 @@ namespace XSession {
 // program it starts use their display alone. Why they could not be started,
 // empty when they run.
 QString start();
-// Stops them and gives the environment back.
 void stop();
 QString display();
 
