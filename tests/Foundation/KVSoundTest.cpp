@@ -1,6 +1,8 @@
 // Sounds played on the test's own sound server, recorded at the sink.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <QFile>
 #include <QTest>
 #include <algorithm>
 #include <cmath>
@@ -8,6 +10,7 @@
 
 #include "KVSound.h"
 #include "SoundServer.h"
+#include "TestEnvironment.h"
 
 // Heard once, at the file's own level; a playing sound does not start again.
 // Played from a thread without an event loop by an owner that lets go at
@@ -38,4 +41,26 @@ TEST(KVSoundPlaybackTest, PlaysOnceToTheEndFromAnyThread) {
     const auto first = std::find_if(samples.begin(), samples.end(), loud);
     const auto last = std::find_if(samples.rbegin(), samples.rend(), loud);
     EXPECT_GT(double(samples.rend() - last - (first - samples.begin())) / 44100, 0.4);
+}
+
+// Hostile files: a cut Ogg file plays what decodes before the cut; junk that
+// only starts like Ogg, an empty file and a FIFO are no sound and never block.
+TEST(KVSoundFileTest, DamagedFilesGiveWhatDecodesAndJunkIsNoSound) {
+    const QString complete = "/usr/share/sounds/freedesktop/stereo/complete.oga";
+    QFile original(complete);
+    ASSERT_TRUE(original.open(QIODevice::ReadOnly));
+    const QByteArray bytes = original.readAll();
+    const QString folder = TestEnvironment::makeTempDir("ogg");
+    ASSERT_TRUE(TestEnvironment::writeFile(folder + "/cut.oga", bytes.left(bytes.size() / 2)));
+    KVSound cut(folder + "/cut.oga");
+    EXPECT_GT(cut.duration(), 0.0);
+    EXPECT_LT(cut.duration(), KVSound(complete).duration());
+    ASSERT_TRUE(TestEnvironment::writeFile(folder + "/junk.oga", "OggS" + QByteArray(5000, 0x7f)));
+    ASSERT_TRUE(TestEnvironment::writeFile(folder + "/empty.wav", ""));
+    ASSERT_EQ(mkfifo(QFile::encodeName(folder + "/fifo.wav").constData(), 0644), 0);
+    for (const char *name : {"/junk.oga", "/empty.wav", "/fifo.wav"}) {
+        KVSound junk(folder + name);
+        EXPECT_EQ(junk.duration(), 0.0) << name;
+        EXPECT_FALSE(junk.play()) << name;
+    }
 }
