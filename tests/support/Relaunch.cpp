@@ -38,8 +38,10 @@ QString Relaunch::stage(const QString &path, const QString &folder) {
     return QProcess::execute("cp", {"-a", path, copy}) == 0 ? copy : QString();
 }
 
-int Relaunch::runCopy(const QString &executablePath, const QString &filter, const QString &user,
-                      QString *output, const QStringList &environment) {
+namespace {
+// The copy's exit status, -1 when it could not run.
+int runCopy(const QString &executablePath, const QString &filter, const QString &user,
+            QString *output, const QStringList &environment) {
     makeReachable(QFileInfo(executablePath).absolutePath());
     QFile::remove(executablePath);
     if (!QFile::copy(QStringLiteral("/proc/self/exe"), executablePath)) return -1;
@@ -47,7 +49,7 @@ int Relaunch::runCopy(const QString &executablePath, const QString &filter, cons
                           QFile::ReadOwner | QFile::ExeOwner | QFile::ReadOther | QFile::ExeOther);
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("KV_TEST_COPY", "1");
-    if (!user.isEmpty()) env.insert("LD_LIBRARY_PATH", libraryFolder());
+    if (!user.isEmpty()) env.insert("LD_LIBRARY_PATH", Relaunch::libraryFolder());
     for (const QString &entry : environment)
         env.insert(entry.section('=', 0, 0), entry.section('=', 1));
     QProcess process;
@@ -61,6 +63,7 @@ int Relaunch::runCopy(const QString &executablePath, const QString &filter, cons
     *output = QString::fromLocal8Bit(process.readAll());
     return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
 }
+}  // namespace
 
 testing::AssertionResult Relaunch::copyPasses(const QString &executablePath, const QString &filter,
                                               const QString &user, const QStringList &environment) {

@@ -19,12 +19,9 @@ bool isCopy();
 QString stage(const QString &path, const QString &folder);
 // Such a folder holding the shared library, for another user's LD_LIBRARY_PATH.
 QString libraryFolder();
-// Runs a copy of this test binary at executablePath with the GoogleTest
-// filter, as the user when one is named, with extra "NAME=value" entries in
-// its environment; its exit status, -1 when it could not run.
-int runCopy(const QString &executablePath, const QString &filter, const QString &user,
-            QString *output, const QStringList &environment = {});
-// Whether such a copy passed the one test the filter names.
+// Whether a copy of this test binary at executablePath passed the one test
+// the filter names, run as the user when one is named, with extra
+// "NAME=value" entries in its environment.
 testing::AssertionResult copyPasses(const QString &executablePath, const QString &filter,
                                     const QString &user = {}, const QStringList &environment = {});
 }  // namespace Relaunch

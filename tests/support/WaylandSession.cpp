@@ -9,7 +9,7 @@
 
 WaylandSession::~WaylandSession() { XSession::stop(m_weston); }
 
-QString WaylandSession::start(Clients clients, bool withKeyboard) {
+QString WaylandSession::start(Clients clients) {
     m_clients = clients;
     // The compositor refuses a runtime folder that others may enter.
     m_runtimeFolder = TestEnvironment::makeTempDir("wayland-runtime");
@@ -19,13 +19,9 @@ QString WaylandSession::start(Clients clients, bool withKeyboard) {
     environment.insert("XDG_RUNTIME_DIR", m_runtimeFolder);
     environment.remove("WAYLAND_DISPLAY");
     environment.remove("DISPLAY");
-    const QString error = withKeyboard ? XSession::start() : QString();
-    if (!error.isEmpty()) return error;
-    if (withKeyboard) environment.insert("DISPLAY", XSession::display());
     // --debug lets any client read the scene graph.
-    QStringList arguments{
-        withKeyboard ? "--backend=x11-backend.so" : "--backend=headless-backend.so",
-        "--socket=" + m_socket, "--no-config", "--debug"};
+    QStringList arguments{"--backend=headless-backend.so", "--socket=" + m_socket, "--no-config",
+                          "--debug"};
     if (clients == Clients::XWayland) arguments << "--xwayland";
     // The shell's client is launched once the socket (and XWayland's display)
     // listen.

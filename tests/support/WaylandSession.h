@@ -15,10 +15,8 @@ public:
     WaylandSession(const WaylandSession &) = delete;
     WaylandSession &operator=(const WaylandSession &) = delete;
 
-    // Why the compositor could not be started; empty when it runs. The
-    // headless back end has no input devices: with a keyboard, weston runs as
-    // a client of XSession's X server instead and passes on its keyboard.
-    QString start(Clients clients, bool withKeyboard = false);
+    // Why the compositor could not be started; empty when it runs.
+    QString start(Clients clients);
     // This process, and what it starts, as a client of the session for the
     // length of the scope.
     std::vector<std::unique_ptr<ScopedEnv>> clientScope() const;
