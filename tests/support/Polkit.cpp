@@ -17,6 +17,7 @@
 namespace {
 const QString kSocket = QStringLiteral("/run/dbus/system_bus_socket");
 const QString kPolkitd = QStringLiteral("/usr/lib/polkit-1/polkitd");
+const QString kPidFile = QStringLiteral("/run/dbus/pid");
 
 bool polkitAnswers() {
     const QString name = QStringLiteral("kvtest-polkit-probe");
@@ -43,6 +44,9 @@ QString Polkit::start(bool consent) {
         return "polkitd or pkexec missing: scripts/install-deps installs pkexec and polkitd";
     if (!QFile::exists(kSocket)) {
         QDir().mkpath("/run/dbus");
+        // Without a socket no bus runs: a pid file is a killed run's, and would
+        // stop the new bus from starting.
+        QFile::remove(kPidFile);
         QProcess daemon;
         daemon.start("dbus-daemon", {"--system", "--fork", "--print-pid"});
         if (!daemon.waitForFinished(10000) || daemon.exitCode() != 0)
@@ -74,10 +78,19 @@ Polkit::~Polkit() {
     stopProcess(m_polkitd);
     if (!m_rule.isEmpty()) QFile::remove(m_rule);
     if (m_bus > 0) {
-        // Not our child (it forked away): no reaping.
+        // Not our child (it forked away), so no reaping: it is gone once its
+        // /proc entry is, or is a zombie. Only then may the next owner start a
+        // bus, which the pid file of this one, removed at its exit, would stop.
         kill(m_bus, SIGTERM);
+        const auto running = [this] {
+            QFile stat(QString("/proc/%1/stat").arg(m_bus));
+            return stat.open(QIODevice::ReadOnly) && !stat.readAll().contains(") Z ");
+        };
+        const QDeadlineTimer deadline(5000);
+        while (running() && !deadline.hasExpired()) QThread::msleep(10);
+        if (running()) kill(m_bus, SIGKILL);
         QFile::remove(kSocket);
-        QFile::remove("/run/dbus/pid");
+        QFile::remove(kPidFile);
     }
     if (m_lock >= 0) close(m_lock);
 }
