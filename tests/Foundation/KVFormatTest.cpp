@@ -2,13 +2,17 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <QCoreApplication>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QTranslator>
 #include <clocale>
 #include <cstdint>
 #include <thread>
 
+#include "KVBundle.h"
 #include "KVFormat.h"
+#include "KVLocalization.h"
 #include "KVLog.h"
 #include "KVPropertyList.h"
 #include "KVUserDefaults.h"
@@ -96,5 +100,27 @@ TEST(KVLogTest, WritesWholeLinesInThePlatformFormatFromAnyThread) {
         const int n = lines[i].contains("] thread 1 ") ? 1 : 0;
         const QString message = QString("thread %1 line %2 %3").arg(n).arg(seen[n]++).arg(fill);
         ASSERT_TRUE(isLogLine(lines[i], threads[n], message)) << qPrintable(lines[i].left(120));
+    }
+}
+
+// The installer's shipped German table loads by its name and translates format
+// strings; a missing table is reported, and other keys (null too) show themselves.
+TEST(KVLocalizationTest, TheInstallersTableTranslatesAndOtherKeysShowThemselves) {
+    const std::optional<KVBundle> bundle = KVBundle::bundleWithPath(KV_INSTALLER_APP);
+    ASSERT_TRUE(bundle);
+    const QLocale german(QLocale::German, QLocale::Germany);
+    const QList<QTranslator *> before = qApp->findChildren<QTranslator *>();
+    EXPECT_TRUE(KVLocalization::localizedString(QString()).isNull());
+    EXPECT_FALSE(KVLocalization::installTranslations(*bundle, "NoSuchTable", german));
+    EXPECT_EQ(KVLocalization::localizedString("Install"), "Install");
+    ASSERT_TRUE(KVLocalization::installTranslations(*bundle, "Installer", german));
+    EXPECT_EQ(
+        kvFormat(KVLocalization::localizedString("%@ was successfully installed."), QString("P")),
+        "P wurde erfolgreich installiert.");
+    EXPECT_EQ(KVLocalization::localizedString("Grüße, %@"), "Grüße, %@");
+    for (QTranslator *translator : qApp->findChildren<QTranslator *>()) {
+        if (before.contains(translator)) continue;
+        QCoreApplication::removeTranslator(translator);  // later tests run untranslated
+        delete translator;
     }
 }
