@@ -1,4 +1,5 @@
-#include <QDeadlineTimer>
+#include <sys/ptrace.h>
+
 #include <QMap>
 #include <cstring>
 
@@ -10,13 +11,10 @@ using namespace KVUtilitiesPrivate;
 namespace {
 VersionLookup answering(QMap<OSType, uint32_t> answers) {
     return [answers](OSType selector, uint32_t &value) {
-        if (!answers.contains(selector)) return false;
         value = answers.value(selector);
-        return true;
+        return answers.contains(selector);
     };
 }
-
-constexpr int kTimeoutMs = 20000;  // a loaded machine may be slow
 
 bool noZombiesRemain() {
     return QTest::qWaitFor(
@@ -24,11 +22,7 @@ bool noZombiesRemain() {
             siginfo_t child{};
             return waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) != 0 || !child.si_pid;
         },
-        kTimeoutMs);
-}
-
-QStringList scriptFilesIn(const QString &folder) {
-    return QDir(folder).entryList({"KVScript.*"}, QDir::Files | QDir::Hidden);
+        20000);
 }
 }  // namespace
 
@@ -97,8 +91,8 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     const auto failed = [](const char *name, int error) {
         return QString("script %1 failed: %2").arg(name, QString::fromLocal8Bit(strerror(error)));
     };
-    // The script (in the folder, or "~/..."), its body (none: no such file),
-    // parameters, time-out, result and log.
+    // Script (in the folder, or "~/..."), body (none: no such file), parameters, time-out, result,
+    // log.
     // clang-format off
     const std::tuple<QString, QByteArray, std::optional<QStringList>, double, QString, QStringList> rows[] = {
         {"report.sh", "echo \"$# [$1] [$2]\"; echo to-errors >&2; pwd; cat", QStringList{"a b", "'\"$HOME;"},
@@ -134,7 +128,8 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
         EXPECT_TRUE(result == expected && result.isNull() == expected.isNull())
             << qPrintable(script + ": " + result.left(100));
         EXPECT_EQ(log.messages(), logged) << qPrintable(script);
-        const QStringList left = scriptFilesIn(temporary);
+        const QStringList left =
+            QDir(temporary).entryList({"KVScript.*"}, QDir::Files | QDir::Hidden);
         EXPECT_EQ(left.size(), expected.contains(" failed: ") ? 1 : 0) << qPrintable(script);
         for (const QString &file : left) QFile::remove(temporary + "/" + file);
     }
@@ -143,7 +138,6 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     QDir::setCurrent(previous);
     // The stubborn script ends a second later, reaped in the background.
     EXPECT_TRUE(noZombiesRemain());
-    EXPECT_TRUE(scriptFilesIn(temporary).isEmpty());
 }
 
 TEST(KVUtilitiesScriptTest, ShellCommandsGiveTheirStandardOutputAsUtf8) {
@@ -157,30 +151,10 @@ TEST(KVUtilitiesScriptTest, ShellCommandsGiveTheirStandardOutputAsUtf8) {
     // clang-format on
     for (const auto &[command, expected] : rows) {
         const QString result = KVUtilities::shellCommandResult(command);
-        EXPECT_EQ(result.isNull(), expected.isNull()) << qPrintable(command);
-        EXPECT_EQ(result, expected) << qPrintable(command);
+        EXPECT_TRUE(result == expected && result.isNull() == expected.isNull())
+            << qPrintable(command);
     }
     EXPECT_TRUE(noZombiesRemain());
-}
-
-TEST(KVUtilitiesFileTest, FileSystemTypesComeFromTheMountHoldingThePath) {
-    if (!Relaunch::isRoot()) GTEST_SKIP() << "mounting a tmpfs needs root";
-    const QString mountPoint = TestEnvironment::makeTempDir("mount") + "/a volume";
-    const QString link = QFileInfo(mountPoint).absolutePath() + "/to-volume";
-    QDir().mkpath(mountPoint);
-    ASSERT_EQ(QProcess::execute("mount", {"-t", "tmpfs", "kvtest", mountPoint}), 0);
-    const std::unique_ptr<const QString, void (*)(const QString *)> mounted(
-        &mountPoint, [](const QString *point) { QProcess::execute("umount", {*point}); });
-    ASSERT_TRUE(TestEnvironment::writeFile(mountPoint + "/inside/file", "x"));
-    ASSERT_TRUE(TestFiles::makeLink(link, mountPoint + "/inside"));  // the real path counts
-    const std::tuple<QString, QString, int> rows[] = {{link + "/file", "tmpfs", 0},
-                                                      {mountPoint + "/missing", "", -1}};
-    for (const auto &[path, type, status] : rows) {
-        LogCapture log;
-        EXPECT_EQ(KVUtilities::fileSystemTypeFor(path), type) << qPrintable(path);
-        EXPECT_EQ(log.messages(),
-                  QStringList({"FS Info " + path, QString("statfs err = %1").arg(status)}));
-    }
 }
 
 TEST(KVUtilitiesLaunchTest, DistributionDiskIsAMarkedRemovableVolume) {
@@ -220,43 +194,37 @@ TEST(KVUtilitiesLaunchTest, AutostartUnitsAreToldFromTheControlGroup) {
         EXPECT_EQ(isAutostartControlGroup(groups), autostarted) << groups.constData();
 }
 
-TEST(KVUtilitiesMicroTest, TheFrontGoesToMicroAndBack) {
-    ASSERT_EQ(XSession::start(), "");  // or why not
-    const QString micro = KV_INSTALLER_APP "/Contents/Resources/Micro.app";
-    QStringList fronts;  // the programs in front while the helper ran
-    const auto launchMicro = [&](const QString &helper) {
-        const ScopedEnv platform("QT_QPA_PLATFORM", "xcb");  // the helper is a desktop program
-        LogCapture log;
-        std::atomic<bool> done = false;
-        std::thread caller([&] {
-            KVUtilitiesPrivate::launchMicro(false, helper);
-            done = true;
-        });
-        // Until the helper has quit too: a busy machine may start it after the fixed wait.
-        for (QDeadlineTimer deadline(kTimeoutMs);
-             !done || (KVProcess::processWithSignatureString("VlMc") && !deadline.hasExpired());
-             QTest::qWait(5))
-            fronts << QFile::symLinkTarget(
-                QString("/proc/%1/exe").arg(KVWindowServer::frontProcessID()));
-        caller.join();
-        return log.messages();
-    };
-    std::unique_ptr<QProcess> window = frontWindow({});
-    const pid_t pid = pidOf(window);
-    EXPECT_EQ(launchMicro(micro), QStringList("wait count (Micro) = 500"));
-    EXPECT_TRUE(fronts.contains(micro + "/Contents/MacOS/Micro"));
-    EXPECT_TRUE(
-        QTest::qWaitFor([&] { return KVWindowServer::frontProcessID() == pid; }, kTimeoutMs));
-    EXPECT_TRUE(noZombiesRemain());
-    EXPECT_EQ(launchMicro(QString()),
-              QStringList("** Error while running Micro: the helper application Micro is missing"));
-    EXPECT_EQ(KVWindowServer::frontProcessID(), pid);
-    XSession::stop(window);
-    window = frontWindow({"--fullscreen"});
-    EXPECT_TRUE(
-        QTest::qWaitFor([] { return KVWindowServer::isFrontWindowFullScreen(); }, kTimeoutMs));
-    EXPECT_EQ(launchMicro(micro), QStringList());
-    EXPECT_EQ(KVWindowServer::frontProcessID(), pidOf(window));
-    XSession::stop(window);
-    XSession::stop();
+TEST(KVUtilitiesEnvironmentTest, QuietHoursWindowInMinutesAfterMidnight) {
+    // clang-format off
+    const std::tuple<QVariant, QVariant, int, bool> cases[] = {  // start, end, now, inside
+        {1320, 420, 23 * 60 + 30, true}, {1320, 420, 6 * 60 + 59, true},  // 22:00 to 07:00
+        {1320, 420, 7 * 60, false}, {1320, 420, 1320, true}, {-60, 60, 23 * 60, true},
+        {1440 + 60, 120, 60, true}, {600, 660, 600, true}, {600, 660, 660, false},
+        {600, 600, 600, false}, {QStringLiteral("600"), QStringLiteral("660 minutes"), 630, true},
+        {600.9, 660.9, 660, false}, {QByteArray("600"), 660, 630, false}};
+    // clang-format on
+    for (const auto &[start, end, now, inside] : cases)
+        EXPECT_EQ(timeInRange(start, end, now), inside)
+            << qPrintable(start.toString() + "-" + end.toString()) << " at " << now;
+}
+
+TEST(KVUtilitiesEnvironmentTest, TracerInTheProcessStatusAndDebuggingWhileTraced) {
+    // clang-format off
+    const std::pair<QByteArray, bool> cases[] = {
+        {"Name:\tx\nTracerPid:\t0\nUid:\t0\n", false}, {"Name:\tx\nTracerPid:\t4242\nUid:\t0\n", true},
+        {"Name:\tx\nTracerPid:\t77", true}, {"Name:\tx\nTracerPid:\tjunk\n", false}, {"Name:\tx\n", false}};
+    // clang-format on
+    for (const auto &[status, traced] : cases)
+        EXPECT_EQ(statusShowsTracer(status), traced) << status.data();
+    for (const bool traced : {false, true}) {  // a child this process traces sees a debugger
+        const pid_t child = fork();
+        if (child == 0)
+            _exit(traced && ptrace(PTRACE_TRACEME, 0, nullptr, nullptr)
+                      ? 3
+                      : 1 + !KVUtilities::debugging());
+        int status = 0;
+        EXPECT_TRUE(child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+                    WEXITSTATUS(status) == (traced ? 1 : 2))
+            << traced;
+    }
 }
