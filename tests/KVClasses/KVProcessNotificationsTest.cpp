@@ -21,17 +21,11 @@ protected:
         KVNotificationCenter::defaultCenter().removeObserver(m_token);
         for (std::unique_ptr<QProcess> *program : {&first, &second}) XSession::stop(*program);
     }
-    // Whether the change (any, when empty) arrives while the process is in front.
+    // Whether the change arrives while the process (any, when 0) is in front.
     bool arrives(const QString &change, pid_t front = 0) {
-        const QRegularExpression wanted(
-            (change.isEmpty() ? QString("^\\w+ ") : "^" + change + " ") +
-            (front ? QString::number(front) : "\\d+") + "$");
+        const QRegularExpression wanted("^" + change + " " +
+                                        (front ? QString::number(front) : "\\d+") + "$");
         return QTest::qWaitFor([&] { return changes.indexOf(wanted) >= 0; }, kWaitMs);
-    }
-    static bool leavesTheCache(const ProcessSerialNumber &psn) {
-        return QTest::qWaitFor(
-            [&] { return KVProcess::indexOfCachedProcessWithSerialNumber(psn) == NSNotFound; },
-            kWaitMs);
     }
 
     QStringList changes;  // each with the front process of the moment it arrived
@@ -39,33 +33,9 @@ protected:
     int m_token = 0;
 };
 
-TEST_F(KVProcessNotificationsTest, LaunchFrontSwitchAndQuitArriveAndAreCountedOnce) {
-    ASSERT_EQ(XSession::start(), "");
-    KVProcess::installNotifications();
-    first = frontWindow({"--title", "First"});
-    EXPECT_TRUE(arrives("started"));
-    // A launch and its window's activation in one turn post only the first.
-    second = frontWindow({"--title", "Second"});
-    EXPECT_TRUE(arrives("", pidOf(second)));
-    changes.clear();
-    ASSERT_TRUE(KVWindowServer::bringProcessToFront(pidOf(first), false));
-    EXPECT_TRUE(arrives("front", pidOf(first)));
-    const KVProcessRef quitter = KVProcess::processWithPID(pidOf(first));
-    ASSERT_TRUE(quitter);
-    const int count = KVProcess::applicationLaunchEndCount();
-    const pid_t quitterPID = pidOf(first);
-    XSession::stop(first);
-    EXPECT_TRUE(arrives("ended") && leavesTheCache(quitter->serialNumber()));
-    // Its exit was read before "ended" arrived: no second end is counted.
-    EXPECT_TRUE(QTest::qWaitFor(
-        [&] { return !KVWindowServer::bringProcessToFront(quitterPID, true); }, kWaitMs));
-    QCoreApplication::processEvents();
-    EXPECT_EQ(KVProcess::applicationLaunchEndCount(), count + 1);
-}
-
 // Starting a program waits without running the event loop: both windows are
-// there before the watcher reads a single event.
-TEST_F(KVProcessNotificationsTest, TwoLaunchesInOneTurnCountTwoAndPostOnce) {
+// there before the watcher reads a single event, so one launch is posted.
+TEST_F(KVProcessNotificationsTest, TwoLaunchesInOneTurnCountTwoAndPostOnceThenFrontAndQuitArrive) {
     ASSERT_EQ(XSession::start(), "");
     KVProcess::installNotifications();
     const int count = KVProcess::applicationLaunchEndCount();
@@ -76,60 +46,26 @@ TEST_F(KVProcessNotificationsTest, TwoLaunchesInOneTurnCountTwoAndPostOnce) {
     EXPECT_TRUE(arrives("started"));
     EXPECT_EQ(KVProcess::applicationLaunchEndCount(), count + 2);
     EXPECT_EQ(changes.filter(QRegularExpression("^started ")).size(), 1);
-}
-
-// Looked up on another thread, without a display: its pidfd tells the main thread.
-TEST_F(KVProcessNotificationsTest, AnEndedProcessLeavesTheCacheWithoutADisplay) {
-    const ScopedEnv noDisplay("DISPLAY", std::nullopt);
-    KVProcess::installNotifications();
-    const pid_t child = TestBundle::start(KV_TEST_CHILD);
-    ASSERT_GT(child, 0);
-    KVProcessRef record;
-    std::thread([&] { record = KVProcess::processWithPID(child); }).join();
+    const pid_t quitter = pidOf(first);
+    KVWindowServer::bringProcessToFront(pidOf(second), false);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return KVWindowServer::frontProcessID() == pidOf(second); },
+                                kWaitMs));
+    ASSERT_TRUE(KVWindowServer::bringProcessToFront(quitter, false));
+    EXPECT_TRUE(arrives("front", quitter));
+    const KVProcessRef record = KVProcess::processWithPID(quitter);
     ASSERT_TRUE(record);
-    const int count = KVProcess::applicationLaunchEndCount();
-    TestBundle::stop(child);
-    EXPECT_TRUE(arrives("ended") && leavesTheCache(record->serialNumber()));
-    EXPECT_EQ(KVProcess::applicationLaunchEndCount(), count + 1);
-    EXPECT_FALSE(KVUtilities::clipboardPublisherProcess());
-}
-
-// A program without windows owns the clipboard while a window is in front.
-std::unique_ptr<QProcess> copyToClipboard(const QByteArray &text) {
-    auto owner = std::make_unique<QProcess>();
-    owner->start("xclip", {"-quiet", "-selection", "clipboard"});
-    EXPECT_TRUE(owner->waitForStarted()) << "xclip is missing; scripts/install-deps installs it";
-    owner->write(text);
-    owner->closeWriteChannel();
-    return owner;
-}
-
-TEST_F(KVProcessNotificationsTest, TheFrontProcessWhenTheClipboardChangesPublishedIt) {
-    ASSERT_EQ(XSession::start(), "");
-    first = frontWindow({"--title", "Writer"});
-    const KVProcessRef writer = KVProcess::processWithPID(pidOf(first));
-    const auto publishedBy = [](const KVProcessRef &process) {
-        return QTest::qWaitFor(
-            [&] {
-                const KVProcessRef publisher = KVUtilities::clipboardPublisherProcess();
-                return publisher && publisher->isEqual(process);
-            },
-            kWaitMs);
-    };
-    {
-        const LogCapture log;
-        EXPECT_FALSE(KVUtilities::clipboardPublisherProcess());
-        EXPECT_FALSE(KVUtilities::clipboardPublisherProcess());
-        EXPECT_EQ(log.messages(), QStringList{"**Utilities initialized"});
-    }
-    std::unique_ptr<QProcess> copy = copyToClipboard("first");
-    EXPECT_TRUE(publishedBy(writer));
-    second = frontWindow({"--title", "Reader"});
-    EXPECT_TRUE(publishedBy(writer));
-    std::unique_ptr<QProcess> again = copyToClipboard("second");
-    EXPECT_TRUE(publishedBy(KVProcess::processWithPID(pidOf(second))));
-    XSession::stop(copy);
-    XSession::stop(again);
+    XSession::stop(first);
+    EXPECT_TRUE(arrives("ended") && QTest::qWaitFor(
+                                        [&] {
+                                            return KVProcess::indexOfCachedProcessWithSerialNumber(
+                                                       record->serialNumber()) == NSNotFound;
+                                        },
+                                        kWaitMs));
+    // Its exit was read before "ended" arrived: no second end is counted.
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !KVWindowServer::bringProcessToFront(quitter, true); },
+                                kWaitMs));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(KVProcess::applicationLaunchEndCount(), count + 3);
 }
 
 }  // namespace

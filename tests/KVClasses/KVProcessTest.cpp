@@ -148,29 +148,6 @@ TEST_F(KVProcessTest, QuitTerminatesFirstAndKillsAfterTheTimeout) {
     EXPECT_TRUE(wasKilled(children.takeLast()));
 }
 
-TEST_F(KVProcessTest, FailuresAreLoggedAndForceQuitKills) {
-    const KVProcessRef untouched = launchBundle("Untouched", {}, {"--ignore-term"});
-    const KVProcessRef gone = launchBundle("Gone");
-    ASSERT_TRUE(untouched && gone && !gone->name().isEmpty());  // fetched while it runs
-    TestBundle::stop(children.takeLast());
-    LogCapture log;
-    EXPECT_FALSE(untouched->quitRunningApplicationWithTimeout(0.0f) ||
-                 !untouched->isStillRunning());
-    EXPECT_FALSE(gone->quitRunningApplicationWithTimeout(1.0f));
-    gone->quit();
-    EXPECT_LE(qAbs(gone->launchDate().msecsTo(QDateTime::currentDateTime())), 2000);
-    untouched->sendAppleEventClass(0x54455354, 0x45636866);
-    untouched->sendAppleEventClass(0x54455354, 0x45636866, QString("text"));  // unreported
-    EXPECT_EQ(log.messages(),
-              (QStringList{"quitting Untouched failed", "cannot quit Gone: no pid",
-                           "cannot quit Gone: no pid",
-                           "quitting Gone failed (-600; could not send event)",
-                           "*** Cannot get launch date for Gone", "*** event error: -600"}));
-    untouched->forceQuit();
-    EXPECT_TRUE(wasKilled(children.takeLast()));
-    gone->forceQuit();  // pid 0: nothing is run
-}
-
 TEST_F(KVProcessTest, TimesComeFromTheSystemAndTheDiagnosticsListIsSorted) {
     const QDateTime before = QDateTime::currentDateTime().addSecs(-2);
     const KVProcessRef zetaFore = launchBundle("Zeta fore");
