@@ -1,23 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <set>
-#include <thread>
-#include <vector>
-
 #include "KVRegularExpression.h"
 #include "QStringStream.h"
-
-// Concurrent first calls all get the one class, and it is always there.
-TEST(KVRegularExpressionTest, TheClassIsFoundOnceAndKept) {
-    std::vector<const KVRegexClass *> found(8);
-    std::vector<std::thread> threads;
-    for (auto &slot : found)
-        threads.emplace_back([&slot] { slot = KVRegularExpression::regexClass(); });
-    for (auto &t : threads) t.join();
-    EXPECT_EQ(std::set(found.begin(), found.end()).size(), 1u);
-    ASSERT_NE(found[0], nullptr);
-    EXPECT_STREQ(found[0]->name, "NSRegularExpression");
-}
 
 TEST(KVRegularExpressionTest, OptionsRangesAndErrors) {
     const std::tuple<QString, NSRegularExpressionOptions, NSRange, QString> rows[] = {
