@@ -43,6 +43,9 @@ TEST(DateExtensionsTest, ComponentsAreGregorianInEveryLocaleAndFollowTheZone) {
 // The platform's classic format byte for byte, and the locale's styles, in the zone.
 TEST(DateExtensionsTest, DescriptionsFollowTheFormatLocaleAndZone) {
     const QDateTime march = utc(2024, 3, 7, 13, 5, 9);
+    const QLocale saved, us("en_US");
+    const QString space(QChar(0x202F));  // ICU's narrow no-break space before AM/PM
+    using S = KVDateStyle;
     // clang-format off
     for (const auto &[date, zoneId, text] : {
              std::tuple{march, "Europe/Berlin", "2024-03-07 14:05:09 +0100"},
@@ -50,13 +53,6 @@ TEST(DateExtensionsTest, DescriptionsFollowTheFormatLocaleAndZone) {
              {march, "America/New_York", "2024-03-07 08:05:09 -0500"},
              {march, "Asia/Kolkata", "2024-03-07 18:35:09 +0530"}})
         EXPECT_EQ(localDescription(date, zone(zoneId)), text);
-    // clang-format on
-    EXPECT_TRUE(DateExtensions::localDescription(QDateTime()).isNull());
-
-    const QLocale saved, us("en_US");
-    const QString space(QChar(0x202F));  // ICU's narrow no-break space before AM/PM
-    using S = KVDateStyle;
-    // clang-format off
     const std::tuple<S, S, const char *, QString> rows[] = {
         {S::Full, S::None, "UTC", "Thursday, March 7, 2024"}, {S::None, S::Medium, "UTC", "1:05:09" + space + "PM"},
         {S::None, S::Short, "America/New_York", "8:05" + space + "AM"},
@@ -64,6 +60,7 @@ TEST(DateExtensionsTest, DescriptionsFollowTheFormatLocaleAndZone) {
     // clang-format on
     for (const auto &[dateStyle, timeStyle, zoneId, expected] : rows)
         EXPECT_EQ(description(march, dateStyle, timeStyle, us, zone(zoneId)), expected);
+    EXPECT_TRUE(DateExtensions::localDescription(QDateTime()).isNull());
     // No style at all says nothing, yet is no missing date.
     const QString none = description(march, S::None, S::None, us, zone("UTC"));
     EXPECT_TRUE(none.isEmpty() && !none.isNull());

@@ -1,14 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <QDBusConnectionInterface>
-#include <QDBusMessage>
-#include <QDBusVariant>
-#include <QLabel>
-#include <QScopeGuard>
 #include <QScrollArea>
 #include <QScrollBar>
 #include <QTest>
-#include <QVBoxLayout>
 
 #include "ViewExtensions.h"
 #include "ViewExtensions_p.h"
@@ -100,80 +94,4 @@ TEST(ViewExtensionsTest, LightAppearanceOverridesTheParentUntilSwitchedOff) {
     dark.setColor(QPalette::Window, QColor(60, 0, 0));
     parent.setPalette(dark);
     EXPECT_EQ(view->palette().color(QPalette::Window), QColor(60, 0, 0));
-}
-
-// Only the desktop portal's own color-scheme changes count, once per live registration.
-TEST(ViewExtensionsTest, DarkModeCallsEachLiveViewOnceUntilUnregistered) {
-    const QString name = "org.freedesktop.portal.Desktop";
-    QDBusConnection portal = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "portal");
-    const auto release = qScopeGuard([&] {
-        portal.unregisterService(name);
-        QDBusConnection::disconnectFromBus("portal");
-    });
-    // Test programs side by side on the bus queue for the name.
-    portal.interface()->registerService(name, QDBusConnectionInterface::QueueService,
-                                        QDBusConnectionInterface::DontAllowReplacement);
-    ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return portal.interface()->serviceOwner(name).value() == portal.baseService(); },
-        60000));
-    const auto announce = [&](QDBusConnection sender, const QString &area, const QString &key) {
-        // After one round trip the bus has taken new match rules and earlier signals.
-        QDBusConnection::sessionBus().interface()->isServiceRegistered(name);
-        QDBusMessage signal = QDBusMessage::createSignal(
-            "/org/freedesktop/portal/desktop", "org.freedesktop.portal.Settings", "SettingChanged");
-        signal << area << key << QVariant::fromValue(QDBusVariant(uint(1)));
-        EXPECT_TRUE(sender.send(signal));
-    };
-    QWidget first, second;
-    int firstCalls = 0, secondCalls = 0, destroyedCalls = 0;
-    auto *doomed = new QWidget;
-    registerDarkModeNotifications(doomed, [&destroyedCalls] { ++destroyedCalls; });
-    registerDarkModeNotifications(&first, [&firstCalls] { ++firstCalls; });
-    registerDarkModeNotifications(&second, [&secondCalls] { ++secondCalls; });
-    delete doomed;
-    const QString appearance = "org.freedesktop.appearance";
-    announce(portal, appearance, "accent-color");
-    announce(portal, "org.gnome.desktop.interface", "color-scheme");
-    announce(QDBusConnection::sessionBus(), appearance, "color-scheme");
-    announce(portal, appearance, "color-scheme");
-    ASSERT_TRUE(QTest::qWaitFor([&] { return secondCalls >= 1; }));
-    EXPECT_TRUE(firstCalls == 1 && secondCalls == 1 && destroyedCalls == 0);
-    unregisterDarkModeNotifications(&first);
-    announce(portal, appearance, "color-scheme");
-    ASSERT_TRUE(QTest::qWaitFor([&] { return secondCalls == 2; }));
-    EXPECT_EQ(firstCalls, 1);
-    unregisterDarkModeNotifications(&second);
-}
-
-// The wrapper takes the view's layout slot or frame; the view keeps size and visibility.
-TEST(ViewExtensionsTest, EffectViewTakesTheWrappedViewsPlaceOnce) {
-    QWidget parent;
-    auto *layout = new QVBoxLayout(&parent);
-    layout->addWidget(new QLabel("Top"));
-    auto *view = new QLabel("Middle");
-    layout->addWidget(view);
-    auto *loose = new QLabel("Loose", &parent);
-    auto *hidden = new QLabel("Hidden", &parent);
-    hidden->hide();
-    parent.show();
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(&parent));
-    loose->setGeometry(10, 20, 80, 40);
-    const QRect frame = view->geometry();
-
-    KVVisualEffectView *effect = wrapInVisualEffectView(view);
-    KVVisualEffectView *looseEffect = wrapInVisualEffectView(loose);
-    ASSERT_TRUE(effect && looseEffect);
-    QCoreApplication::sendPostedEvents();
-    layout->activate();
-    EXPECT_EQ(layout->indexOf(effect), 1);
-    EXPECT_EQ(effect->geometry(), frame);
-    EXPECT_EQ(view->geometry(), QRect(QPoint(0, 0), frame.size()));
-    EXPECT_TRUE(view->isVisible() && loose->isVisible());
-    EXPECT_EQ(wrapInVisualEffectView(view), effect);
-    EXPECT_EQ(looseEffect->geometry(), QRect(10, 20, 80, 40));
-    wrapInVisualEffectView(hidden);
-    EXPECT_TRUE(hidden->isHidden());
-    // Raised, it becomes its parent's last child (above the later wrapper).
-    bringToFrontInsideSuperView(effect);
-    EXPECT_EQ(parent.children().last(), effect);
 }
