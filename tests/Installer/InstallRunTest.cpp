@@ -223,7 +223,7 @@ TEST_F(InstallRunSoundTest, CompletionSoundIsHeardOnceAtTheAlertVolumeUnlessSile
         EXPECT_TRUE(server->startCapture());
         setUp({"-completionSound", "YES"});
         controller->installationFinished(QString());
-        return server->stopCapture(SoundServer::kSinkName, 1500);
+        return server->stopCapture(1500);
     };
     const QVector<float> full = finishAndRecord();
     settings.setObject(0.61, "com.apple.sound.beep.volume");
