@@ -9,11 +9,6 @@ namespace {
 
 QString canonical(const QString &path) { return QFileInfo(path).canonicalFilePath(); }
 
-bool wasKilled(pid_t pid) {
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-}
-
 class KVProcessTest : public testing::Test {
 protected:
     void TearDown() override {
@@ -145,7 +140,10 @@ TEST_F(KVProcessTest, QuitTerminatesFirstAndKillsAfterTheTimeout) {
               (QStringList{"quit Polite: terminated after Ts (N attempts)",
                            "force-quit Stubborn: terminated after Ts (N attempts)"}));
     EXPECT_FALSE(polite->isStillRunning());
-    EXPECT_TRUE(wasKilled(children.takeLast()));
+    const pid_t pid = children.takeLast();
+    int status = 0;
+    EXPECT_TRUE(waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) &&
+                WTERMSIG(status) == SIGKILL);
 }
 
 TEST_F(KVProcessTest, TimesComeFromTheSystemAndTheDiagnosticsListIsSorted) {

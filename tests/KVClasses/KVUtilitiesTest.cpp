@@ -91,8 +91,7 @@ TEST(KVUtilitiesScriptTest, ScriptsRunDirectlyWithTheirOutputOrAFailureText) {
     const auto failed = [](const char *name, int error) {
         return QString("script %1 failed: %2").arg(name, QString::fromLocal8Bit(strerror(error)));
     };
-    // Script (in the folder, or "~/..."), body (none: no such file), parameters, time-out, result,
-    // log.
+    // Script (in the folder or "~/"), body (none: missing), parameters, time-out, result, log.
     // clang-format off
     const std::tuple<QString, QByteArray, std::optional<QStringList>, double, QString, QStringList> rows[] = {
         {"report.sh", "echo \"$# [$1] [$2]\"; echo to-errors >&2; pwd; cat", QStringList{"a b", "'\"$HOME;"},
