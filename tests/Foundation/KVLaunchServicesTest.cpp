@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
-#include <QFile>
 #include <QImage>
 #include <QImageWriter>
 #include <QProcess>
@@ -16,15 +15,9 @@
 #include "TestBundle.h"
 #include "TestEnvironment.h"
 
-namespace {
-QString read(const QString &path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
-}  // namespace
-
 // The desktop's own validator and launcher must accept an executable path
-// with ", `, $, \ and %: quoting that only looks right fails there.
+// with ", `, $, \ and %: quoting that only looks right fails there. No
+// identifier, or one escaping the folder, is refused.
 TEST(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) {
     const QString folder = TestEnvironment::makeTempDir("register");
     const QString bundle = TestBundle::make(folder + "/a \"b\" $c `d` %e", "Shown App",
@@ -37,14 +30,16 @@ TEST(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) {
     const QString data = qEnvironmentVariable("XDG_DATA_HOME");
     const QString entry = data + "/applications/org.velmora.test.shown.desktop";
     const QString png = data + "/icons/hicolor/256x256/apps/org.velmora.test.shown.png";
-
     EXPECT_EQ(KVLaunchServices::registerURL(bundle, true), KVLaunchServices::noErr);
-    EXPECT_TRUE(read(entry).contains(
-        QString("\nExec=/usr/bin/env \"%1/a \\\\\"b\\\\\" \\\\$c \\\\`d\\\\` %%e"
-                "/Shown App.app/Contents/MacOS/Shown App\"\n")
-            .arg(folder)))
-        << qPrintable(read(entry));
-    EXPECT_TRUE(read(entry).contains("\nIcon=" + png + "\n"));
+    QFile file(entry);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QString text = QString::fromUtf8(file.readAll());
+    EXPECT_TRUE(
+        text.contains(QString("\nExec=/usr/bin/env \"%1/a \\\\\"b\\\\\" \\\\$c \\\\`d\\\\` %%e"
+                              "/Shown App.app/Contents/MacOS/Shown App\"\n")
+                          .arg(folder)))
+        << qPrintable(text);
+    EXPECT_TRUE(text.contains("\nIcon=" + png + "\n"));
     EXPECT_EQ(QImage(png).size(), QSize(256, 256));
     const QString validator = QStandardPaths::findExecutable("desktop-file-validate");
     ASSERT_FALSE(validator.isEmpty()) << "scripts/install-deps installs desktop-file-utils";
@@ -52,8 +47,6 @@ TEST(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) {
     EXPECT_EQ(QProcess::execute("gio", {"launch", entry}), 0);
     EXPECT_TRUE(QTest::qWaitFor([&] { return TestBundle::runningFrom(bundle) > 0; }, 10000));
     TestBundle::stopProcessesAt(bundle);
-
-    // No identifier, or one escaping the folder, is refused.
     for (const QString &path :
          {TestBundle::make(folder, "Anonymous", {}),
           TestBundle::make(folder, "Escaping", {{"CFBundleIdentifier", "../../evil"}})})
@@ -94,11 +87,9 @@ TEST(KVUserDefaultsTest, ArgumentsOverrideStoredValuesAndTextsReadByTheirLeading
     EXPECT_EQ(KVUserDefaults::argumentDomain(), (QVariantMap{{"volume", "7"}, {"b", "YES"}}));
     KVUserDefaults::setArgumentDomain({});
     EXPECT_EQ(defaults.integerForKey("volume"), 3);
-
-    for (const char *text : {"YES", "true", " 07", "-1", "+9x"})
-        EXPECT_TRUE(KVUserDefaults::boolValue(text)) << text;
-    for (const char *text : {"00", "NO", "  ", "maybe"})
-        EXPECT_FALSE(KVUserDefaults::boolValue(text)) << text;
+    const QStringList truthy{"YES", "true", " 07", "-1", "+9x"};
+    for (const QString &text : truthy + QStringList{"00", "NO", "  ", "maybe"})
+        EXPECT_EQ(KVUserDefaults::boolValue(text), truthy.contains(text)) << qPrintable(text);
     constexpr qint64 kMax = std::numeric_limits<qint64>::max();
     // clang-format off
     const std::pair<const char *, qint64> integers[] = {{"  -12abc", -12}, {"abc", 0},

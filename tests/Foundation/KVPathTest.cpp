@@ -34,8 +34,8 @@ TEST(KVPathTest, SplitsJoinsExpandsAndAbbreviatesLikeThePlatform) {
             KVPath::pathExtension(c[0]), KVPath::stringByDeletingPathExtension(c[0])};
         EXPECT_EQ(got, QStringList({c[1], c[2], c[3], c[4]})) << qPrintable(c[0]);
     }
-    for (const auto &c : joined)
-        EXPECT_EQ(KVPath::stringByAppendingPathComponent(c[0], c[1]), c[2]) << qPrintable(c[0]);
+    for (const auto &[path, component, result] : joined)
+        EXPECT_EQ(KVPath::stringByAppendingPathComponent(path, component), result);
     EXPECT_EQ(KVPath::stringByAppendingPathExtension("/tmp/x/", "tiff"), "/tmp/x.tiff");
 
     const QString home = QFile::decodeName(qgetenv("HOME"));
@@ -69,17 +69,15 @@ TEST(KVBundleTest, FindsItsExecutableAndResources) {
     EXPECT_TRUE(KVBundle::enclosingApplicationBundle("/a/P.apple/x").isNull());
 }
 
-// Arrays of one element each, the innermost holding the string "x".
-static QByteArray nested(int depth, Format format) {
-    QVariant value = QString("x");
-    for (int i = 0; i < depth; ++i) value = QVariantList{value};
-    return KVPropertyList::toData(value, format);
-}
-
 // Lists from hostile bundles: too deep ones are refused before the
 // (recursive) parser sees them, and an Info.plist that is no regular file is
 // never opened nor waited on.
 TEST(KVPropertyListTest, ReadsBothFormsAndRefusesMalformedOrTooDeepLists) {
+    const auto nested = [](int depth, Format format) {  // the innermost holds "x"
+        QVariant value = QString("x");
+        for (int i = 0; i < depth; ++i) value = QVariantList{value};
+        return KVPropertyList::toData(value, format);
+    };
     const QVariantMap info{{"CFBundleIdentifier", "org.example.product"}};
     const QByteArray deepXml =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">" +

@@ -1,6 +1,6 @@
-// A FIFO that no reader may wait on: the code under test must never open it.
-// Should it try, a watcher opens the writing end at once, which ends the
-// reader's wait with an empty file, so the test fails instead of hanging.
+// A FIFO the code under test must never open: should it try, a watcher opens
+// the writing end at once, ending the reader's wait with an empty file, so
+// the test fails instead of hanging.
 #pragma once
 
 #include <fcntl.h>
@@ -16,13 +16,8 @@ class FifoWatch {
 public:
     explicit FifoWatch(const QString &path)
         : m_path(QFile::encodeName(path)), m_made(mkfifo(m_path.constData(), 0644) == 0) {}
-    ~FifoWatch() {
-        m_done = true;
-        m_watcher.join();
-    }
-
+    ~FifoWatch() { m_done = true, m_watcher.join(); }
     bool made() const { return m_made; }
-    // Whether anything opened the FIFO to read.
     bool readerWaited() const { return m_readerWaited; }
 
 private:
@@ -30,11 +25,10 @@ private:
     const bool m_made;
     std::atomic<bool> m_done{false}, m_readerWaited{false};
     std::thread m_watcher{[this] {
-        while (!m_done) {
+        for (; !m_done; QThread::msleep(20)) {
             // Opening to write without waiting works only while a reader has it open.
             const int fd = open(m_path.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
             if (fd >= 0) m_readerWaited = true, close(fd);
-            QThread::msleep(20);
         }
     }};
 };

@@ -2,21 +2,46 @@
 // while the object lives.
 #pragma once
 
+#include <unistd.h>
+
+#include <QRegularExpression>
 #include <QTemporaryFile>
 
 #include "QtPrinters.h"
 
 class LogCapture {
 public:
-    LogCapture();
-    ~LogCapture();
-
-    // Everything written so far.
-    QString text() const;
-    // The messages of the log lines so far, without their date/process prefix.
-    QStringList messages() const;
+    LogCapture() {
+        m_file.open();
+        fflush(stderr);
+        dup2(m_file.handle(), STDERR_FILENO);
+    }
+    ~LogCapture() {
+        fflush(stderr);
+        dup2(m_savedFd, STDERR_FILENO);
+        close(m_savedFd);
+    }
+    QString text() const {
+        QFile file(m_file.fileName());
+        file.open(QIODevice::ReadOnly);
+        return QString::fromUtf8(file.readAll());
+    }
+    // The messages of the log lines so far, without their date/process prefix;
+    // lines without that prefix continue the message before them.
+    QStringList messages() const {
+        static const QRegularExpression prefix(
+            R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [^\[\n]+\[\d+:\d+\] )",
+            QRegularExpression::MultilineOption);
+        const QString all = text();
+        const qsizetype first = all.indexOf(prefix);
+        QStringList result =
+            first < 0 ? QStringList() : all.mid(first).split(prefix, Qt::SkipEmptyParts);
+        for (QString &message : result)
+            if (message.endsWith('\n')) message.chop(1);
+        return result;
+    }
 
 private:
     QTemporaryFile m_file;
-    int m_savedFd = -1;
+    const int m_savedFd = dup(STDERR_FILENO);
 };

@@ -5,10 +5,8 @@
 #include <ostream>
 
 inline void PrintTo(const QString &s, std::ostream *os) { *os << '"' << s.toStdString() << '"'; }
-
 inline void PrintTo(const QStringList &list, std::ostream *os) {
     *os << "{ ";
-    for (qsizetype i = 0; i < list.size(); ++i)
-        *os << (i > 0 ? ", \"" : "\"") << list[i].toStdString() << '"';
-    *os << " }";
+    for (const QString &s : list) PrintTo(s, os), *os << ' ';
+    *os << '}';
 }

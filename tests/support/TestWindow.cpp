@@ -1,13 +1,11 @@
-// A real program with real top-level windows for the window-server tests. It
-// writes "ready" once all of them are on screen and runs until it is killed.
-//   --title NAME     window title; with several windows "NAME 1", "NAME 2", ...
-//   --windows N      number of top-level windows (default 1)
-//   --fullscreen     the windows fill the screen
-//   --grab-keyboard  the first window holds the keyboard grabbed, as a
-//                    password dialog does ("ready" only once it holds it)
-//   --cycle-focus    the first window holds two line edits named "first" and
-//                    "second" and a slider; every 50 ms the focus moves to the
-//                    other line edit and the slider's value changes
+// Real top-level windows for the window tests; prints "ready" once all are
+// on screen and runs until it is killed.
+//   --title NAME     the title; with several windows "NAME 1", "NAME 2", ...
+//   --windows N      that many windows (default 1)
+//   --fullscreen     they fill the screen
+//   --grab-keyboard  the first holds the keyboard grabbed, as a password dialog does
+//   --cycle-focus    the first holds line edits "first" and "second" and a
+//                    slider; every 50 ms the focus moves and the value changes
 #include <QApplication>
 #include <QLineEdit>
 #include <QSlider>
@@ -32,7 +30,6 @@ int main(int argc, char **argv) {
         window->setGeometry(40 + 60 * i, 40 + 40 * i, 240, 160);
         arguments.contains("--fullscreen") ? window->showFullScreen() : window->show();
     }
-
     QTimer cycle;
     if (arguments.contains("--cycle-focus")) {
         auto *layout = new QVBoxLayout(windows.front().get());
@@ -40,22 +37,20 @@ int main(int argc, char **argv) {
         auto *slider = new QSlider(Qt::Horizontal);
         first->setAccessibleName("first");
         second->setAccessibleName("second");
-        layout->addWidget(first);
-        layout->addWidget(second);
-        layout->addWidget(slider);
+        for (QWidget *widget : {(QWidget *)first, (QWidget *)second, (QWidget *)slider})
+            layout->addWidget(widget);
         QObject::connect(&cycle, &QTimer::timeout, [=] {
             (first->hasFocus() ? second : first)->setFocus();
             slider->setValue((slider->value() + 1) % 100);
         });
         cycle.start(50);
     }
-
-    // A window is exposed once the window manager has mapped it.
+    // Exposed once the window manager has mapped them; another client may
+    // hold the keyboard for a moment.
     QTimer poll;
     QObject::connect(&poll, &QTimer::timeout, [&] {
         for (const auto &window : windows)
             if (!window->windowHandle() || !window->windowHandle()->isExposed()) return;
-        // Another client may hold the keyboard for a moment: try again.
         if (arguments.contains("--grab-keyboard") &&
             !windows.front()->windowHandle()->setKeyboardGrabEnabled(true))
             return;
