@@ -2,12 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
-#include <QImage>
-#include <QImageWriter>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTest>
-#include <limits>
 
 #include "KVLaunchServices.h"
 #include "KVLoginItems.h"
@@ -18,18 +15,13 @@
 // The desktop's own validator and launcher must accept an executable path
 // with ", `, $, \ and %: quoting that only looks right fails there. No
 // identifier, or one escaping the folder, is refused.
-TEST(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) {
+TEST(KVLaunchServicesTest, RegisteredBundleGetsADesktopEntryTheDesktopAccepts) {
     const QString folder = TestEnvironment::makeTempDir("register");
-    const QString bundle = TestBundle::make(folder + "/a \"b\" $c `d` %e", "Shown App",
-                                            {{"CFBundleIdentifier", "org.velmora.test.shown"},
-                                             {"CFBundleName", "Shown App"},
-                                             {"CFBundleIconFile", "Shown"}});
-    QImage icon(512, 512, QImage::Format_ARGB32);
-    icon.fill(Qt::green);
-    ASSERT_TRUE(QImageWriter(bundle + "/Contents/Resources/Shown.icns", "icns").write(icon));
-    const QString data = qEnvironmentVariable("XDG_DATA_HOME");
-    const QString entry = data + "/applications/org.velmora.test.shown.desktop";
-    const QString png = data + "/icons/hicolor/256x256/apps/org.velmora.test.shown.png";
+    const QString bundle = TestBundle::make(
+        folder + "/a \"b\" $c `d` %e", "Shown App",
+        {{"CFBundleIdentifier", "org.velmora.test.shown"}, {"CFBundleName", "Shown App"}});
+    const QString entry =
+        qEnvironmentVariable("XDG_DATA_HOME") + "/applications/org.velmora.test.shown.desktop";
     EXPECT_EQ(KVLaunchServices::registerURL(bundle, true), KVLaunchServices::noErr);
     QFile file(entry);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
@@ -39,8 +31,6 @@ TEST(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) {
                               "/Shown App.app/Contents/MacOS/Shown App\"\n")
                           .arg(folder)))
         << qPrintable(text);
-    EXPECT_TRUE(text.contains("\nIcon=" + png + "\n"));
-    EXPECT_EQ(QImage(png).size(), QSize(256, 256));
     const QString validator = QStandardPaths::findExecutable("desktop-file-validate");
     ASSERT_FALSE(validator.isEmpty()) << "scripts/install-deps installs desktop-file-utils";
     EXPECT_EQ(QProcess::execute(validator, {entry}), 0);
@@ -53,7 +43,7 @@ TEST(KVLaunchServicesTest, RegisteredBundleGetsAValidDesktopEntryWithItsIcon) {
         EXPECT_EQ(KVLaunchServices::registerURL(path, true), KVLaunchServices::paramErr);
 }
 
-// Only Exec and Hidden of [Desktop Entry] count, in *.desktop files by name.
+// Only Exec and Hidden of [Desktop Entry] count.
 TEST(KVLoginItemsTest, ResolvesEntriesToTheirBundleOrProgram) {
     const QString autostart = qEnvironmentVariable("XDG_CONFIG_HOME") + "/autostart";
     const QString folder = TestEnvironment::makeTempDir("loginitems");
@@ -71,14 +61,10 @@ TEST(KVLoginItemsTest, ResolvesEntriesToTheirBundleOrProgram) {
         TestEnvironment::writeFile(autostart + "/entry.desktop", body.toUtf8() + "\n");
         EXPECT_EQ(KVLoginItems::resolvedPaths(), resolved) << qPrintable(body);
     }
-    TestEnvironment::writeFile(autostart + "/a.desktop", (group + "Exec=" + inApp).toUtf8());
-    TestEnvironment::writeFile(autostart + "/b.desktop.bak", (group + "Exec=sh").toUtf8());
-    EXPECT_EQ(KVLoginItems::resolvedPaths(), (QStringList{app, sh}));  // by file name
     QDir(autostart).removeRecursively();
 }
 
-// A dashed word is never a value. The first significant character decides a
-// boolean; an integer saturates rather than wrapping.
+// A dashed word is never a value; the first significant character decides a boolean.
 TEST(KVUserDefaultsTest, ArgumentsOverrideStoredValuesAndTextsReadByTheirLeadingCharacters) {
     KVUserDefaults defaults("org.example.arguments");
     defaults.setObject(3, "volume");
@@ -90,12 +76,6 @@ TEST(KVUserDefaultsTest, ArgumentsOverrideStoredValuesAndTextsReadByTheirLeading
     const QStringList truthy{"YES", "true", " 07", "-1", "+9x"};
     for (const QString &text : truthy + QStringList{"00", "NO", "  ", "maybe"})
         EXPECT_EQ(KVUserDefaults::boolValue(text), truthy.contains(text)) << qPrintable(text);
-    constexpr qint64 kMax = std::numeric_limits<qint64>::max();
-    // clang-format off
-    const std::pair<const char *, qint64> integers[] = {{"  -12abc", -12}, {"abc", 0},
-        {"99999999999999999999", kMax}, {"-99999999999999999999", -kMax - 1}};
-    // clang-format on
-    for (const auto &[text, value] : integers)
-        EXPECT_EQ(KVUserDefaults::integerValue(text), value) << text;
+    EXPECT_EQ(KVUserDefaults::integerValue("  -12abc"), -12);
     EXPECT_DOUBLE_EQ(KVUserDefaults::doubleValue("  -2.25xyz"), -2.25);
 }

@@ -1,5 +1,4 @@
-// Real application bundles for tests: a folder in the macOS layout with an
-// Info.plist and a copy of a test program as its executable.
+// Real application bundles for tests, with a test program as their executable.
 #pragma once
 
 #include <QDir>
@@ -37,8 +36,7 @@ inline QString make(const QString &folder, const QString &name, QVariantMap info
     return bundle;
 }
 
-// This test process's own product code: a run quits every running copy with
-// it, and other test processes run theirs beside.
+// This test process's own: a run quits every copy with it, not other tests'.
 inline QString productCode() {
     const char *digits = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
     QString code = "R";
@@ -67,8 +65,7 @@ inline pid_t start(const QString &program, const QStringList &arguments = {}) {
     return child.ready ? child.pid : -1;
 }
 
-// Kills every process whose bundle (or executable) lies at or below the
-// path: launched copies run in sessions of their own.
+// Kills what runs at or below the path: launched copies have sessions of their own.
 inline void stopProcessesAt(const QString &path) {
     for (const KVProcessRef &process : KVProcess::allProcesses())
         if (process->path().startsWith(path)) kill(process->unixPID(), SIGKILL);

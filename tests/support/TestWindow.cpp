@@ -1,8 +1,5 @@
-// Real top-level windows for the window tests; prints "ready" once all are
-// on screen and runs until it is killed.
-//   --title NAME     the title; with several windows "NAME 1", "NAME 2", ...
-//   --windows N      that many windows (default 1)
-//   --fullscreen     they fill the screen
+// Real windows for the window tests; prints "ready" once all are on screen.
+//   --title NAME (numbered when several), --windows N, --fullscreen,
 //   --grab-keyboard  the first holds the keyboard grabbed, as a password dialog does
 //   --cycle-focus    the first holds line edits "first" and "second" and a
 //                    slider; every 50 ms the focus moves and the value changes
