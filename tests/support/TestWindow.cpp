@@ -1,6 +1,6 @@
 // Real windows for the window tests; prints "ready" once all are on screen.
-//   --title NAME (numbered when several), --windows N, --fullscreen,
-//   --grab-keyboard  the first holds the keyboard grabbed, as a password dialog does
+//   --title NAME     numbered "NAME 1", "NAME 2", ... when there are several
+//   --windows N      that many (default 1)
 //   --cycle-focus    the first holds line edits "first" and "second" and a
 //                    slider; every 50 ms the focus moves and the value changes
 #include <QApplication>
@@ -25,7 +25,7 @@ int main(int argc, char **argv) {
         auto &window = windows.emplace_back(std::make_unique<QWidget>());
         window->setWindowTitle(count == 1 ? title : QStringLiteral("%1 %2").arg(title).arg(i + 1));
         window->setGeometry(40 + 60 * i, 40 + 40 * i, 240, 160);
-        arguments.contains("--fullscreen") ? window->showFullScreen() : window->show();
+        window->show();
     }
     QTimer cycle;
     if (arguments.contains("--cycle-focus")) {
@@ -42,15 +42,11 @@ int main(int argc, char **argv) {
         });
         cycle.start(50);
     }
-    // Exposed once the window manager has mapped them; another client may
-    // hold the keyboard for a moment.
+    // Exposed once the window manager has mapped them.
     QTimer poll;
     QObject::connect(&poll, &QTimer::timeout, [&] {
         for (const auto &window : windows)
             if (!window->windowHandle() || !window->windowHandle()->isExposed()) return;
-        if (arguments.contains("--grab-keyboard") &&
-            !windows.front()->windowHandle()->setKeyboardGrabEnabled(true))
-            return;
         poll.stop();
         std::puts("ready");
         std::fflush(stdout);
