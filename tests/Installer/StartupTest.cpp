@@ -4,11 +4,8 @@
 #include <QDir>
 #include <QProcess>
 #include <QTest>
-#include <QTimer>
-#include <csignal>
 
 #include "InstallerRun.h"
-#include "TestEnvironment.h"
 
 namespace {
 
@@ -87,24 +84,6 @@ TEST_F(StartupTest, WithoutADisplayTheInstallerSaysSoAndEnds) {
         "] No display to show the installer on: neither DISPLAY nor WAYLAND_DISPLAY is set\n";
     EXPECT_TRUE(output.endsWith(line)) << qPrintable(output);
     EXPECT_TRUE(log().endsWith(line)) << qPrintable(log());
-}
-
-// While the session bus does not answer, the handler cannot be in place.
-TEST_F(StartupTest, TheEventsLineWaitsForTheHandler) {
-    QProcess bus;
-    bus.start("dbus-daemon", {"--session", "--nofork", "--print-address"});
-    ASSERT_TRUE(bus.waitForReadyRead(10000));
-    environment.insert("DBUS_SESSION_BUS_ADDRESS", QString::fromUtf8(bus.readLine()).trimmed());
-    kill(pid_t(bus.processId()), SIGSTOP);
-    bool early = true;
-    QTimer::singleShot(1000, [&] {
-        early = output.contains("AppleEvents");
-        kill(pid_t(bus.processId()), SIGCONT);
-    });
-    EXPECT_TRUE(runUntil(installer, road(), "] AppleEvents installed\n")) << qPrintable(output);
-    EXPECT_FALSE(early);
-    bus.kill();
-    bus.waitForFinished(5000);
 }
 
 }  // namespace

@@ -1,30 +1,29 @@
 // Install is pressed over the accessibility bus: nothing can type into a headless compositor.
 #include <gtest/gtest.h>
 
-#include <QDir>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTest>
 
 #include "Accessibility.h"
 #include "InstallerRun.h"
 #include "WaylandSession.h"
-#include "XSession.h"
 
 namespace {
 
 using Clients = WaylandSession::Clients;
 
-class WaylandTest : public testing::TestWithParam<Clients> {};
+class WaylandTest : public testing::TestWithParam<Clients>, protected InstallerRun::Road {
+protected:
+    void SetUp() override { makeRoad("wayland"); }
+    void TearDown() override { tearDownRoad(); }
+};
 
 TEST_P(WaylandTest, RoadOfOneInstallation) {
     WaylandSession session;
     const QString error = session.start(GetParam());
     ASSERT_TRUE(error.isEmpty()) << qPrintable(error);
-    InstallerRun::Road road;
-    road.makeRoad("wayland");
-    const QString &folder = road.folder;
-    const pid_t older = TestBundle::start(TestBundle::executableOf(
+    // Another installer runs: the launched product must find the one that launched it.
+    TestBundle::start(TestBundle::executableOf(
         TestBundle::make(folder + "/older", "Installer", {{"CFBundleSignature", "VlIn"}})));
     const auto client = session.clientScope();
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -33,12 +32,10 @@ TEST_P(WaylandTest, RoadOfOneInstallation) {
     environment.insert("XDG_STATE_HOME", folder + "/state");
     auto installer = std::make_unique<QProcess>();
     installer->setProcessEnvironment(environment);
-    installer->start(
-        KV_INSTALLER_APP "/Contents/MacOS/Installer",
-        {"-productName", "Product", "-version", "2.0", "-sourcePath", road.source, "-productCode",
-         TestBundle::productCode(), "-destinationPath", road.destination});
+    installer->start(KV_INSTALLER_APP "/Contents/MacOS/Installer",
+                     {"-productName", "Product", "-version", "2.0", "-sourcePath", source,
+                      "-productCode", TestBundle::productCode(), "-destinationPath", destination});
     const auto log = [&] { return InstallerRun::logText(folder + "/state"); };
-
     // A native window belongs to the installer's own connection.
     const QRegularExpression shown(
         (GetParam() == Clients::Native
@@ -55,8 +52,6 @@ TEST_P(WaylandTest, RoadOfOneInstallation) {
         QTest::qWaitFor([&] { return log().contains("received Done event (Product 2.0)"); }, 60000))
         << qPrintable(log());
     XSession::stop(installer);
-    TestBundle::stop(older);
-    road.tearDownRoad();
 }
 
 INSTANTIATE_TEST_SUITE_P(Clients, WaylandTest, testing::Values(Clients::Native, Clients::XWayland),

@@ -2,8 +2,6 @@
 
 #include <QApplication>
 #include <QDesktopServices>
-#include <QDir>
-#include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QRegularExpression>
@@ -13,7 +11,6 @@
 #include "FifoWatch.h"
 #include "InstallerRun.h"
 #include "InstallerWindow.h"
-#include "TestEnvironment.h"
 #include "WindowShot.h"
 
 // Receives what the window asks the desktop to open, instead of a browser.
@@ -62,14 +59,6 @@ protected:
             .arg(title(ui().installButton), title(ui().cancelButton))
             .arg(quits->count());
     }
-    // Whether the path, explanation, message and "?" are hidden (1) or shown.
-    QString hidden() const {
-        return QString("%1%2%3%4")
-            .arg(ui().pathField->isHidden())
-            .arg(ui().explanationField->isHidden())
-            .arg(ui().messageField->isHidden())
-            .arg(ui().helpButton->isHidden());
-    }
     QVariant arg(const QString &key) const { return controller->arguments().value(key); }
     bool has(const QString &key) const { return controller->arguments().contains(key); }
     QString file(const QString &name, const QByteArray &contents) const {
@@ -77,20 +66,6 @@ protected:
         return folder + "/" + name;
     }
     void click(QAbstractButton *button) const { QTest::mouseClick(button, Qt::LeftButton); }
-    void screenshot(const QString &name) const { windowShot(*controller, name); }
-    // Laid out once, late: each text must still span the column, with room for all of it.
-    void expectInstallPageLaidOut() const {
-        const QWidget *page = ui().installPage;
-        for (const QLabel *label : page->findChildren<QLabel *>()) {
-            if (!label->isVisibleTo(page) || label->text().isEmpty()) continue;
-            const QRect r = label->geometry();
-            const int needed = label->hasHeightForWidth() ? label->heightForWidth(r.width())
-                                                          : label->sizeHint().height();
-            EXPECT_TRUE(page->rect().contains(r) && r.height() >= needed &&
-                        r.x() == ui().nameField->x() && r.right() == page->rect().right())
-                << qPrintable(label->objectName()) << qPrintable(QDebug::toString(r));
-        }
-    }
 
     QString folder, product;
     OpenedUrls opened;
@@ -108,10 +83,9 @@ TEST_F(ArgumentsTest, WordsPairIntoKeysAndCodesCollect) {
     EXPECT_EQ(controller->productVersion(), "3");
     controller->extractArguments();
     EXPECT_EQ(arg("productCode").toStringList(), (QStringList{"ABCD", "EFGH"}));
-
     EXPECT_FALSE(
-        InstallerWinController::isLaunchedWithArguments({"/x/Installer", "-x"}) ||
         InstallerWinController::isLaunchedWithArguments({"/x/I", "-AppleLanguages", "de"}));
+    // Inside the product, the installer takes what it lacks from there.
     ASSERT_TRUE(setUp({}, product + "/Contents/Resources/Installer.app"));
     EXPECT_EQ(
         log.filter("shortened path = "),
@@ -137,40 +111,30 @@ TEST_F(ArgumentsTest, DestinationAndWrapperFolder) {
             {"-sourcePath", product, "-destinationPath", given, "-wrapperPath", wrapperPath}));
         EXPECT_EQ(arg("destinationPath").toString(), expected) << qPrintable(wrapperPath);
         EXPECT_EQ(has("wrapperPath"), wrapperPath == wrapper);
-        EXPECT_EQ(log.contains("wrapper = " + wrapper), wrapperPath == wrapper);
-    }
-}
-
-TEST_F(WindowTest, SetupErrorsShowTheirMessageAndOKQuits) {
-    const QString opt = "/opt/Installer.app";
-    const QString cases[][3] = {
-        {folder + "/Loose/Installer.app", {}, "missing source path"},
-        {opt, "", "missing program name"},
-        {opt, TestBundle::make(folder, "Unsigned", {}), "missing product signature"}};
-    for (const auto &[installer, source, message] : cases) {
-        ASSERT_FALSE(
-            setUp(source.isNull() ? QStringList() : QStringList{"-sourcePath", source}, installer));
-        EXPECT_EQ(log.last(), message);
-        EXPECT_TRUE(controller->isFinished() && controller->window()->isVisible());
-        EXPECT_FALSE(controller->window()->windowTitle().contains('%'));
-        EXPECT_EQ(ui().introField->text(), message);
-        EXPECT_EQ(hidden(), "1111");
-        expectInstallPageLaidOut();
-        if (installer != opt) screenshot("setup-error");
-        EXPECT_EQ(seen(), "1 OK/- q0");
-        click(ui().installButton);
-        EXPECT_EQ(quits->count(), 1);
     }
 }
 
 TEST_F(WindowTest, ReadMeComesFirstAndTheButtonsAndKeysWalkBetweenThePages) {
-    ASSERT_TRUE(setUp(productWords({"-readMePath", file("ReadMe.md", "# Hi\n\nThis is **P**.")})));
+    ASSERT_FALSE(setUp({}, folder + "/Loose/Installer.app"));
+    EXPECT_EQ(ui().introField->text(), "missing source path");
+    windowShot(*controller, "setup-error");
+    EXPECT_EQ(seen(), "1 OK/- q0");
+    click(ui().installButton);
+    EXPECT_EQ(quits->count(), 1);
+
+    const QString doc = file("Manual.pdf", "%PDF-1.4");
+    ASSERT_TRUE(setUp(productWords(
+        {"-readMePath", file("ReadMe.md", "# Hi\n\nThis is **P**."), "-documentationPath", doc})));
     EXPECT_EQ(seen(), "0 Continue/Cancel q0");
     EXPECT_TRUE(ui().readMeTextView->toPlainText().contains("This is P."));
-    screenshot("read-me-page");
+    windowShot(*controller, "read-me-page");
     click(ui().installButton);
     EXPECT_EQ(seen(), "1 Install/Go Back q0");
-    expectInstallPageLaidOut();
+    EXPECT_EQ(ui().nameField->text() + "|" + ui().introField->text(),
+              "Product 2.1|This installs Product on your computer.");
+    windowShot(*controller, "install-page");
+    click(ui().helpButton);
+    EXPECT_EQ(opened.urls.value(0).toLocalFile(), doc);
     QTest::keyClick(controller->window(), Qt::Key_Escape);
     EXPECT_EQ(seen(), "0 Continue/Cancel q0");
     QTest::keyClick(controller->window(), Qt::Key_Escape);
@@ -178,51 +142,20 @@ TEST_F(WindowTest, ReadMeComesFirstAndTheButtonsAndKeysWalkBetweenThePages) {
 
     ASSERT_TRUE(setUp(productWords({"-readMePath", folder + "/missing.rtf"})));
     EXPECT_EQ(seen(), "1 Install/Go Back q0");
-    click(ui().cancelButton);
-    EXPECT_EQ(seen(), "0 Continue/Cancel q0");
-    EXPECT_TRUE(ui().readMeTextView->toPlainText().isEmpty());
+    EXPECT_TRUE(ui().helpButton->isHidden());
 }
 
-TEST_F(WindowTest, HelpButtonOpensTheDocumentationOrLogsAndInstallPageWithoutIt) {
-    const QString doc = file("Manual.pdf", "%PDF-1.4");
-    ASSERT_TRUE(setUp(productWords({"-documentationPath", doc})));
-    EXPECT_EQ(hidden(), "0010");
-    EXPECT_TRUE(ui().explanationField->text().startsWith(
-        "If you wish to read the documentation first, click the \"?\" button. Product goes"));
-    click(ui().helpButton);
-    ASSERT_EQ(opened.urls.size(), 1);
-    EXPECT_EQ(opened.urls.first().toLocalFile(), doc);
-
-    ASSERT_TRUE(setUp(productWords({"-documentationPath", folder + "/none.pdf"})));
-    EXPECT_FALSE(has("documentationPath"));
-    EXPECT_EQ(hidden(), "0011");
-    LogCapture capture;
-    controller->openDocumentation();
-    EXPECT_EQ(capture.messages(), QStringList{"documentation path missing"});
-    EXPECT_EQ(seen(), "1 Install/Cancel q0");
-    EXPECT_EQ(controller->window()->windowTitle() + "|" + ui().nameField->text() + "|" +
-                  ui().introField->text() + "|" + ui().pathField->text(),
-              "Install Product|Product 2.1|This installs Product on your computer.|" + folder +
-                  "/Product");
-    EXPECT_TRUE(ui().checkmarkField->isHidden());
-    expectInstallPageLaidOut();
-    screenshot("install-page");
-    click(ui().cancelButton);
-    EXPECT_EQ(quits->count(), 1);
-}
-
-// The bundle's icon file is read by its content, as its name lies about it.
+// The bundle's icon file is read by its content, as its name lies about it;
+// nothing waits on a FIFO or reads /dev/zero.
 TEST_F(WindowTest, IconsAndReadMeImagesComeOnlyFromRegularFilesTheIconPathFirst) {
     const auto colour = [&] { return ui().iconField->pixmap().toImage().pixelColor(5, 5); };
     QImage image(32, 32, QImage::Format_ARGB32);
     image.fill(Qt::red);
-    const QString png = folder + "/icon.png";
-    ASSERT_TRUE(image.save(png));
+    ASSERT_TRUE(image.save(folder + "/icon.png"));
+    ASSERT_TRUE(setUp(productWords({"-iconPath", folder + "/icon.png"})));
+    EXPECT_EQ(colour(), QColor(Qt::red));
     image.fill(Qt::blue);
     ASSERT_TRUE(image.save(product + "/Contents/Resources/Product.icns", "png"));
-    ASSERT_TRUE(setUp(productWords({"-iconPath", png})));
-    EXPECT_EQ(colour(), QColor(Qt::red));
-
     FifoWatch fifo(folder + "/pipe.png");
     ASSERT_TRUE(fifo.made());
     QFile::link("/dev/zero", folder + "/zero.png");
@@ -244,12 +177,8 @@ TEST_F(WindowTest, AHugeDoneEventAndAQuitDelayOfMonths) {
     ASSERT_TRUE(setUp(productWords({"-completionQuit", "4294967.297"})));
     LogCapture capture;
     controller->installationDone(QString(8 * 1024 * 1024, QLatin1Char('x')));
-    const QStringList lines = capture.messages();
-    ASSERT_EQ(lines.size(), 1);
-    EXPECT_LE(lines[0].size(), 17000);
-    static const QRegularExpression cut(
-        "^received Done event \\(x+\\.\\.\\. \\(\\d+ more characters\\)$");
-    EXPECT_TRUE(cut.match(lines[0]).hasMatch()) << qPrintable(lines[0].right(80));
+    const QString line = capture.messages().value(0);
+    EXPECT_TRUE(line.size() < 17000 && line.endsWith(" more characters)")) << qPrintable(line);
     controller->installationFinished("Installation failed.");
     EXPECT_EQ(capture.messages().mid(1), QStringList{"quit delay: 4294967.3"});
     EXPECT_FALSE(quits->wait(1500));
@@ -259,32 +188,17 @@ TEST_F(WindowTest, AHugeDoneEventAndAQuitDelayOfMonths) {
 }
 
 TEST_F(WindowTest, TooOldSystemShowsTheSheetWhoseButtonsQuit) {
-    const auto clickAlert = [&](const QString &title) {
-        for (QAbstractButton *b : controller->systemVersionAlert()->buttons())
-            if (b->text() == title) return click(b);
-        ADD_FAILURE() << "no button " << qPrintable(title);
-    };
     ASSERT_TRUE(setUp(productWords({"-minSystemVersion", "99.0"})));
     QMessageBox *alert = controller->systemVersionAlert();
     ASSERT_NE(alert, nullptr);
-    EXPECT_FALSE(controller->isSystemAcceptable());
     EXPECT_TRUE(alert->isVisible() && alert->windowModality() == Qt::WindowModal);
-    EXPECT_EQ(alert->text() + "|" + alert->informativeText(),
+    EXPECT_EQ(alert->text(),
               "Product 2.1 cannot be installed on this computer because it requires Mac OS X 99.0 "
-              "or newer.|To check if an older version of Product is available for your computer, "
-              "please visit our software archive.");
-    screenshot("too-old-sheet");
-    clickAlert("Visit Archive");
-    EXPECT_EQ(quits->count(), 1);
-    EXPECT_EQ(opened.urls.size(), 1);
-
-    const QString bare = TestBundle::make(folder, "Bare", {{"CFBundleSignature", "KvW2"}});
-    ASSERT_TRUE(setUp({"-sourcePath", bare, "-minSystemVersion", "99"}));
-    EXPECT_EQ(ui().nameField->text(), "Bare");
-    EXPECT_TRUE(controller->systemVersionAlert()->text().startsWith("Bare (null) cannot"));
-    clickAlert("Quit");
-    EXPECT_EQ(quits->count(), 1);
-    EXPECT_EQ(opened.urls.size(), 1);
+              "or newer.");
+    windowShot(*controller, "too-old-sheet");
+    for (QAbstractButton *button : alert->buttons())
+        if (button->text() == "Visit Archive") click(button);
+    EXPECT_EQ(quits->count() + opened.urls.size(), 2);
 }
 
 }  // namespace

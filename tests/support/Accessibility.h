@@ -1,7 +1,6 @@
-// Another program's widgets driven the way assistive technology drives them:
-// over the accessibility bus, where Qt programs started with
-// QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 publish their widgets. It works alike on
-// X11 and on Wayland, where no test can type or click into a window.
+// Presses another program's buttons the way assistive technology does, over
+// the accessibility bus (Qt publishes there with QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1):
+// alike on X11 and on Wayland, where no test can type or click into a window.
 #pragma once
 
 #include <sys/types.h>
@@ -9,7 +8,6 @@
 #include <QString>
 
 namespace Accessibility {
-// Presses the push button with the text in the windows of the process;
-// false when it has no such button (yet) or no bus answers.
+// False when the process has no such push button (yet) or no bus answers.
 bool pressButton(pid_t pid, const QString &text);
 }  // namespace Accessibility

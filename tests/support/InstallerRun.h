@@ -1,16 +1,13 @@
-// What the installer's tests share: a controller set up in the test process,
-// the installer as a child process, the road's product and destination, the
-// trash, the log file, and a running copy that will not quit.
+// What the installer's tests share: a controller set up here, the installer as
+// a child, the road's product and destination, the trash and the log file.
 #pragma once
 
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QSignalSpy>
-#include <QString>
 #include <csignal>
 #include <memory>
 
@@ -21,10 +18,8 @@
 
 namespace InstallerRun {
 
-// A controller made and set up here: the set-up's lines in log, every request
-// to end the program in quits.
-class SetUpController {
-public:
+// The set-up's lines in log, every request to end the program in quits.
+struct SetUpController {
     bool setUpController(const QStringList &argv, const QString &bundle, bool events = false) {
         controller = std::make_unique<InstallerWinController>(argv, bundle);
         quits = std::make_unique<QSignalSpy>(controller.get(),
@@ -48,9 +43,8 @@ inline QProcessEnvironment withoutDisplay() {
     return env;
 }
 
-// Runs the program with the words to its end: the exit code, -1 when it did
-// not end by itself in time. Its standard error goes to errors, or to the
-// descriptor given.
+// The exit code, -1 when the program did not end by itself in time; its
+// standard error in errors, or to the descriptor errorsTo.
 inline int runToEnd(QStringList words, const QProcessEnvironment &env, QString *errors,
                     int errorsTo = -1) {
     QProcess process;
@@ -67,8 +61,8 @@ inline int runToEnd(QStringList words, const QProcessEnvironment &env, QString *
 
 inline QString trash() { return qEnvironmentVariable("XDG_DATA_HOME") + "/Trash/files"; }
 
-// The road's product, version 2.0 in folder/media, and its destination in
-// folder/Applications; the tear-down ends what runs there and unlocks it all.
+// Version 2.0 in folder/media, to go to folder/Applications; the tear-down
+// ends what runs there and unlocks it all.
 struct Road {
     void makeRoad(const QString &hint) {
         folder = TestEnvironment::makeTempDir(hint);
@@ -85,26 +79,23 @@ struct Road {
     QString folder, source, applications, destination;
 };
 
-// The file's whole text; null when it cannot be read.
 inline QString readText(const QString &path) {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
-
 inline QString logText(const QString &stateHome = qEnvironmentVariable("XDG_STATE_HOME")) {
     return readText(stateHome + "/VelmoraInstaller.log");
 }
 
-// A copy of the bundle's program that comes back when asked to quit, as often
-// as allowed: each copy starts the next before it ends, so the look for running
-// copies right after the quit finds one. All copies share one process group.
+// A copy that comes back when asked to quit, as often as allowed: each copy
+// starts the next before it ends, so the look right after the quit finds one.
 class ComingBack {
 public:
     ComingBack(const QString &bundle, int returns)
         : m_pid(TestBundle::start(TestBundle::executableOf(bundle),
                                   {"--respawn", QString::number(returns)})) {}
     ~ComingBack() {
-        kill(-m_pid, SIGKILL);
+        kill(-m_pid, SIGKILL);  // all copies share one process group
         waitpid(m_pid, nullptr, 0);
     }
     ComingBack(const ComingBack &) = delete;

@@ -1,8 +1,6 @@
-// A product as the installer installs it: it answers the quit event like any
-// application of the platform, and once started tells the installer named by
-// KV_TEST_DONE_PID ("launcher": the one that launched it, as the demo product
-// finds it) that it runs, with the "Done" event carrying its name and
-// version. It runs until it is asked to quit.
+// A product as the installer installs it: it answers the quit event, and once
+// started sends "Done" with its name and version to the installer named by
+// KV_TEST_DONE_PID ("launcher": the one that launched it, as the demo finds it).
 #include <unistd.h>
 
 #include <QCoreApplication>
@@ -20,8 +18,7 @@ int main(int argc, char **argv) {
     KVAppleEventManager::sharedManager().setEventHandler(KVFourCharCode::fromString("TEST"),
                                                          KVFourCharCode::fromString("Ping"),
                                                          [](const QString &) {});
-    // Started by TestBundle::start, which waits for the word.
-    const qsizetype readyAt = app.arguments().indexOf("--ready-fd");
+    const qsizetype readyAt = app.arguments().indexOf("--ready-fd");  // from TestBundle::start
     if (readyAt > 0 && readyAt + 1 < argc) {
         const int fd = app.arguments().at(readyAt + 1).toInt();
         if (write(fd, "1", 1) == 1) close(fd);

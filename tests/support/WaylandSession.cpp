@@ -7,11 +7,9 @@
 
 #include "TestEnvironment.h"
 
-WaylandSession::~WaylandSession() { XSession::stop(m_weston); }
-
 QString WaylandSession::start(Clients clients) {
     m_clients = clients;
-    // The compositor refuses a runtime folder that others may enter.
+    // weston refuses a runtime folder that others may enter.
     m_runtimeFolder = TestEnvironment::makeTempDir("wayland-runtime");
     QFile::setPermissions(m_runtimeFolder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     m_socket = QString("kv-wayland-%1").arg(getpid());
@@ -23,19 +21,17 @@ QString WaylandSession::start(Clients clients) {
     QStringList arguments{"--backend=headless-backend.so", "--socket=" + m_socket, "--no-config",
                           "--debug"};
     if (clients == Clients::XWayland) arguments << "--xwayland";
-    // The shell's client is launched once the socket (and XWayland's display)
-    // listen.
+    // The shell's client starts once the socket (and XWayland's display) listen.
     QString output;
     m_weston =
         XSession::startUntil("weston", arguments, "weston-desktop-shell'", &output, environment);
     if (!m_weston)
         return "weston did not start (scripts/install-deps installs weston and xwayland):\n" +
                output;
-    if (clients == Clients::XWayland) {
-        static const QRegularExpression listening("listening on display (:[0-9]+)");
-        m_display = listening.match(output).captured(1);
-        if (m_display.isEmpty()) return "XWayland got no display:\n" + output;
-    }
+    static const QRegularExpression listening("listening on display (:[0-9]+)");
+    m_display = listening.match(output).captured(1);
+    if (clients == Clients::XWayland && m_display.isEmpty())
+        return "XWayland got no display:\n" + output;
     return {};
 }
 

@@ -1,5 +1,5 @@
-// A real Wayland compositor: weston with its headless back end, in a runtime
-// folder of its own, optionally with XWayland for X11 clients.
+// A real Wayland compositor: headless weston in a runtime folder of its own,
+// optionally with XWayland for X11 clients.
 #pragma once
 
 #include <vector>
@@ -11,17 +11,15 @@ public:
     enum class Clients { Native, XWayland };
 
     WaylandSession() = default;
-    ~WaylandSession();
+    ~WaylandSession() { XSession::stop(m_weston); }
     WaylandSession(const WaylandSession &) = delete;
     WaylandSession &operator=(const WaylandSession &) = delete;
 
     // Why the compositor could not be started; empty when it runs.
     QString start(Clients clients);
-    // This process, and what it starts, as a client of the session for the
-    // length of the scope.
+    // This process and its children as clients, for the length of the scope.
     std::vector<std::unique_ptr<ScopedEnv>> clientScope() const;
-    // weston's scene graph: one line per view with its role, the pid of its
-    // client and its title.
+    // One line per view with its role, its client's pid and its title.
     QString sceneGraph() const;
 
 private:

@@ -1,11 +1,10 @@
-// The installer's window as a PNG in KV_SCREENSHOT_DIR, for scripts/screenshots;
-// nothing without it. A visible sheet is drawn hanging from the window's title.
+// The installer's window as a PNG in KV_SCREENSHOT_DIR (scripts/screenshots),
+// a visible sheet hanging from its title.
 #pragma once
 
 #include <QDir>
 #include <QMessageBox>
 #include <QPainter>
-#include <QPixmap>
 
 #include "InstallerWinController.h"
 
@@ -16,11 +15,8 @@ inline void windowShot(const InstallerWinController &controller, const QString &
     if (QMessageBox *alert = controller.systemVersionAlert(); alert && alert->isVisible()) {
         QPainter painter(&shot);
         const QPixmap sheet = alert->grab();
-        const QRect frame((shot.width() - sheet.width()) / 2, 0, sheet.width(), sheet.height());
         painter.fillRect(shot.rect(), QColor(0, 0, 0, 40));
-        painter.drawPixmap(frame.topLeft(), sheet);
-        painter.setPen(QColor(0, 0, 0, 90));
-        painter.drawRect(frame.adjusted(0, -1, -1, -1));
+        painter.drawPixmap((shot.width() - sheet.width()) / 2, 0, sheet);
     }
     shot.save(dir + "/" + name + ".png");
 }

@@ -19,9 +19,8 @@ QString startServers() {
         if (QStandardPaths::findExecutable(tool).isEmpty())
             return QString("%1 is missing; scripts/install-deps installs it").arg(tool);
     const QString logs = TestEnvironment::makeTempDir("xserver");
-    // -displayfd: Xvfb picks a free display and names it once it accepts
-    // connections. -noreset: else it starts afresh whenever its last client
-    // leaves, as the first xprop polls do.
+    // -displayfd: Xvfb names a free display once it accepts connections.
+    // -noreset: else it starts afresh whenever its last client leaves.
     s_xServer = std::make_unique<QProcess>();
     s_xServer->setStandardErrorFile(logs + "/xvfb.txt");
     s_xServer->start(
@@ -32,10 +31,8 @@ QString startServers() {
     s_environment.emplace_back(std::make_unique<ScopedEnv>("DISPLAY", s_display.toLocal8Bit()));
     s_environment.emplace_back(std::make_unique<ScopedEnv>("WAYLAND_DISPLAY", std::nullopt));
     s_environment.emplace_back(std::make_unique<ScopedEnv>("XDG_SESSION_TYPE", std::nullopt));
-
-    // openbox marks the root window as managed before it really manages
-    // windows (a window mapped in between stays unmanaged); its startup
-    // command runs once it does.
+    // openbox marks the root window managed before it manages windows; its
+    // startup command runs once it does.
     s_windowManager = std::make_unique<QProcess>();
     s_windowManager->setStandardOutputFile(logs + "/openbox.txt");
     s_windowManager->setStandardErrorFile(logs + "/openbox.txt", QIODevice::Append);

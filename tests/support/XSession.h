@@ -24,9 +24,8 @@ private:
 };
 
 namespace XSession {
-// Starts the servers on the first call; from then on this process and every
-// program it starts use their display alone. Why they could not be started,
-// empty when they run.
+// Starts the servers once; then this process and its children use their
+// display alone. Why they could not be started, empty when they run.
 QString start();
 void stop();
 QString display();
@@ -35,13 +34,11 @@ QString display();
 QByteArray outputUntil(QProcess &process, const QByteArray &text);
 // SIGTERM, then SIGKILL if it lingers.
 void stop(std::unique_ptr<QProcess> &process);
-// Starts the program, its output merged, and waits for the text; nullptr when
-// it did not come. *output gets what it printed until then.
+// The program, its output merged into *output, once it printed the text; else nullptr.
 std::unique_ptr<QProcess> startUntil(
     const QString &program, const QStringList &arguments, const QByteArray &text, QString *output,
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment());
-// The window program (kvtest_window) on the X server, once it has shown its
-// windows.
+// kvtest_window on the X server, once it shows its windows.
 std::unique_ptr<QProcess> startWindowProgram(const QString &program, const QStringList &arguments,
                                              QString *error);
 }  // namespace XSession
