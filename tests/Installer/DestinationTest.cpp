@@ -6,7 +6,6 @@
 #include <QScopeGuard>
 
 #include "InstallerRun.h"
-#include "KVPath.h"
 #include "KVProcess.h"
 #include "Relaunch.h"
 
@@ -26,10 +25,7 @@ protected:
 
     InstallerWinController &controllerWith(const QStringList &words) {
         const QString product = TestBundle::make(folder, "Source", {{"CFBundleSignature", "Srce"}});
-        setUpController(
-            QStringList{"/x/Installer", "-sourcePath", product, "-destinationPath", "/opt/S.app"} +
-                words,
-            "/opt/Installer.app");
+        setUpController(QStringList{"/x/I", "-sourcePath", product} + words, "/opt/I.app");
         return *controller;
     }
     QString runCopy(const QString &where, const QString &name, const QString &code) {
@@ -44,11 +40,11 @@ protected:
                                    "[Desktop Entry]\nType=Application\nExec=" + exec.toUtf8());
     }
 
-    QString folder;
-    QString installed;  // outside the temporary folders, where copies count
+    QString folder, installed;  // installed: outside the temporary folders, where copies count
     QList<pid_t> children;
 };
 using QuitProcessesTest = DestinationTest;
+using InBundleQuitProcesses = DestinationTest;
 
 // The main code wins over an earlier alternative one, which counts only with two codes.
 TEST_F(DestinationTest, RunningCopyToReplace) {
@@ -116,43 +112,8 @@ TEST_F(DestinationTest, LoginItemIsPreferredOverTheRunningCopy) {
     const QString image = TestBundle::make(folder + "/Volumes/Name-Install", "Name", {});
     addLoginItem("2.desktop", TestBundle::executableOf(image));
     const QString running = runCopy(installed + "/run", "Name", "Kv5a");
-    auto &d = controllerWith({"-productCode", "Kv5a"});
-    LogCapture capture;
-    EXPECT_EQ(d.findPreferredDestinationFor("Name"), running);
-    QDir(autostart()).removeRecursively();
-    d.findPreferredDestinationFor("Name");
-    EXPECT_EQ(capture.messages().filter("autolaunch"),
-              (QStringList{"autolaunch = " + image, "autolaunch = (null)"}));
-}
-
-// Root may write anywhere: the refusals are seen from the unprivileged user.
-TEST_F(DestinationTest, UnwritablePlacesAreReportedForAnUnprivilegedUser) {
-    if (!Relaunch::isRoot()) GTEST_SKIP() << "runs the user's half itself";
-    EXPECT_TRUE(Relaunch::copyPasses(folder + "/bin/tests", "AsUserDestination.*",
-                                     Relaunch::unprivilegedUser()));
-}
-
-// The run asks for rights when neither Applications folder is writable.
-TEST(AsUserDestination, ApplicationsFolderAndWritability) {
-    if (!Relaunch::isCopy() || Relaunch::isRoot()) GTEST_SKIP() << "runs in a user's copy";
-    const QString folder = TestEnvironment::makeTempDir("dest");
-    InstallerWinController c({"/x"}, "/opt/I.app");
-    const QString own = KVPath::homeDirectory() + "/Applications";
-    const QString locked = folder + "/Locked.app";
-    TestEnvironment::writeFile(locked, "x");
-    chmod(QFile::encodeName(locked).constData(), 0444);
-    LogCapture capture;
-    EXPECT_EQ(c.applicationsDirectory(), "/opt");
-    EXPECT_FALSE(c.canWriteToPath("/opt/Sub/Deeper/Name.app"));
-    EXPECT_TRUE(c.canWriteToPath(folder + "/Sub/Name.app"));
-    EXPECT_FALSE(c.canWriteToPath(locked));
-    EXPECT_EQ(capture.messages(),
-              (QStringList{"Can't write to /Applications, checking ~/Applications",
-                           "User applicationsDirectory: " + own, "Cannot write to folder /opt",
-                           "Cannot write to item " + locked}));
-    QDir().mkpath(own);
-    EXPECT_EQ(c.applicationsDirectory(), own);
-    QDir(own).removeRecursively();
+    EXPECT_EQ(controllerWith({"-productCode", "Kv5a"}).findPreferredDestinationFor("Name"),
+              running);
 }
 
 // The code is this run's own, as another suite on the machine may run the test.
@@ -160,21 +121,13 @@ TEST_F(QuitProcessesTest, InstallerIsNeverAskedToQuitNorReported) {
     if (Relaunch::isCopy()) GTEST_SKIP() << "runs in the normal test run only";
     const QString code = "Q" + TestBundle::productCode().mid(1);
     qputenv("KV_SELF_TEST_CODE", code.toLatin1());
-    const QString bundle =
-        TestBundle::make(folder, "SelfTest", {{"CFBundleSignature", code}}, false);
-    EXPECT_TRUE(
-        Relaunch::copyPasses(bundle + "/Contents/MacOS/SelfTest", "InBundleQuitProcesses.*"));
+    TestBundle::make(folder, "SelfTest", {{"CFBundleSignature", code}}, false);
+    EXPECT_TRUE(Relaunch::copyPasses(folder + "/SelfTest.app/Contents/MacOS/SelfTest",
+                                     "InBundleQuitProcesses.*"));
 }
 
-class InBundleQuitProcesses : public DestinationTest {
-protected:
-    void SetUp() override {
-        if (!Relaunch::isCopy()) GTEST_SKIP() << "runs in a copy inside a bundle";
-        DestinationTest::SetUp();
-    }
-};
-
 TEST_F(InBundleQuitProcesses, OtherCopiesQuitInListOrderWhileTheInstallerItselfStays) {
+    if (!Relaunch::isCopy()) GTEST_SKIP() << "runs in a copy inside a bundle";
     const QString code = qEnvironmentVariable("KV_SELF_TEST_CODE");
     ASSERT_EQ(KVProcess::currentProcess()->signatureString(), code);
     const QString other = runCopy(installed, "Other", code);

@@ -14,28 +14,24 @@ protected:
     void SetUp() override {
         folder = TestEnvironment::makeTempDir("startup");
         environment.insert("XDG_STATE_HOME", folder + "/state");
-        product = TestBundle::make(
-            folder + "/Volumes/Product", "Product",
-            {{"CFBundleSignature", "Kv6a"}, {"CFBundleShortVersionString", "2.1"}});
-        QDir().mkpath(folder + "/Applications");
+        product = TestBundle::make(folder + "/Volumes/Product", "Product",
+                                   {{"CFBundleSignature", "Kv6a"}});
     }
 
-    // Whether the marker came while the installer still ran (it waits for the user).
-    bool runUntil(const QString &executable, const QStringList &arguments, const QString &marker,
-                  int waitMs = 20000) {
+    // Whether the described arguments came while the installer still ran (it waits for the user).
+    bool runUntilDescribed(const QStringList &arguments, int waitMs = 20000) {
         QProcess process;
         process.setProcessEnvironment(environment);
         process.setProcessChannelMode(QProcess::MergedChannels);
         const qsizetype logStart = log().size();  // only what this run appends
         output.clear();
-        process.start(executable, arguments);
+        process.start(installer, arguments);
         const bool seen = QTest::qWaitFor(
             [&] {
                 output += QString::fromUtf8(process.readAll());
-                const QString text = output + log().mid(logStart);
-                const qsizetype at = text.indexOf(marker);
-                // A description is complete with its closing brace.
-                return at >= 0 && (!marker.endsWith('{') || text.indexOf("\n}\n", at) > 0);
+                const QString text = log().mid(logStart);
+                const qsizetype at = text.indexOf("] Updated arguments: {");
+                return at >= 0 && text.indexOf("\n}\n", at) > 0;
             },
             waitMs);
         const bool running = process.state() == QProcess::Running;
@@ -47,7 +43,7 @@ protected:
     QString log() const { return InstallerRun::logText(folder + "/state"); }
     QStringList road() const {
         return {"-sourcePath", product, "-productCode",     "Kv6a",
-                "-quitCode",   "Kv6q",  "-destinationPath", folder + "/Applications/Product.app"};
+                "-quitCode",   "Kv6q",  "-destinationPath", folder + "/Product.app"};
     }
 
     const QString installer = QStringLiteral(KV_INSTALLER_APP "/Contents/MacOS/Installer");
@@ -57,22 +53,21 @@ protected:
 
 // The event handler is installed before the log decision: its line stays out.
 TEST_F(StartupTest, LaunchedWithArgumentsAppendsTheDescriptionToTheLogFile) {
-    ASSERT_TRUE(runUntil(installer, road(), "] Updated arguments: {")) << qPrintable(output);
-    const QString only = "] AppleEvents installed\n";  // before the log decision
+    ASSERT_TRUE(runUntilDescribed(road())) << qPrintable(output);
+    const QString only = "] AppleEvents installed\n";
     EXPECT_TRUE(output.endsWith(only) && output.count('\n') == 1) << qPrintable(output);
     const QString text = log();
     EXPECT_TRUE(text.contains("] arguments: (\n    \"" + installer + "\",\n    \"-sourcePath\",\n"))
         << qPrintable(text);
     EXPECT_TRUE(text.contains("    quitCode =     (\n        Kv6q,\n        Kv6a\n    );\n"));
-    EXPECT_TRUE(
-        text.contains("    destinationPath = \"" + folder + "/Applications/Product.app\";"));
-    ASSERT_TRUE(runUntil(installer, {"-sourcePath", product}, "] Updated arguments: {"));
+    EXPECT_TRUE(text.contains("    destinationPath = \"" + folder + "/Product.app\";"));
+    ASSERT_TRUE(runUntilDescribed({"-sourcePath", product}));
     EXPECT_EQ(log().count("] Updated arguments: {"), 2);
 
     // A file where the log folder should be: nothing to wait for.
     QDir(folder + "/state").removeRecursively();
     TestEnvironment::writeFile(folder + "/state", "in the way");
-    EXPECT_FALSE(runUntil(installer, road(), "arguments", 1500));
+    EXPECT_FALSE(runUntilDescribed(road(), 1500));
     EXPECT_TRUE(output.endsWith(only) && output.count('\n') == 1) << qPrintable(output);
 }
 

@@ -124,11 +124,8 @@ const Cause kCauses[] = {
      "Product 2.0 cannot be installed on this computer because it requires Mac OS X 99 or newer."},
     {"UnknownKey", roadWith({}, {"-destinationpath", "x"}), Status::BadArguments,
      "unknown key -destinationpath"},
-    {"KeyWithoutItsValue", roadWith({}, {"-productName"}), Status::BadArguments,
-     "missing value for -productName"},
     {"NameLeftUnquoted", roadWith({}, {"-productName", "My", "Product"}), Status::BadArguments,
      "more than one value for -productName"},
-    {"WordBeforeAnyKey", roadWith({"now"}), Status::BadArguments, "now follows no key"},
     {"NoSourceOutsideAnyProduct", [](UnattendedTest &t) { return t.road().mid(2); },
      Status::BadArguments, "missing source path"},
 };

@@ -4,7 +4,6 @@
 #include <QDesktopServices>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QRegularExpression>
 #include <QTest>
 #include <QTextDocument>
 
@@ -96,24 +95,6 @@ TEST_F(ArgumentsTest, WordsPairIntoKeysAndCodesCollect) {
     EXPECT_FALSE(has("version") || has("minSystemVersion"));
 }
 
-// A wrapper elsewhere is dropped, so that the run does not pass it on.
-TEST_F(ArgumentsTest, DestinationAndWrapperFolder) {
-    const QString wrapper = folder + "/Product Folder", outside = TestEnvironment::makeTempDir("o");
-    const QString to = folder + "/Apps/Product.app", inside = folder + "/Apps/Product Folder/P.app";
-    for (const QString &path : {wrapper, folder + "/Apps/Product Folder"}) QDir().mkpath(path);
-    const QString cases[][3] = {{folder + "/nowhere/P.app", {}, "/opt/Product.app"},
-                                {to, wrapper, folder + "/Apps/Product Folder/Product.app"},
-                                {inside, wrapper, inside},
-                                {to, outside, to},
-                                {to, folder + "/Missing", to}};
-    for (const auto &[given, wrapperPath, expected] : cases) {
-        ASSERT_TRUE(setUp(
-            {"-sourcePath", product, "-destinationPath", given, "-wrapperPath", wrapperPath}));
-        EXPECT_EQ(arg("destinationPath").toString(), expected) << qPrintable(wrapperPath);
-        EXPECT_EQ(has("wrapperPath"), wrapperPath == wrapper);
-    }
-}
-
 TEST_F(WindowTest, ReadMeComesFirstAndTheButtonsAndKeysWalkBetweenThePages) {
     ASSERT_FALSE(setUp({}, folder + "/Loose/Installer.app"));
     EXPECT_EQ(ui().introField->text(), "missing source path");
@@ -170,21 +151,6 @@ TEST_F(WindowTest, IconsAndReadMeImagesComeOnlyFromRegularFilesTheIconPathFirst)
     ui().readMeTextView->grab();
     EXPECT_TRUE(document->toPlainText().contains("Read me"));
     EXPECT_FALSE(fifo.readerWaited());
-}
-
-// 2^32 ms and a little must not wrap around into a quit at once; a failure quits too.
-TEST_F(WindowTest, AHugeDoneEventAndAQuitDelayOfMonths) {
-    ASSERT_TRUE(setUp(productWords({"-completionQuit", "4294967.297"})));
-    LogCapture capture;
-    controller->installationDone(QString(8 * 1024 * 1024, QLatin1Char('x')));
-    const QString line = capture.messages().value(0);
-    EXPECT_TRUE(line.size() < 17000 && line.endsWith(" more characters)")) << qPrintable(line);
-    controller->installationFinished("Installation failed.");
-    EXPECT_EQ(capture.messages().mid(1), QStringList{"quit delay: 4294967.3"});
-    EXPECT_FALSE(quits->wait(1500));
-    ASSERT_TRUE(setUp(productWords({"-completionQuit", "0.5"})));
-    controller->installationFinished("Installation failed.");
-    EXPECT_TRUE(quits->wait(5000));
 }
 
 TEST_F(WindowTest, TooOldSystemShowsTheSheetWhoseButtonsQuit) {

@@ -89,20 +89,15 @@ inline QString logText(const QString &stateHome = qEnvironmentVariable("XDG_STAT
 
 // A copy that comes back when asked to quit, as often as allowed: each copy
 // starts the next before it ends, so the look right after the quit finds one.
-class ComingBack {
-public:
+struct ComingBack {
     ComingBack(const QString &bundle, int returns)
-        : m_pid(TestBundle::start(TestBundle::executableOf(bundle),
-                                  {"--respawn", QString::number(returns)})) {}
+        : pid(TestBundle::start(TestBundle::executableOf(bundle),
+                                {"--respawn", QString::number(returns)})) {}
     ~ComingBack() {
-        kill(-m_pid, SIGKILL);  // all copies share one process group
-        waitpid(m_pid, nullptr, 0);
+        kill(-pid, SIGKILL);  // all copies share one process group
+        waitpid(pid, nullptr, 0);
     }
-    ComingBack(const ComingBack &) = delete;
-    ComingBack &operator=(const ComingBack &) = delete;
-
-private:
-    pid_t m_pid;
+    const pid_t pid;
 };
 
 }  // namespace InstallerRun
