@@ -37,12 +37,6 @@ struct SetUpController {
     QStringList log;
 };
 
-inline QProcessEnvironment withoutDisplay() {
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) env.remove(name);
-    return env;
-}
-
 // The exit code, -1 when the program did not end by itself in time; its
 // standard error in errors, or to the descriptor errorsTo.
 inline int runToEnd(QStringList words, const QProcessEnvironment &env, QString *errors,
