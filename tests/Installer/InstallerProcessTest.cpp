@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <QFileInfo>
-#include <QRegularExpression>
 #include <QTest>
 #include <functional>
 
@@ -44,24 +43,20 @@ public:
     }
     // Whether the described arguments came while the installer still ran (it waits for the user).
     bool runUntilDescribed(const QStringList &arguments, int waitMs = 20000) {
+        const qsizetype logStart = log().size();  // only what this run appends
         QProcess process;
         process.setProcessEnvironment(environment());
-        process.setProcessChannelMode(QProcess::MergedChannels);
-        const qsizetype logStart = log().size();  // only what this run appends
-        errors.clear();
         process.start(kInstaller, arguments);
         const bool seen = QTest::qWaitFor(
             [&] {
-                errors += QString::fromUtf8(process.readAll());
                 const QString text = log().mid(logStart);
-                const qsizetype at = text.indexOf("] Updated arguments: {");
-                return at >= 0 && text.indexOf("\n}\n", at) > 0;
+                return text.contains("] Updated arguments: {") && text.contains("\n}\n");
             },
             waitMs);
         const bool running = process.state() == QProcess::Running;
         process.terminate();
         process.waitForFinished(5000);
-        errors += QString::fromUtf8(process.readAll());
+        errors = QString::fromUtf8(process.readAllStandardError());
         return seen && running;
     }
     // A folder only root may write, a source the user may read, and the policy's answer.
@@ -74,24 +69,21 @@ public:
         destination = folder + "/RootOnly/Product.app";
         return road();
     }
-    // As the user: a home of their own (the session's is root's); pkexec wants a login SHELL.
+    // As the user: a home of their own (the session's is root's), and no SHELL, as pkexec
+    // wants a login shell.
     int install(const QStringList &arguments, bool asUser = false, int errorsTo = -1) {
-        QProcessEnvironment env = environment(false);
+        const QProcessEnvironment env = environment(false);
         QStringList words = QStringList{kInstaller} + arguments + QStringList{"-unattended", "YES"};
         if (asUser) {
-            const QString home = folder + "/user";
+            const QString user = Relaunch::unprivilegedUser(), home = folder + "/user";
             QDir().mkpath(home);
-            QProcess::execute("chown", {Relaunch::unprivilegedUser() + ":", home});
-            for (const char *name :
-                 {"XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "XDG_STATE_HOME", "XDG_DATA_HOME",
-                  "XDG_CONFIG_HOME", "XDG_CACHE_HOME"})
-                env.remove(name);
+            QProcess::execute("chown", {user + ":", home});
             words[0] =
                 Relaunch::stage(KV_INSTALLER_APP, folder + "/bin") + "/Contents/MacOS/Installer";
-            env.insert("LD_LIBRARY_PATH", Relaunch::libraryFolder());
-            words = QStringList{"runuser", "-u",          Relaunch::unprivilegedUser(),
-                                "--",      "env",         "-u",
-                                "SHELL",   "HOME=" + home} +
+            const QString library = "LD_LIBRARY_PATH=" + Relaunch::libraryFolder();
+            words = QStringList{"runuser", "-u", user,           "--",
+                                "env",     "-i", "HOME=" + home, "PATH=" + env.value("PATH"),
+                                library} +
                     words;
         }
         return runToEnd(words, env, &errors, errorsTo);
@@ -151,7 +143,6 @@ struct Cause {
     QString text;
     bool asUser = false;
 };
-void PrintTo(const Cause &cause, std::ostream *out) { *out << cause.name; }
 
 using Args = QStringList;
 // clang-format off
@@ -187,8 +178,6 @@ const Cause kCauses[] = {
      "Product 2.0 cannot be installed on this computer because it requires Mac OS X 99 or newer."},
     {"UnknownKey", [](UnattendedTest &t) { return t.road() + Args{"-destinationpath", "x"}; },
      Status::BadArguments, "unknown key -destinationpath"},
-    {"NameLeftUnquoted", [](UnattendedTest &t) { return t.road() + Args{"-productName", "A", "B"}; },
-     Status::BadArguments, "more than one value for -productName"},
     {"NoSourceOutsideAnyProduct", [](UnattendedTest &t) { return t.road().mid(2); },
      Status::BadArguments, "missing source path"},
 };
@@ -240,14 +229,6 @@ TEST_P(WaylandTest, RoadOfOneInstallation) {
     installer->setProcessEnvironment(env);
     installer->start(kInstaller, road() + QStringList{"-productName", "Product", "-version", "2.0",
                                                       "-productCode", TestBundle::productCode()});
-    // A native window belongs to the installer's own connection.
-    const QRegularExpression shown(
-        (GetParam() == Clients::Native
-             ? QString("role xdg_toplevel, PID %1, .*").arg(installer->processId())
-             : QString()) +
-        "top-level window 'Install Product'");
-    EXPECT_TRUE(QTest::qWaitFor([&] { return session.sceneGraph().contains(shown); }, 30000))
-        << qPrintable(session.sceneGraph() + log());
     ASSERT_TRUE(QTest::qWaitFor(
         [&] { return Accessibility::pressButton(installer->processId(), "Install"); }, 30000))
         << qPrintable(log());

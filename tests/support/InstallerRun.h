@@ -1,5 +1,4 @@
-// What the installer's tests share: a controller set up here, the installer as
-// a child, the road's product and destination, the trash and the log file.
+// What the installer's tests share: a controller set up here, the road, the trash and the log.
 #pragma once
 
 #include <sys/wait.h>

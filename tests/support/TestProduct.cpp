@@ -18,11 +18,8 @@ int main(int argc, char **argv) {
     KVAppleEventManager::sharedManager().setEventHandler(KVFourCharCode::fromString("TEST"),
                                                          KVFourCharCode::fromString("Ping"),
                                                          [](const QString &) {});
-    const qsizetype readyAt = app.arguments().indexOf("--ready-fd");  // from TestBundle::start
-    if (readyAt > 0 && readyAt + 1 < argc) {
-        const int fd = app.arguments().at(readyAt + 1).toInt();
-        if (write(fd, "1", 1) == 1) close(fd);
-    }
+    const int readyFd = app.arguments().value(app.arguments().indexOf("--ready-fd") + 1).toInt();
+    if (readyFd > 0 && write(readyFd, "1", 1) == 1) close(readyFd);  // from TestBundle::start
     const bool toLauncher = qgetenv("KV_TEST_DONE_PID") == "launcher";
     const pid_t installer = pid_t(qEnvironmentVariableIntValue("KV_TEST_DONE_PID"));
     if (installer <= 0 && !toLauncher) return app.exec();

@@ -17,9 +17,7 @@ QString WaylandSession::start(Clients clients) {
     environment.insert("XDG_RUNTIME_DIR", m_runtimeFolder);
     environment.remove("WAYLAND_DISPLAY");
     environment.remove("DISPLAY");
-    // --debug lets any client read the scene graph.
-    QStringList arguments{"--backend=headless-backend.so", "--socket=" + m_socket, "--no-config",
-                          "--debug"};
+    QStringList arguments{"--backend=headless-backend.so", "--socket=" + m_socket, "--no-config"};
     if (clients == Clients::XWayland) arguments << "--xwayland";
     // The shell's client starts once the socket (and XWayland's display) listen.
     QString output;
@@ -47,12 +45,4 @@ std::vector<std::unique_ptr<ScopedEnv>> WaylandSession::clientScope() const {
     set("DISPLAY", m_display);
     set("QT_QPA_PLATFORM", m_clients == Clients::XWayland ? "xcb" : "wayland");
     return scope;
-}
-
-QString WaylandSession::sceneGraph() const {
-    const auto client = clientScope();
-    QProcess debug;
-    debug.start("weston-debug", {"scene-graph"});
-    debug.waitForFinished(10000);
-    return QString::fromLocal8Bit(debug.readAllStandardOutput());
 }

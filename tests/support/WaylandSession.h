@@ -19,8 +19,6 @@ public:
     QString start(Clients clients);
     // This process and its children as clients, for the length of the scope.
     std::vector<std::unique_ptr<ScopedEnv>> clientScope() const;
-    // One line per view with its role, its client's pid and its title.
-    QString sceneGraph() const;
 
 private:
     std::unique_ptr<QProcess> m_weston;

@@ -45,8 +45,7 @@ QString startServers() {
 }  // namespace
 
 QString XSession::start() {
-    if (!s_started) s_error = startServers();
-    s_started = true;
+    if (!std::exchange(s_started, true)) s_error = startServers();
     return s_error;
 }
 

@@ -24,8 +24,7 @@ private:
 };
 
 namespace XSession {
-// Starts the servers once; then this process and its children use their
-// display alone. Why they could not be started, empty when they run.
+// Starts the servers once, for this process and its children alone; why they could not be.
 QString start();
 void stop();
 QString display();
