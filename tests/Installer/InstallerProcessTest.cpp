@@ -32,7 +32,6 @@ public:
         tearDownRoad();
     }
 
-    QStringList road() const { return {"-sourcePath", source, "-destinationPath", destination}; }
     QString log() const { return logText(folder + "/state"); }
     QProcessEnvironment environment(bool display = true) const {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
@@ -69,8 +68,7 @@ public:
         destination = folder + "/RootOnly/Product.app";
         return road();
     }
-    // As the user: a home of their own (the session's is root's), and no SHELL, as pkexec
-    // wants a login shell.
+    // As the user: a home of their own, no SHELL (pkexec wants a login shell's).
     int install(const QStringList &arguments, bool asUser = false, int errorsTo = -1) {
         const QProcessEnvironment env = environment(false);
         QStringList words = QStringList{kInstaller} + arguments + QStringList{"-unattended", "YES"};
@@ -178,8 +176,6 @@ const Cause kCauses[] = {
      "Product 2.0 cannot be installed on this computer because it requires Mac OS X 99 or newer."},
     {"UnknownKey", [](UnattendedTest &t) { return t.road() + Args{"-destinationpath", "x"}; },
      Status::BadArguments, "unknown key -destinationpath"},
-    {"NoSourceOutsideAnyProduct", [](UnattendedTest &t) { return t.road().mid(2); },
-     Status::BadArguments, "missing source path"},
 };
 // clang-format on
 

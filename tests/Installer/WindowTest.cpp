@@ -66,8 +66,6 @@ TEST_F(ArgumentsTest, WordsPairIntoKeysAndCodesCollect) {
     EXPECT_FALSE(has("completionQuit") || has("dangling"));
     EXPECT_EQ(controller->productVersion(), "3");
     EXPECT_EQ(arg("productCode").toStringList(), (QStringList{"ABCD", "EFGH"}));
-    EXPECT_FALSE(
-        InstallerWinController::isLaunchedWithArguments({"/x/I", "-AppleLanguages", "de"}));
     // Inside the product, the installer takes what it lacks from there.
     ASSERT_TRUE(setUp({}, product + "/Contents/Resources/Installer.app"));
     EXPECT_EQ(

@@ -21,13 +21,10 @@ struct Object {
         return reply.type() == QDBusMessage::ReplyMessage ? reply.arguments().value(0) : QVariant();
     }
     QString findButton(const QString &path, const QString &text) const {
-        const auto name = [&] {
-            return call(path, "org.freedesktop.DBus.Properties", "Get", {kAccessible, "Name"})
-                .value<QDBusVariant>()
-                .variant()
-                .toString();
-        };
-        if (call(path, kAccessible, "GetRole").toUInt() == 43 /* push button */ && name() == text)
+        const QVariant name =
+            call(path, "org.freedesktop.DBus.Properties", "Get", {kAccessible, "Name"});
+        if (qvariant_cast<QDBusVariant>(name).variant() == text &&
+            call(path, kAccessible, "GetRole").toUInt() == 43 /* push button */)
             return path;
         // (bus name, object path) pairs
         const QDBusArgument children =

@@ -1,6 +1,5 @@
-// Presses another program's buttons the way assistive technology does, over
-// the accessibility bus (Qt publishes there with QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1):
-// alike on X11 and on Wayland, where no test can type or click into a window.
+// Presses another program's buttons over the accessibility bus (Qt publishes there with
+// QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1): on Wayland no test can type or click into a window.
 #pragma once
 
 #include <sys/types.h>

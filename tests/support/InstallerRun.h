@@ -68,6 +68,7 @@ struct Road {
         TestBundle::stopProcessesAt(folder);
         QProcess::execute("chattr", {"-R", "-i", folder, trash()});
     }
+    QStringList road() const { return {"-sourcePath", source, "-destinationPath", destination}; }
 
     QString folder, source, applications, destination;
 };

@@ -10,10 +10,7 @@ class WaylandSession {
 public:
     enum class Clients { Native, XWayland };
 
-    WaylandSession() = default;
     ~WaylandSession() { XSession::stop(m_weston); }
-    WaylandSession(const WaylandSession &) = delete;
-    WaylandSession &operator=(const WaylandSession &) = delete;
 
     // Why the compositor could not be started; empty when it runs.
     QString start(Clients clients);

@@ -15,7 +15,6 @@ inline void windowShot(const InstallerWinController &controller, const QString &
     if (QMessageBox *alert = controller.systemVersionAlert(); alert && alert->isVisible()) {
         QPainter painter(&shot);
         const QPixmap sheet = alert->grab();
-        painter.fillRect(shot.rect(), QColor(0, 0, 0, 40));
         painter.drawPixmap((shot.width() - sheet.width()) / 2, 0, sheet);
     }
     shot.save(dir + "/" + name + ".png");

@@ -31,8 +31,7 @@ QString startServers() {
     s_environment.emplace_back(std::make_unique<ScopedEnv>("DISPLAY", s_display.toLocal8Bit()));
     s_environment.emplace_back(std::make_unique<ScopedEnv>("WAYLAND_DISPLAY", std::nullopt));
     s_environment.emplace_back(std::make_unique<ScopedEnv>("XDG_SESSION_TYPE", std::nullopt));
-    // openbox marks the root window managed before it manages windows; its
-    // startup command runs once it does.
+    // openbox runs its startup command once it manages windows, not before.
     s_windowManager = std::make_unique<QProcess>();
     s_windowManager->setStandardOutputFile(logs + "/openbox.txt");
     s_windowManager->setStandardErrorFile(logs + "/openbox.txt", QIODevice::Append);
