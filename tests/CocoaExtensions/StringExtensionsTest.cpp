@@ -105,7 +105,8 @@ TEST(StringExtensionsTest, BestEncodingOfAFile) {
         EXPECT_TRUE(stringWithBestEncodingFromFile(path).isNull()) << path;
     // Strict: an overlong zero or a surrogate in UTF-8 is no text, never replacement characters.
     for (const char *bytes : {"\xC0\x80", "\xED\xA0\x80", "ab\xE2\x82"})
-        EXPECT_TRUE(stringWithData(bytes, NSUTF8StringEncoding).isNull()) << bytes;
+        EXPECT_TRUE(stringWithData(bytes, NSUTF8StringEncoding).isNull())
+            << QByteArray(bytes).toHex().constData();
     const auto factor = [](const QString &s) { return reasonableTextFactor(s, "x"); };
     expectRows<QString, float>(factor, {{QString(9, u'a') + QChar(0x0378), -0.1f}, {"\t\n\r \x01", 0.6f},
         {u16({0x0301, 0x0663, 0xD800}), 2.0f / 3.0f}});
