@@ -124,12 +124,10 @@ bool SoundServer::startCapture() {
     return m_recorder > 0;
 }
 
-QVector<float> SoundServer::stopCapture(int settleMilliseconds) {
+QVector<float> SoundServer::stopCapture() {
     if (m_recorder <= 0) return {};
-    const qint64 wanted =
-        QFileInfo(m_capture).size() + qint64(kSampleRate) * 2 * settleMilliseconds / 1000;
-    (void)QTest::qWaitFor([&] { return QFileInfo(m_capture).size() >= wanted; },
-                          settleMilliseconds * 4 + 2000);
+    const qint64 wanted = QFileInfo(m_capture).size() + kSampleRate;  // 16-bit: half a second
+    (void)QTest::qWaitFor([&] { return QFileInfo(m_capture).size() >= wanted; }, 4000);
     stopProcess(m_recorder, SIGINT);
     const QByteArray bytes = readAll(m_capture);
     QVector<float> samples(bytes.size() / 2);

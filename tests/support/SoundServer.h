@@ -19,9 +19,9 @@ public:
 
     // Records the sink's monitor (mono, 44.1 kHz) from when it returns.
     bool startCapture();
-    // The samples, -1.0 to 1.0, after settleMilliseconds more: sound reaches
-    // the monitor a little late.
-    QVector<float> stopCapture(int settleMilliseconds = 500);
+    // The samples, -1.0 to 1.0, after half a second more: sound reaches the
+    // monitor a little late.
+    QVector<float> stopCapture();
 
     static double peak(const QVector<float> &samples);
     // Stretches louder than 0.01 apart by at least 0.15 s of quieter samples.
