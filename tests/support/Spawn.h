@@ -1,6 +1,5 @@
-// Children are started with posix_spawn: the test process has threads by
-// then, and ThreadSanitizer refuses a fork in a threaded process. Plain POSIX,
-// so that the small test programs can use it as well as the tests.
+// Children are started with posix_spawn: ThreadSanitizer refuses a fork in a
+// threaded process. Plain POSIX, so that the small test programs can use it too.
 #pragma once
 
 #include <fcntl.h>
@@ -17,9 +16,9 @@
 
 extern char **environ;
 
-// The child starts with no signals blocked; its pid, or -1. Standard output
-// and error go to the files when named (standard input is then /dev/null).
-// endWithParent runs it through setpriv, so that it ends with a crashed test.
+// Its pid, or -1; no signals blocked. With output named, standard input is
+// /dev/null and output and error go to the files. endWithParent: it ends with
+// a crashed test (through setpriv).
 inline pid_t spawn(std::vector<std::string> words, const std::string &output = {},
                    const std::string &errors = {}, bool endWithParent = false,
                    bool ownGroup = false) {
@@ -63,10 +62,7 @@ inline bool waitForExit(pid_t pid, int milliseconds, int *status = nullptr) {
 inline void stopProcess(pid_t &pid, int signal = SIGTERM) {
     if (pid <= 0) return;
     kill(pid, signal);
-    if (!waitForExit(pid, 5000)) {
-        kill(pid, SIGKILL);
-        waitForExit(pid, 5000);
-    }
+    if (!waitForExit(pid, 5000)) kill(pid, SIGKILL), waitForExit(pid, 5000);
     pid = -1;
 }
 
@@ -75,19 +71,18 @@ struct ReadySpawn {
     bool ready = false;
 };
 
-// Starts a test program with "--ready-fd N" added to its arguments and waits
-// up to ten seconds for the byte it writes there once ready.
+// Adds "--ready-fd N" and waits up to ten seconds for the byte written there.
 inline ReadySpawn spawnReady(std::vector<std::string> words, bool ownGroup) {
-    ReadySpawn result;
     int ready[2];
-    if (pipe(ready) != 0) return result;
+    if (pipe(ready) != 0) return {};
     fcntl(ready[0], F_SETFD, FD_CLOEXEC);
     words.insert(words.end(), {"--ready-fd", std::to_string(ready[1])});
-    result.pid = spawn(std::move(words), {}, {}, false, ownGroup);
+    const pid_t pid = spawn(std::move(words), {}, {}, false, ownGroup);
     close(ready[1]);
     pollfd watch{ready[0], POLLIN, 0};
     char byte = 0;
-    result.ready = result.pid > 0 && poll(&watch, 1, 10000) == 1 && read(ready[0], &byte, 1) == 1;
+    const ReadySpawn result{
+        pid, pid > 0 && poll(&watch, 1, 10000) == 1 && read(ready[0], &byte, 1) == 1};
     close(ready[0]);
     return result;
 }

@@ -1,10 +1,8 @@
 // A small real program that tests start inside bundles: it reports that it
 // is ready on the descriptor given by --ready-fd, then waits for signals.
 //   --ignore-term   keeps running on SIGTERM (only SIGKILL ends it)
-//   --respawn N     on SIGTERM, first starts a copy of itself with N-1 and
-//                   waits until it is ready, then ends: a copy that comes
-//                   back, with no moment in which none runs
-#include <cstdlib>
+//   --respawn N     on SIGTERM, starts a copy of itself with N-1, waits until
+//                   it is ready, then ends: there is always one running
 #include <cstring>
 
 #include "Spawn.h"
@@ -12,10 +10,9 @@
 int main(int argc, char **argv) {
     int readyFd = -1, respawns = -1;
     for (int i = 1; i < argc; ++i) {
-        const bool valued = i + 1 < argc;
         if (std::strcmp(argv[i], "--ignore-term") == 0) std::signal(SIGTERM, SIG_IGN);
-        if (std::strcmp(argv[i], "--ready-fd") == 0 && valued) readyFd = std::atoi(argv[++i]);
-        if (std::strcmp(argv[i], "--respawn") == 0 && valued) respawns = std::atoi(argv[++i]);
+        if (std::strcmp(argv[i], "--ready-fd") == 0 && i + 1 < argc) readyFd = atoi(argv[++i]);
+        if (std::strcmp(argv[i], "--respawn") == 0 && i + 1 < argc) respawns = atoi(argv[++i]);
     }
     sigset_t term;
     sigemptyset(&term);
@@ -23,12 +20,9 @@ int main(int argc, char **argv) {
     // Blocked before saying ready, so that no request can come between.
     if (respawns > 0) sigprocmask(SIG_BLOCK, &term, nullptr);
     if (readyFd >= 0 && write(readyFd, "1", 1) == 1) close(readyFd);
-    if (respawns > 0) {
-        int signal;
-        sigwait(&term, &signal);
-        // The successor joins this process group.
-        spawnReady({argv[0], "--respawn", std::to_string(respawns - 1)}, false);
-        return 0;
-    }
-    for (;;) pause();
+    if (respawns <= 0)
+        for (;;) pause();
+    int signal;
+    sigwait(&term, &signal);
+    spawnReady({argv[0], "--respawn", std::to_string(respawns - 1)}, false);  // joins the group
 }

@@ -16,27 +16,22 @@ QString makeBelow(const QString &root, const QString &hint) {
 
 void TestEnvironment::setUp() {
     s_root = std::make_unique<QTemporaryDir>(QDir::tempPath() + "/kvtest-XXXXXX");
-    const QString base = s_root->path();
-    const std::pair<const char *, QString> folders[] = {
-        {"HOME", "/home"},
-        {"XDG_CONFIG_HOME", "/home/.config"},
-        {"XDG_DATA_HOME", "/home/.local/share"},
-        {"XDG_STATE_HOME", "/home/.local/state"},
-        {"XDG_CACHE_HOME", "/home/.cache"},
-        // Qt wants a private runtime folder; one the caller chose stays.
-        {"XDG_RUNTIME_DIR", qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR") ? "/run" : ""}};
-    for (const auto &[variable, folder] : folders) {
-        if (folder.isEmpty()) continue;
-        QDir().mkpath(base + folder);
-        qputenv(variable, QFile::encodeName(base + folder));
+    // Qt wants a private runtime folder; one the caller chose stays.
+    for (const auto &[variable, folder] : {std::pair{"HOME", "/home"},
+                                           {"XDG_CONFIG_HOME", "/home/.config"},
+                                           {"XDG_DATA_HOME", "/home/.local/share"},
+                                           {"XDG_STATE_HOME", "/home/.local/state"},
+                                           {"XDG_CACHE_HOME", "/home/.cache"},
+                                           {"XDG_RUNTIME_DIR", "/run"}}) {
+        if (variable == QLatin1String("XDG_RUNTIME_DIR") && !qEnvironmentVariableIsEmpty(variable))
+            continue;
+        QDir().mkpath(root() + folder);
+        qputenv(variable, QFile::encodeName(root() + folder));
     }
-    QFile::setPermissions(base + "/run", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    QFile::setPermissions(root() + "/run", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 }
 
-void TestEnvironment::tearDown() {
-    s_root.reset();
-    s_installedRoot.reset();
-}
+void TestEnvironment::tearDown() { s_root.reset(), s_installedRoot.reset(); }
 
 QString TestEnvironment::root() { return s_root ? s_root->path() : QString(); }
 
@@ -46,7 +41,7 @@ QString TestEnvironment::makeTempDir(const QString &hint) {
 
 QString TestEnvironment::makeInstalledDir(const QString &hint) {
     if (!s_installedRoot)
-        s_installedRoot = std::make_unique<QTemporaryDir>(QStringLiteral("/var/lib/kvtest-XXXXXX"));
+        s_installedRoot = std::make_unique<QTemporaryDir>("/var/lib/kvtest-XXXXXX");
     return s_installedRoot->isValid() ? makeBelow(s_installedRoot->path(), hint) : QString();
 }
 

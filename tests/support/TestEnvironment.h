@@ -5,15 +5,13 @@
 #include "QtPrinters.h"
 
 namespace TestEnvironment {
-// Called once by the test main.
-void setUp();
+void setUp();  // by the test main
 void tearDown();
 QString root();
 // A new empty folder below the root, named after the hint.
 QString makeTempDir(const QString &hint);
-// A new empty folder outside the temporary folders, for copies the installer
-// is to take as installed (it passes over any under /tmp): in /var/lib,
-// removed at tearDown. Null when it cannot be made (only root may).
+// The same outside /tmp (in /var/lib, so root only), for copies the installer
+// is to take as installed: it passes over any under /tmp. Null on failure.
 QString makeInstalledDir(const QString &hint);
 // Writes the bytes to the path, creating its folders.
 bool writeFile(const QString &path, const QByteArray &bytes);

@@ -9,17 +9,14 @@
 
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
-    // Under ThreadSanitizer the helper programs this test starts are
-    // instrumented too; what they report must not make them die halfway
-    // through the behaviour a test waits for. This program keeps the options
-    // it was started with.
+    // Under ThreadSanitizer the helper programs started here are instrumented
+    // too: a report must not end them halfway through what a test waits for.
     if (qEnvironmentVariableIsSet("TSAN_OPTIONS"))
         qputenv("TSAN_OPTIONS", qgetenv("TSAN_OPTIONS") + " halt_on_error=0 exitcode=0");
     TestEnvironment::setUp();
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
-    // The test runner's own flags are no user defaults.
-    KVUserDefaults::setArgumentDomain({});
+    KVUserDefaults::setArgumentDomain({});  // the runner's flags are no user defaults
     const int result = RUN_ALL_TESTS();
     TestEnvironment::tearDown();
     return result;

@@ -1,5 +1,4 @@
-// A program of someone else's, built against the installed library: one line
-// through two of its units, each header reached the two ways it is offered.
+// Someone else's program: each header reached the two ways it is offered.
 #include <KVStuff/KVFormat.h>
 #include <StringExtensions.h>
 
