@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <QCryptographicHash>
+#include <QDir>
 #include <QProcess>
 #include <algorithm>
 
@@ -25,16 +26,16 @@ inline bool makeLink(const QString &path, const QString &target) {
     return symlink(local(target).constData(), local(path).constData()) == 0;
 }
 
-// folder/name.app with nested folders; a relative (Versions/Current), an
-// absolute and a dangling symbolic link; executable, private and hidden
-// files, a multi-megabyte one among them; a private folder; non-ASCII names;
-// old access and modification times with nanoseconds on a file, a folder and
-// a link; user.* extended attributes on a file and a folder. Returns the
-// path, or a null string when the file system refused something.
+inline QStringList entries(const QString &folder) {
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+}
+
+// folder/name.app with every kind of item a copy must keep: relative, absolute
+// and dangling links, private, hidden, non-ASCII and multi-megabyte files, old
+// nanosecond times and user.* attributes. Null when something was refused.
 inline QString makeRichBundle(const QString &folder, const QString &name) {
     const QString contents = folder + "/" + name + ".app/Contents";
-    const QString framework = contents + "/Frameworks/Kit.framework";
-    const QString versions = framework + "/Versions";
+    const QString versions = contents + "/Frameworks/Kit.framework/Versions";
     // A period of 251 bytes never lines up with blocks, so a misplaced block shows.
     QByteArray large(3 * 1024 * 1024 + 17, '\0');
     for (qsizetype i = 0; i < large.size(); ++i) large[i] = char(i % 251);
@@ -49,7 +50,7 @@ inline QString makeRichBundle(const QString &folder, const QString &name) {
         makeFile(contents + "/Info.plist", "<plist/>", 0644) &&
         makeFile(contents + "/MacOS/" + name, large, 0755) &&
         makeFile(versions + "/A/Kit", "kit", 0755) && makeLink(versions + "/Current", "A") &&
-        makeLink(framework + "/Kit", "Versions/Current/Kit") &&
+        makeLink(versions + "/../Kit", "Versions/Current/Kit") &&
         makeFile(contents + "/Resources/.hidden", "h", 0600) &&
         makeLink(contents + "/Resources/absolute", contents + "/Info.plist") &&
         makeLink(contents + "/Resources/dangling", "../nowhere") &&
@@ -63,8 +64,7 @@ inline QString makeRichBundle(const QString &folder, const QString &name) {
     return made ? folder + "/" + name + ".app" : QString();
 }
 
-// A small product bundle whose Info.plist carries the marker, so a test can
-// tell which of several copies lies somewhere.
+// A small product bundle whose Info.plist holds the marker, which tells copies apart.
 inline QString makeProduct(const QString &path, const QByteArray &marker) {
     const bool made = makeFile(path + "/Contents/Info.plist", marker, 0644) &&
                       makeFile(path + "/Contents/MacOS/Product", "#!/bin/sh\n", 0755);
@@ -77,14 +77,12 @@ inline QByteArray markerOf(const QString &productPath) {
 }
 
 namespace detail {
-// O_NOATIME (the tests run as the files' owner or as root): taking a
-// snapshot must not change the access times it records.
-inline int openQuietly(const QByteArray &path, int flags) {
-    return open(path.constData(), flags | O_NOATIME | O_NOFOLLOW | O_CLOEXEC);
-}
-
 inline void describe(const QString &path, const QString &relative, QStringList &lines) {
     const QByteArray bytes = local(path);
+    // O_NOATIME: a snapshot must not change the access times it records.
+    const auto openQuietly = [&](int flags) {
+        return open(bytes.constData(), flags | O_NOATIME | O_NOFOLLOW | O_CLOEXEC);
+    };
     struct stat status;
     if (lstat(bytes.constData(), &status) != 0) return void(lines << relative + " missing");
     const auto nanoseconds = [](timespec t) { return qint64(t.tv_sec) * 1000000000 + t.tv_nsec; };
@@ -95,7 +93,7 @@ inline void describe(const QString &path, const QString &relative, QStringList &
                        .arg(nanoseconds(status.st_mtim));
     char buffer[4096];
     if (S_ISLNK(status.st_mode)) {
-        // Reading a link's target may change its access time: not recorded.
+        // Reading a link may change its access time: not recorded.
         const ssize_t length = readlink(bytes.constData(), buffer, sizeof buffer);
         line += " -> " + QFile::decodeName(QByteArray(buffer, std::max<ssize_t>(length, 0)));
     } else {
@@ -103,7 +101,7 @@ inline void describe(const QString &path, const QString &relative, QStringList &
     }
     if (S_ISREG(status.st_mode)) {
         QFile file;
-        file.open(openQuietly(bytes, O_RDONLY), QIODevice::ReadOnly, QFile::AutoCloseHandle);
+        file.open(openQuietly(O_RDONLY), QIODevice::ReadOnly, QFile::AutoCloseHandle);
         QCryptographicHash hash(QCryptographicHash::Sha256);
         hash.addData(&file);
         line += QString(" size=%1 sha256=%2").arg(status.st_size).arg(hash.result().toHex());
@@ -118,8 +116,7 @@ inline void describe(const QString &path, const QString &relative, QStringList &
                                       QByteArray(value, std::max<ssize_t>(length, 0)).toHex());
     }
     lines << line;
-    if (!S_ISDIR(status.st_mode)) return;
-    DIR *directory = fdopendir(openQuietly(bytes, O_RDONLY | O_DIRECTORY));
+    DIR *directory = S_ISDIR(status.st_mode) ? fdopendir(openQuietly(O_DIRECTORY)) : nullptr;
     while (const dirent *entry = directory ? readdir(directory) : nullptr) {
         const QString name = QFile::decodeName(entry->d_name);
         if (name != "." && name != "..") describe(path + "/" + name, relative + "/" + name, lines);
@@ -128,11 +125,9 @@ inline void describe(const QString &path, const QString &relative, QStringList &
 }
 }  // namespace detail
 
-// One line per item below root (root itself is "."), sorted by path: type and
-// permission bits, modification and (but for links) access times in
-// nanoseconds, link target or size and SHA-256 of the bytes, and extended
-// attributes. Two trees with equal snapshots are equal copies. Copying reads
-// the source and so may change its access times: snapshot it beforehand.
+// One line per item below root ("."), sorted: type, mode, times, link target or
+// size and SHA-256, and attributes. Equal snapshots are equal copies. Copying
+// may change the source's access times: snapshot it beforehand.
 inline QStringList snapshot(const QString &root) {
     QStringList lines;
     detail::describe(root, ".", lines);
@@ -140,23 +135,18 @@ inline QStringList snapshot(const QString &root) {
     return lines;
 }
 
-// Items made immutable (chattr +i) for one test and freed again when it
-// ends, passed or not, so that the test folders can be removed.
+// Items made immutable (chattr +i) and freed again when the test ends, so that
+// its folders can be removed. lock() needs root and a file system with the flag.
 class ImmutableItems {
 public:
     ~ImmutableItems() {
-        for (const QString &path : m_paths) chattr("-i", path);
+        for (const QString &path : m_paths) QProcess::execute("chattr", {"-i", path});
     }
-    // False when chattr cannot (it needs root and a file system with the flag).
-    bool lock(const QString &path) { return chattr("+i", path) && (m_paths << path, true); }
+    bool lock(const QString &path) {
+        return QProcess::execute("chattr", {"+i", path}) == 0 && (m_paths << path, true);
+    }
 
 private:
-    static bool chattr(const QString &flag, const QString &path) {
-        QProcess process;
-        process.start("chattr", {flag, path});
-        return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit &&
-               process.exitCode() == 0;
-    }
     QStringList m_paths;
 };
 
