@@ -9,16 +9,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <string>
 #include <vector>
 
-extern char **environ;
-
-// Its pid, or -1; no signals blocked. With output named, standard input is
-// /dev/null and output and error go to the files. endWithParent: it ends with
-// a crashed test (through setpriv).
+// Its pid or -1; with output named, input is /dev/null and output and error go
+// to the files; endWithParent: it ends with a crashed test.
 inline pid_t spawn(std::vector<std::string> words, const std::string &output = {},
                    const std::string &errors = {}, bool endWithParent = false,
                    bool ownGroup = false) {
@@ -46,23 +42,19 @@ inline pid_t spawn(std::vector<std::string> words, const std::string &output = {
     return failed ? -1 : pid;
 }
 
-// Whether the child has ended (and is reaped) within the milliseconds.
+// Whether it ended (and is reaped) within about the milliseconds.
 inline bool waitForExit(pid_t pid, int milliseconds, int *status = nullptr) {
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    for (;;) {
+    for (int waited = 0;; waited += 5) {
         const pid_t done = waitpid(pid, status, WNOHANG);
         if (done == pid || (done < 0 && errno == ECHILD)) return true;
-        if (std::chrono::steady_clock::now() > deadline) return false;
+        if (waited >= milliseconds) return false;
         usleep(5000);
     }
 }
 
-// The signal, then SIGKILL if the child lingers; reaps it.
 inline void stopProcess(pid_t &pid, int signal = SIGTERM) {
-    if (pid <= 0) return;
-    kill(pid, signal);
-    if (!waitForExit(pid, 5000)) kill(pid, SIGKILL), waitForExit(pid, 5000);
+    if (pid > 0 && (kill(pid, signal), !waitForExit(pid, 5000)))
+        kill(pid, SIGKILL), waitForExit(pid, 5000);
     pid = -1;
 }
 

@@ -1,8 +1,6 @@
-// A small real program that tests start inside bundles: it reports that it
-// is ready on the descriptor given by --ready-fd, then waits for signals.
+// A real program for bundles: says ready on --ready-fd, then waits for signals.
 //   --ignore-term   keeps running on SIGTERM (only SIGKILL ends it)
-//   --respawn N     on SIGTERM, starts a copy of itself with N-1, waits until
-//                   it is ready, then ends: there is always one running
+//   --respawn N     on SIGTERM, starts a ready copy with N-1, then ends: one always runs
 #include <cstring>
 
 #include "Spawn.h"

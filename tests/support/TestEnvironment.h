@@ -1,18 +1,54 @@
-// Every test process runs with its own HOME and XDG folders under one
-// temporary root, so no test reads or writes the real home folder.
+// Each test process has its own HOME and XDG folders: none touches the real home.
 #pragma once
+
+#include <QDir>
+#include <QTemporaryDir>
+#include <memory>
 
 #include "QtPrinters.h"
 
 namespace TestEnvironment {
-void setUp();  // by the test main
-void tearDown();
-QString root();
-// A new empty folder below the root, named after the hint.
-QString makeTempDir(const QString &hint);
+inline std::unique_ptr<QTemporaryDir> s_root, s_installedRoot;
+
+inline QString root() { return s_root ? s_root->path() : QString(); }
+
+inline void setUp() {
+    s_root = std::make_unique<QTemporaryDir>(QDir::tempPath() + "/kvtest-XXXXXX");
+    // clang-format off
+    for (const auto &[variable, folder] : {std::pair{"HOME", "/home"},
+            {"XDG_CONFIG_HOME", "/home/.config"}, {"XDG_DATA_HOME", "/home/.local/share"},
+            {"XDG_STATE_HOME", "/home/.local/state"}, {"XDG_CACHE_HOME", "/home/.cache"},
+            {"XDG_RUNTIME_DIR", "/run"}}) {
+        // clang-format on
+        // Qt wants a private runtime folder; one the caller chose stays.
+        if (QLatin1String(variable) == "XDG_RUNTIME_DIR" && !qEnvironmentVariableIsEmpty(variable))
+            continue;
+        QDir().mkpath(root() + folder);
+        qputenv(variable, QFile::encodeName(root() + folder));
+    }
+    QFile::setPermissions(root() + "/run", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+}
+
+inline void tearDown() { s_root.reset(), s_installedRoot.reset(); }
+
+inline QString makeTempDir(const QString &hint, const QString &below = root() + "/tmp") {
+    static int counter = 0;
+    const QString path = QString("%1/%2-%3").arg(below, hint).arg(++counter);
+    return QDir().mkpath(path) ? path : QString();
+}
+
 // The same outside /tmp (in /var/lib, so root only), for copies the installer
 // is to take as installed: it passes over any under /tmp. Null on failure.
-QString makeInstalledDir(const QString &hint);
-// Writes the bytes to the path, creating its folders.
-bool writeFile(const QString &path, const QByteArray &bytes);
+inline QString makeInstalledDir(const QString &hint) {
+    if (!s_installedRoot)
+        s_installedRoot = std::make_unique<QTemporaryDir>("/var/lib/kvtest-XXXXXX");
+    return s_installedRoot->isValid() ? makeTempDir(hint, s_installedRoot->path()) : QString();
+}
+
+inline bool writeFile(const QString &path, const QByteArray &bytes) {
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+           file.write(bytes) == bytes.size();
+}
 }  // namespace TestEnvironment

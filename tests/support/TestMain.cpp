@@ -1,5 +1,4 @@
-// A private home, an offscreen GUI application (widgets and translators need
-// one), then GoogleTest.
+// A private home, an offscreen GUI application, then GoogleTest.
 #include <gtest/gtest.h>
 
 #include <QApplication>
@@ -9,8 +8,7 @@
 
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
-    // Under ThreadSanitizer the helper programs started here are instrumented
-    // too: a report must not end them halfway through what a test waits for.
+    // A report must not end an instrumented helper halfway through what a test waits for.
     if (qEnvironmentVariableIsSet("TSAN_OPTIONS"))
         qputenv("TSAN_OPTIONS", qgetenv("TSAN_OPTIONS") + " halt_on_error=0 exitcode=0");
     TestEnvironment::setUp();
