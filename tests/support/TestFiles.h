@@ -111,18 +111,4 @@ inline QStringList snapshot(const QString &root, const QString &relative = ".") 
     return lines;
 }
 
-// chattr +i until the test ends; lock() needs root and a file system with the flag.
-class ImmutableItems {
-public:
-    ~ImmutableItems() {
-        for (const QString &path : m_paths) QProcess::execute("chattr", {"-i", path});
-    }
-    bool lock(const QString &path) {
-        return QProcess::execute("chattr", {"+i", path}) == 0 && (m_paths << path, true);
-    }
-
-private:
-    QStringList m_paths;
-};
-
 }  // namespace TestFiles

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QThread>
 #include <thread>
 
@@ -72,7 +73,6 @@ protected:
     const QString source = folder + "/Volume/" + name, wrapper = folder + "/Volume/Product Folder";
     const QString destination = apps + "/" + name, installed = apps + "/Product Folder";
     const QString wrappedDestination = installed + "/" + name;
-    ImmutableItems locks;
 };
 
 // Links, modes, times and attributes survive; wrapper items replace installed ones.
@@ -152,7 +152,11 @@ TEST_F(InstallTest, AnItemThatCannotGoEndsTheRunWithItsLogLines) {
     makeFile(target, "old read me", 0644);
     makeProduct(wrappedDestination, "installed");
     makeProduct(destination, "old");
-    if (!locks.lock(target) || !locks.lock(destination)) GTEST_SKIP() << "chattr +i needs root";
+    const auto chattr = [](const char *flag, const QString &path) {
+        return QProcess::execute("chattr", {flag, path}) == 0;
+    };
+    const auto unlock = qScopeGuard([&] { chattr("-i", target), chattr("-i", destination); });
+    if (!chattr("+i", target) || !chattr("+i", destination)) GTEST_SKIP() << "chattr needs root";
     EXPECT_EQ(install(source, wrappedDestination, wrapper),
               Result(2, "ERROR -- Could not delete " + target +
                             "\nERROR -- Could not copy auxiliary item to " + target));
