@@ -102,7 +102,8 @@ TEST_F(InstallTest, TrainRejectsWrongArgumentsWithUsageAndTouchesNothing) {
     // clang-format off
     for (const QStringList &arguments : QList<QStringList>{{}, {source}, {"", destination},
             {source, destination, wrapper, folder}, {"Volume/" + name, destination},
-            {source, "Applications/" + name}, {source, destination, ""}, {source + "\n", destination}})
+            {source, "Applications/" + name}, {source, destination, ""},
+            {source + "\n", destination}})
         EXPECT_EQ(train(arguments), usage) << qPrintable(arguments.join(" | "));
     // clang-format on
     // A name that is no text would be installed under another one than authorised.
@@ -132,7 +133,8 @@ TEST_F(InstallTest, WhatCannotBeInstalledIsRefused) {
     // clang-format off
     const QString pairs[][2] = {{source, source}, {folder + "/alias.app", source},
         {source, apps + "/Alias.app"}, {folder + "/Bound.app", source},
-        {source, source + "/Contents/Copy.app"}, {destination + "/Contents/Inner.app", destination}};
+        {source, source + "/Contents/Copy.app"}, {destination + "/Contents/Inner.app", destination}
+    };
     // clang-format on
     for (const auto &[from, to] : pairs)
         EXPECT_EQ(install(from, to),
