@@ -141,6 +141,7 @@ struct Cause {
     QString text;
     bool asUser = false;
 };
+void PrintTo(const Cause &cause, std::ostream *out) { *out << cause.name; }  // stable test names
 
 using Args = QStringList;
 // clang-format off
