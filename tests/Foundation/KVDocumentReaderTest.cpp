@@ -39,8 +39,15 @@ TEST(KVDocumentReaderTest, RendersEachFormatAndEncodingAsItsText) {
         EXPECT_TRUE(KVDocumentReader::read(folder + "/" + name, &document)) << name;
         EXPECT_EQ(document.toPlainText(), text) << name;
     }
+    // What cannot be read leaves nothing of the document read before.
     ASSERT_EQ(mkfifo(QFile::encodeName(folder + "/fifo").constData(), 0600), 0);
-    EXPECT_FALSE(KVDocumentReader::read(folder + "/fifo", &document) || !document.isEmpty());
+    ASSERT_TRUE(TestEnvironment::writeFile(folder + "/huge.txt", "") &&
+                QFile::resize(folder + "/huge.txt", KVDocumentReader::kMaximumFileSize + 1));
+    for (const char *name : {"fifo", "missing.txt", "huge.txt"}) {
+        document.setPlainText("previous");
+        EXPECT_FALSE(KVDocumentReader::read(folder + "/" + name, &document) || !document.isEmpty())
+            << name;
+    }
 }
 
 // No code, fallback, hidden or non-text destination leaks into the text, and

@@ -6,6 +6,7 @@
 
 #include <QDir>
 #include <QTest>
+#include <QUrl>
 
 #include "KVFileManager.h"
 #include "KVWorkspace.h"
@@ -14,6 +15,7 @@
 #include "TestFiles.h"
 
 using TestFiles::makeLink;
+using TestFiles::makeProduct;
 using TestFiles::snapshot;
 
 // A copy never replaces or follows what is at the destination (a dangling
@@ -74,4 +76,27 @@ TEST(KVWorkspaceTest, ApplicationsStartAsTheDesktopStartsThem) {
     EXPECT_EQ(fields.value(3).toInt(), pid);
     kill(pid, SIGKILL);
     EXPECT_TRUE(QTest::qWaitFor([&] { return !QFileInfo::exists(proc); }, 10000));
+}
+
+// The installer trashes the old copy on every run: the second run's must not
+// replace the first's, and each entry names its item's place, odd letters too.
+TEST(KVWorkspaceTest, TrashKeepsEachItemOfTheSameNameRestorable) {
+    const QString trash = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash";
+    const QString folder = TestEnvironment::makeTempDir("trash"), name = "Old Prodüct 100%.app";
+    QDir(trash).removeRecursively();
+    const QString first = makeProduct(folder + "/one/" + name, "1"),
+                  second = folder + "/two/" + name;
+    const QStringList before = snapshot(first);
+    ASSERT_TRUE(KVWorkspace::moveToTrash(first));
+    ASSERT_TRUE(KVWorkspace::moveToTrash(makeProduct(second, "2")));
+    EXPECT_EQ(snapshot(trash + "/files/" + name), before);
+    QStringList restorable;
+    for (const QString &entry : QDir(trash + "/info").entryList(QDir::Files)) {
+        QFile info(trash + "/info/" + entry);
+        const QByteArray path = info.open(QIODevice::ReadOnly) ? info.readAll().split('\n')[1] : "";
+        restorable << QUrl::fromPercentEncoding(path.mid(5)) + " " +
+                          TestFiles::markerOf(trash + "/files/" + entry.chopped(10));
+    }
+    restorable.sort();
+    EXPECT_EQ(restorable, QStringList({first + " 1", second + " 2"}));
 }

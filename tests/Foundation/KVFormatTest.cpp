@@ -3,15 +3,20 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QTranslator>
+#include <clocale>
 #include <thread>
 
 #include "KVBundle.h"
 #include "KVFormat.h"
 #include "KVLocalization.h"
 #include "KVLog.h"
+#include "KVPropertyList.h"
+#include "KVUserDefaults.h"
 #include "LogCapture.h"
+#include "TestEnvironment.h"
 
 TEST(KVFormatTest, FillsEachConversionAsThePlatformDoes) {
     const QString cases[][2] = {
@@ -36,6 +41,25 @@ TEST(KVFormatTest, FillsEachConversionAsThePlatformDoes) {
          "(\n    Plain_Word$9,\n    \"\",\n    \"a-b\",\n    \"say \\\"hi\\\"\",\n    "
          "\"C:\\\\dir\",\n    \"two\\nlines\",\n    \"Gr\\U00fc\\U00dfe \\U20ac\"\n)"}};
     for (const auto &c : cases) EXPECT_EQ(c[0], c[1]);
+}
+
+// The user's German locale would write and read "2,5" into logs, defaults and
+// property lists; the machine's may lack German, so one is made.
+TEST(KVFormatTest, WritesAndReadsRealsWithAPointUnderAGermanLocale) {
+    const QByteArray saved = std::setlocale(LC_NUMERIC, nullptr);
+    const QString folder = TestEnvironment::makeTempDir("locale");
+    QProcess::execute("localedef", {"-i", "de_DE", "-f", "UTF-8", folder + "/de_DE.UTF-8"});
+    qputenv("LOCPATH", QFile::encodeName(folder));
+    const bool german = std::setlocale(LC_NUMERIC, "de_DE.UTF-8");
+    const QString text = kvFormat("%1.1f %1.3f", 2.5, 1.0 / 3);
+    const double value = KVUserDefaults::doubleValue("0.35");
+    const QByteArray xml = KVPropertyList::toData(QVariantList{2.5}, KVPropertyList::Format::Xml);
+    const QVariant read = KVPropertyList::fromData(xml).toList().value(0);
+    std::setlocale(LC_NUMERIC, saved.constData());
+    qunsetenv("LOCPATH");
+    if (!german) GTEST_SKIP() << "localedef could not make a German locale";
+    EXPECT_EQ(text + " " + QString::number(value), "2.5 0.333 0.35");
+    EXPECT_TRUE(xml.contains("<real>2.5</real>") && read == 2.5) << xml.constData();
 }
 
 // One newline per line even when the message brings its own; two threads'
