@@ -15,7 +15,6 @@
 #include "TestFiles.h"
 
 using TestFiles::makeLink;
-using TestFiles::makeProduct;
 using TestFiles::snapshot;
 
 // A copy never replaces or follows what is at the destination (a dangling
@@ -83,12 +82,11 @@ TEST(KVWorkspaceTest, ApplicationsStartAsTheDesktopStartsThem) {
 TEST(KVWorkspaceTest, TrashKeepsEachItemOfTheSameNameRestorable) {
     const QString trash = qEnvironmentVariable("XDG_DATA_HOME") + "/Trash";
     const QString folder = TestEnvironment::makeTempDir("trash"), name = "Old Prodüct 100%.app";
+    const QString first = folder + "/one/" + name, second = folder + "/two/" + name;
     QDir(trash).removeRecursively();
-    const QString first = makeProduct(folder + "/one/" + name, "1"),
-                  second = folder + "/two/" + name;
-    const QStringList before = snapshot(first);
+    const QStringList before = snapshot(TestFiles::makeProduct(first, "1"));
     ASSERT_TRUE(KVWorkspace::moveToTrash(first));
-    ASSERT_TRUE(KVWorkspace::moveToTrash(makeProduct(second, "2")));
+    ASSERT_TRUE(KVWorkspace::moveToTrash(TestFiles::makeProduct(second, "2")));
     EXPECT_EQ(snapshot(trash + "/files/" + name), before);
     QStringList restorable;
     for (const QString &entry : QDir(trash + "/info").entryList(QDir::Files)) {

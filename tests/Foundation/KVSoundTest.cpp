@@ -35,11 +35,10 @@ TEST(KVSoundFileTest, DamagedFilesGiveWhatDecodesAndJunkIsNoSound) {
     ASSERT_TRUE(TestEnvironment::writeFile(folder + "/empty.wav", ""));
     const double cut = KVSound(folder + "/cut.oga").duration();
     EXPECT_TRUE(cut > 0 && cut < KVSound(whole.fileName()).duration()) << cut;
-    FifoWatch fifo(folder + "/fifo.wav");
-    ASSERT_TRUE(fifo.made());
+    const FifoWatch fifo(folder + "/fifo.wav");
     for (const char *name : {"/junk.oga", "/empty.wav", "/fifo.wav"}) {
         KVSound junk(folder + name);
         EXPECT_FALSE(junk.duration() > 0 || junk.play()) << name;
     }
-    EXPECT_FALSE(fifo.readerWaited());
+    EXPECT_TRUE(fifo.made() && !fifo.readerWaited());
 }
