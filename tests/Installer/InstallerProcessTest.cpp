@@ -75,7 +75,7 @@ public:
         if (asUser) {
             const QString user = Relaunch::unprivilegedUser(), home = folder + "/user";
             QDir().mkpath(home);
-            QProcess::execute("chown", {user + ":", home});
+            QProcess::execute("chown", {"-R", user + ":", home});
             words[0] =
                 Relaunch::stage(KV_INSTALLER_APP, folder + "/bin") + "/Contents/MacOS/Installer";
             const QString library = "LD_LIBRARY_PATH=" + Relaunch::libraryFolder();
@@ -150,6 +150,13 @@ const Cause kCauses[] = {
          TestBundle::makeRoadProduct(t.applications, "1.0");
          return t.road();
      }, Status::Installed, "] AppleEvents installed\nProduct was successfully installed."},
+    // The system's applications folder is closed to the user: their own is chosen.
+    {"NoDestinationGivenToTheUser", [](UnattendedTest &t) {
+         t.applications = t.folder + "/user/Applications";
+         t.destination = t.applications + "/Product.app";
+         QDir().mkpath(t.applications);
+         return Args{"-sourcePath", t.source};
+     }, Status::Installed, "Product was successfully installed.", true},
     // pkexec runs train as root for the user: what it installs is root's.
     {"DestinationOnlyRootMayWriteAndAPolicyThatAgrees", [](UnattendedTest &t) {
          return t.onlyRoot(true); }, Status::Installed, "Product was successfully installed.", true},
@@ -195,7 +202,12 @@ TEST_P(UnattendedFailureTest, EndsWithItsStatusAndText) {
     EXPECT_EQ(TestBundle::versionOf(destination), installed ? "2.0" : before);
     if (!installed) return;
     EXPECT_EQ(TestBundle::versionOf(trash() + "/Product.app"), before);
-    EXPECT_EQ(QFileInfo(destination + "/Contents/MacOS/Product").ownerId(), 0u);
+    const QString userLog = logText(folder + "/user/.local/state");
+    if (cause.asUser && !polkit)
+        EXPECT_TRUE(userLog.contains("] Can't write to /Applications, checking ~/Applications\n") &&
+                    userLog.contains("] User applicationsDirectory: " + applications + "\n"));
+    else
+        EXPECT_EQ(QFileInfo(destination + "/Contents/MacOS/Product").ownerId(), 0u);
     if (cause.asUser) return;
     EXPECT_GT(TestBundle::runningFrom(destination), 0);
     EXPECT_TRUE(log().endsWith("] unattended run ends with status 0\n"));

@@ -6,6 +6,7 @@
 #include <QTest>
 #include <QTextBrowser>
 
+#include "FifoWatch.h"
 #include "InstallerRun.h"
 #include "InstallerWindow.h"
 #include "WindowShot.h"
@@ -66,8 +67,15 @@ TEST_F(ArgumentsTest, WordsPairIntoKeysAndCodesCollect) {
     EXPECT_FALSE(has("completionQuit") || has("dangling"));
     EXPECT_EQ(controller->productVersion(), "3");
     EXPECT_EQ(arg("productCode").toStringList(), (QStringList{"ABCD", "EFGH"}));
-    // Inside the product, the installer takes what it lacks from there.
-    ASSERT_TRUE(setUp({}, product + "/Contents/Resources/Installer.app"));
+    // Inside the product, the installer takes what it lacks from there. Neither the icon nor
+    // an image in the read-me waits on a FIFO or reads a device.
+    FifoWatch fifo(folder + "/pipe.png");
+    const QString readMe = file("ReadMe.md", "Read me\n\n![](pipe.png)![](/dev/zero)");
+    ASSERT_TRUE(setUp({"-readMePath", readMe, "-iconPath", folder + "/pipe.png"},
+                      product + "/Contents/Resources/Installer.app"));
+    ui().readMeTextView->grab();
+    EXPECT_TRUE(fifo.made() && !fifo.readerWaited());
+    EXPECT_TRUE(ui().readMeTextView->toPlainText().startsWith("Read me"));
     EXPECT_EQ(
         log.filter("shortened path = "),
         (QStringList{"shortened path = " + product + "/Contents", "shortened path = " + product}));
@@ -103,9 +111,13 @@ TEST_F(WindowTest, ReadMeComesFirstAndTheButtonsAndKeysWalkBetweenThePages) {
     QTest::keyClick(controller->window(), Qt::Key_Escape);
     EXPECT_EQ(quits->count(), 1);
 
-    ASSERT_TRUE(setUp(productWords({"-readMePath", folder + "/missing.rtf"})));
+    ASSERT_TRUE(setUp(
+        productWords({"-readMePath", folder + "/missing.rtf", "-completionQuit", "4294967.3"})));
     EXPECT_EQ(seen(), "1 Install/Go Back q0");
     EXPECT_TRUE(ui().helpButton->isHidden());
+    // Months: no timer counts that far, and a wrapped count would quit at once.
+    controller->installationFinished("Installation failed.");
+    EXPECT_FALSE(quits->wait(1000));
 }
 
 TEST_F(WindowTest, TooOldSystemShowsTheSheetWhoseButtonsQuit) {
