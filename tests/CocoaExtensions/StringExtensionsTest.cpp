@@ -62,6 +62,14 @@ TEST(StringExtensionsTest, TrimmingLinesRepeatsAndDigests) {
     EXPECT_TRUE(repeated(QString(1 << 20, u'x'), 1 << 20).isNull());
     // Process hashes: only the bytes before the first zero count.
     EXPECT_EQ(MD5String(u16({'a', 'b', 'c', 0, 'x'})), "900150983cd24fb0d6963f7d28e17f72");
+    // What scripts and settings hold: too large a number saturates; a '%' without two hex
+    // digits, or bytes that are no UTF-8, leave the whole text as it is.
+    expectRows<QString, long>(numericValue, {{"0x10", 16}, {"010", 8}, {" -42z", -42},
+        {"99999999999999999999", LONG_MAX}});
+    expectRows<QString, bool>(booleanValue, {{"yes", true}, {" -3", true}, {"N1", false},
+        {"", false}});
+    expectRows<QString, QString>(stringWithExpandedPercentEscapes, {{"%41%c3%a9", u16({'A', 0xE9})},
+        {"50% %41", "50% %41"}, {"%FF", "%FF"}});
 }
 
 // No form in the encoding, no encoding, no folder, a full disk, a FIFO
@@ -103,6 +111,12 @@ TEST(StringExtensionsTest, BestEncodingOfAFile) {
     ASSERT_TRUE(makeFifo(dir + "/fifo"));
     for (const QString &path : {dir, dir + "/fifo", dir + "/missing"})
         EXPECT_TRUE(stringWithBestEncodingFromFile(path).isNull()) << path;
+    // Only bytes the file has count: FF FE alone is UTF-16, FF FE 00 00 UTF-32.
+    // Decoding skips the mark.
+    const auto mark = [](const QByteArray &b) { return explicitEncodingOfFile(writeTemp(b), {}); };
+    expectRows<QByteArray, NSStringEncoding>(mark, {{"\xFF\xFE", NSUTF16LittleEndianStringEncoding},
+        {QByteArray("\xFF\xFE\x00\x00", 4), NSUTF32LittleEndianStringEncoding}});
+    EXPECT_EQ(stringWithData("\xEF\xBB\xBFx", NSUTF8StringEncoding), "x");
     // Strict: an overlong zero or a surrogate in UTF-8 is no text, never replacement characters.
     for (const char *bytes : {"\xC0\x80", "\xED\xA0\x80", "ab\xE2\x82"})
         EXPECT_TRUE(stringWithData(bytes, NSUTF8StringEncoding).isNull())
