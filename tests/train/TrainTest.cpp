@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
 
@@ -75,7 +77,7 @@ protected:
     const QString wrappedDestination = installed + "/" + name;
 };
 
-// Links, modes, times and attributes survive; wrapper items replace installed ones.
+// Links, modes, times and attributes survive; wrapper items replace installed ones, others stay.
 TEST_F(InstallTest, TrainInstallsIdenticalCopiesWithTheirWrapper) {
     const QString rich = makeRichBundle(folder + "/Volume", "Rich"), target = apps + "/Rich.app";
     makeProduct(target, "old");
@@ -86,10 +88,12 @@ TEST_F(InstallTest, TrainInstallsIdenticalCopiesWithTheirWrapper) {
     for (const bool again : {false, true}) {
         QDir(trash).removeRecursively();
         if (again) makeFile(installed + "/bin/stale-tool", "old", 0644);
+        if (again) makeFile(installed + "/Mine", "the user's", 0644);
         const QStringList auxiliary = auxiliaryItems(wrapper);
         before = snapshot(source);
         EXPECT_EQ(train({source, wrappedDestination, wrapper}), Result(0, ""));
         EXPECT_EQ(auxiliaryItems(installed), auxiliary);
+        EXPECT_EQ(QFileInfo::exists(installed + "/Mine"), again);
         EXPECT_EQ(snapshot(wrappedDestination), before);
         EXPECT_EQ(trashed(), QStringList{name});
         EXPECT_EQ(markerOf(trash + "/files/" + name), "wrapper's");
@@ -206,6 +210,28 @@ TEST_F(InstallTest, AnInterruptedCopyLeavesTheOldCopyInPlace) {
     EXPECT_EQ(install(source, target), Result(2, "ERROR -- Could not copy myself to " + target));
     EXPECT_EQ(markerOf(target), "old");
     EXPECT_EQ(entries(small), QStringList{name});
+}
+
+// A second installation into the folder starts only once the first has ended.
+TEST_F(InstallTest, ASecondInstallationIntoTheFolderWaitsForTheFirst) {
+    const int first = open(local(apps), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(first, LOCK_EX), 0);
+    QProcess tool;
+    tool.start(KV_TRAIN_TOOL, {source, destination});
+    ASSERT_TRUE(tool.waitForStarted());
+    QFile calls(QString("/proc/%1/syscall").arg(tool.processId()));
+    const QByteArray sleeping = QByteArray::number(SYS_clock_nanosleep) + ' ';
+    // Until it sleeps between two tries at the lock, or ends.
+    while (!tool.waitForFinished(1) &&
+           !(calls.open(QIODevice::ReadOnly) && calls.readAll().startsWith(sleeping)))
+        calls.close();
+    EXPECT_EQ(entries(apps), QStringList());
+    close(first);
+    ASSERT_TRUE(tool.waitForFinished(60000));
+    EXPECT_EQ(tool.exitCode(), 0);
+    EXPECT_EQ(QString::fromUtf8(tool.readAllStandardError()).section("] ", 1),
+              "Waited for another installation into " + apps + " to end\n");
+    EXPECT_EQ(markerOf(destination), "new");
 }
 
 class TrainBoundaryTest : public testing::Test {
