@@ -29,6 +29,8 @@ public:
     void TearDown() override {
         refusing.reset();
         polkit.reset();
+        // What the runs as the user launched: TestBundle sees only this user's processes.
+        QProcess::execute("pkill", {"-KILL", "-u", Relaunch::unprivilegedUser(), "-f", folder});
         tearDownRoad();
     }
 
