@@ -70,10 +70,9 @@ TEST_F(ArgumentsTest, WordsPairIntoKeysAndCodesCollect) {
     // Inside the product, the installer takes what it lacks from there. Neither the icon nor
     // an image in the read-me waits on a FIFO or reads a device.
     FifoWatch fifo(folder + "/pipe.png");
-    const QString readMe = file("ReadMe.md", "Read me\n\n![](pipe.png)![](/dev/zero)");
+    const QString readMe = file("ReadMe.html", "<p>Read me<img src=pipe.png><img src=/dev/zero>");
     ASSERT_TRUE(setUp({"-readMePath", readMe, "-iconPath", folder + "/pipe.png"},
                       product + "/Contents/Resources/Installer.app"));
-    ui().readMeTextView->grab();
     EXPECT_TRUE(fifo.made() && !fifo.readerWaited());
     EXPECT_TRUE(ui().readMeTextView->toPlainText().startsWith("Read me"));
     EXPECT_EQ(
