@@ -23,9 +23,8 @@ TEST(KVLaunchServicesTest, RegisteredBundleGetsADesktopEntryTheDesktopAccepts) {
     const QString entry =
         qEnvironmentVariable("XDG_DATA_HOME") + "/applications/org.velmora.test.shown.desktop";
     EXPECT_EQ(KVLaunchServices::registerURL(bundle, true), KVLaunchServices::noErr);
-    QFile file(entry);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const QString text = QString::fromUtf8(file.readAll());
+    const QString text = QString::fromUtf8(TestEnvironment::readFile(entry));
+    ASSERT_FALSE(text.isEmpty());
     EXPECT_TRUE(
         text.contains(QString("\nExec=/usr/bin/env \"%1/a \\\\\"b\\\\\" \\\\$c \\\\`d\\\\` %%e"
                               "/Shown App.app/Contents/MacOS/Shown App\"\n")

@@ -74,8 +74,7 @@ struct Road {
 };
 
 inline QString readText(const QString &path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(TestEnvironment::readFile(path));
 }
 inline QString logText(const QString &stateHome = qEnvironmentVariable("XDG_STATE_HOME")) {
     return readText(stateHome + "/VelmoraInstaller.log");

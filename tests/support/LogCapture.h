@@ -7,7 +7,7 @@
 #include <QRegularExpression>
 #include <QTemporaryFile>
 
-#include "QtPrinters.h"
+#include "TestEnvironment.h"
 
 class LogCapture {
 public:
@@ -21,11 +21,7 @@ public:
         dup2(m_savedFd, STDERR_FILENO);
         close(m_savedFd);
     }
-    QString text() const {
-        QFile file(m_file.fileName());
-        file.open(QIODevice::ReadOnly);
-        return QString::fromUtf8(file.readAll());
-    }
+    QString text() const { return QString::fromUtf8(TestEnvironment::readFile(m_file.fileName())); }
     // The messages of the log lines so far, without their date/process prefix;
     // lines without that prefix continue the message before them.
     QStringList messages() const {

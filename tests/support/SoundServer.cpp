@@ -25,11 +25,6 @@ pid_t spawnQt(const QStringList &arguments, const QString &output, const QString
     for (const QString &argument : arguments) words.push_back(argument.toStdString());
     return spawn(words, output.toStdString(), errors.toStdString(), endWithParent);
 }
-
-QByteArray readAll(const QString &path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 }  // namespace
 
 SoundServer *SoundServer::shared(QString *error) {
@@ -93,7 +88,8 @@ QString SoundServer::start() {
     const QDeadlineTimer deadline(10000);
     while (m_daemon > 0 && !answers()) {
         if (waitForExit(m_daemon, 50) || deadline.hasExpired())
-            return "pulseaudio did not answer; its log ends:\n" + readAll(log).right(800);
+            return "pulseaudio did not answer; its log ends:\n" +
+                   TestEnvironment::readFile(log).right(800);
     }
     // A recording that never ends keeps the sink in short blocks, so each capture starts at once.
     m_keeper = spawnQt({"parec", kMonitor, "--latency-msec=20"}, "/dev/null", "/dev/null");
@@ -129,7 +125,7 @@ QVector<float> SoundServer::stopCapture() {
     const qint64 wanted = QFileInfo(m_capture).size() + kSampleRate;  // 16-bit: half a second
     (void)QTest::qWaitFor([&] { return QFileInfo(m_capture).size() >= wanted; }, 4000);
     stopProcess(m_recorder, SIGINT);
-    const QByteArray bytes = readAll(m_capture);
+    const QByteArray bytes = TestEnvironment::readFile(m_capture);
     QVector<float> samples(bytes.size() / 2);
     for (qsizetype i = 0; i < samples.size(); ++i)
         samples[i] = qFromLittleEndian<qint16>(bytes.constData() + 2 * i) / 32768.0f;

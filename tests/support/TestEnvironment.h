@@ -45,6 +45,12 @@ inline QString makeInstalledDir(const QString &hint) {
     return s_installedRoot->isValid() ? makeTempDir(hint, s_installedRoot->path()) : QString();
 }
 
+// The whole file; empty when it cannot be read.
+inline QByteArray readFile(const QString &path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 inline bool writeFile(const QString &path, const QByteArray &bytes) {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
